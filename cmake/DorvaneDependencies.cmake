@@ -1,0 +1,18 @@
+# SPDX-License-Identifier: Apache-2.0
+# Every library that Dorvane stands on, all of them Debian packages.
+find_package(Threads REQUIRED)
+find_package(Boost 1.81 REQUIRED COMPONENTS url)
+find_package(nlohmann_json REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(SQLiteCpp REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+find_package(ZLIB REQUIRED)
+find_package(PNG REQUIRED)
+find_package(CLI11 REQUIRED)
+if(DORVANE_TESTS)
+    find_package(GTest REQUIRED)
+endif()
+if(DORVANE_BENCH)
+    find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/Text.h"
+
+namespace dorvane {
+namespace {
+
+constexpr char32_t replacement = 0xFFFD;
+
+/// Decodes one scalar at `at` and moves on; an invalid sequence yields the replacement and moves one byte.
+char32_t decodeOne(std::string_view text, std::size_t& at, bool& valid) {
+    const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
+    const std::uint8_t lead = byte(at);
+    if (lead < 0x80) return byte(at++);
+    const std::size_t length = lead >= 0xF0 && lead < 0xF5 ? 4 : lead >= 0xE0 && lead < 0xF0 ? 3 : lead >= 0xC2 && lead < 0xE0 ? 2 : 0;
+    if (length == 0 || at + length > text.size()) {
+        valid = false;
+        ++at;
+        return replacement;
+    }
+    char32_t scalar = lead & (0xFF >> (length + 1));
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80) {
+            valid = false;
+            ++at;
+            return replacement;
+        }
+        scalar = scalar << 6 | (byte(at + i) & 0x3F);
+    }
+    const bool overlong = (length == 3 && scalar < 0x800) || (length == 4 && scalar < 0x10000);
+    if (overlong || scalar > 0x10FFFF || (scalar >= 0xD800 && scalar < 0xE000)) {
+        valid = false;
+        ++at;
+        return replacement;
+    }
+    at += length;
+    return scalar;
+}
+
+void appendUTF8(std::string& out, char32_t c) {
+    const auto put = [&](char32_t value) { out.push_back(static_cast<char>(value)); };
+    if (c < 0x80) {
+        put(c);
+    } else if (c < 0x800) {
+        put(0xC0 | (c >> 6));
+        put(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        put(0xE0 | (c >> 12));
+        put(0x80 | ((c >> 6) & 0x3F));
+        put(0x80 | (c & 0x3F));
+    } else {
+        put(0xF0 | (c >> 18));
+        put(0x80 | ((c >> 12) & 0x3F));
+        put(0x80 | ((c >> 6) & 0x3F));
+        put(0x80 | (c & 0x3F));
+    }
+}
+
+/// Lower case without depending on the process's locale: ASCII, Latin-1 and Latin Extended, Greek, Cyrillic.
+char32_t lowerScalar(char32_t c) {
+    if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 32 : c;
+    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;
+    if (c >= 0x100 && c <= 0x137) return c | 1;
+    if ((c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E)) return c % 2 == 1 ? c + 1 : c;
+    if (c >= 0x14A && c <= 0x177) return c | 1;
+    if (c == 0x178) return 0xFF;
+    if (c >= 0x391 && c <= 0x3A9 && c != 0x3A2) return c + 32;
+    if (c >= 0x400 && c <= 0x40F) return c + 80;
+    if (c >= 0x410 && c <= 0x42F) return c + 32;
+    if (c >= 0x1E00 && c <= 0x1E95) return c | 1;
+    if (c >= 0x1EA0 && c <= 0x1EFF) return c | 1;
+    return c;
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+/// Takes a run of digits at `at`, without its leading zeros.
+std::string_view takeNumber(std::string_view text, std::size_t& at) {
+    const auto start = at;
+    while (at < text.size() && isDigit(text[at])) ++at;
+    auto number = text.substr(start, at - start);
+    while (number.size() > 1 && number.front() == '0') number.remove_prefix(1);
+    return number;
+}
+
+}  // namespace
+
+std::string asciiLowercased(std::string_view text) {
+    std::string result(text);
+    for (auto& c : result)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+    return result;
+}
+
+std::string asciiUppercased(std::string_view text) {
+    std::string result(text);
+    for (auto& c : result)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+    return result;
+}
+
+std::string lowercased(std::string_view text) {
+    std::string result;
+    for (const auto c : scalars(text)) appendUTF8(result, lowerScalar(c));
+    return result;
+}
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n\v\f";
+    const auto first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::vector<std::string> split(std::string_view text, char separator) {
+    std::vector<std::string> pieces;
+    std::size_t start = 0;
+    for (auto at = text.find(separator); at != std::string_view::npos; at = text.find(separator, start)) {
+        pieces.emplace_back(text.substr(start, at - start));
+        start = at + 1;
+    }
+    pieces.emplace_back(text.substr(start));
+    return pieces;
+}
+
+std::string joined(const std::vector<std::string>& pieces, std::string_view separator) {
+    std::string text;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        if (i > 0) text += separator;
+        text += pieces[i];
+    }
+    return text;
+}
+
+bool isValidUTF8(std::string_view text) {
+    bool valid = true;
+    for (std::size_t at = 0; at < text.size() && valid;) decodeOne(text, at, valid);
+    return valid;
+}
+
+std::u32string scalars(std::string_view text) {
+    std::u32string result;
+    bool valid = true;
+    for (std::size_t at = 0; at < text.size();) result.push_back(decodeOne(text, at, valid));
+    return result;
+}
+
+std::string repairedUTF8(ByteView bytes) {
+    std::string result;
+    result.reserve(bytes.size());
+    for (const auto c : scalars(asText(bytes))) appendUTF8(result, c);
+    return result;
+}
+
+std::string_view prefixOfScalars(std::string_view text, std::size_t count) {
+    bool valid = true;
+    std::size_t at = 0;
+    while (at < text.size() && count-- > 0) decodeOne(text, at, valid);
+    return text.substr(0, at);
+}
+
+std::size_t scalarCount(std::string_view text) { return scalars(text).size(); }
+
+bool precedesNaturally(std::string_view a, std::string_view b) {
+    const auto foldedA = lowercased(a), foldedB = lowercased(b);
+    std::size_t i = 0, j = 0;
+    while (i < foldedA.size() && j < foldedB.size()) {
+        if (isDigit(foldedA[i]) && isDigit(foldedB[j])) {
+            const auto left = takeNumber(foldedA, i), right = takeNumber(foldedB, j);
+            if (left.size() != right.size()) return left.size() < right.size();
+            if (left != right) return left < right;
+            continue;
+        }
+        const auto left = static_cast<std::uint8_t>(foldedA[i++]), right = static_cast<std::uint8_t>(foldedB[j++]);
+        if (left != right) return left < right;
+    }
+    if (foldedA.size() - i != foldedB.size() - j) return foldedA.size() - i < foldedB.size() - j;
+    return a < b;
+}
+
+}  // namespace dorvane
