@@ -67,7 +67,7 @@ std::optional<NetworkConfig::Mode> networkModeFromRawValue(std::string_view text
 struct DorvaneVMConfig {
     static constexpr auto fileName = "config.json";
 
-    int version = 1;
+    std::int64_t version = 1;
     VMOSType os = VMOSType::windows;
     int cpuCount = 0;
     std::uint64_t memoryBytes = 0;
