@@ -46,6 +46,8 @@ archiveURI() {
     local codename
     codename=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
     local uri
+    # The names are apt's, not the shell's.
+    # shellcheck disable=SC2016
     uri=$(apt-get indextargets --format '$(RELEASE) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
         awk -v release="$codename" '$1 == release && $2 == "main" { print $3; exit }')
     [[ -n $uri ]] || fail "apt has no source for the main component of '$codename' on this machine."

@@ -48,7 +48,7 @@ std::string bashScript(const std::vector<CommandWords>& commands) {
     std::string cases;
     for (const auto& words : commands)
         cases += fmt::format("        \"{}\") words=\"{}\"; machines={} ;;\n", words.path, wordList(words), words.takesMachine ? 1 : 0);
-    return fmt::format(R"(# Completion of dorvane for bash: source it, or put it into ~/.local/share/bash-completion/completions/dorvane
+    return fmt::format(R"sh(# Completion of dorvane for bash: source it, or put it into ~/.local/share/bash-completion/completions/dorvane
 _dorvane() {{
     local current="${{COMP_WORDS[COMP_CWORD]}}" path="" words="" machines=0 word
     for word in "${{COMP_WORDS[@]:1:COMP_CWORD-1}}"; do
@@ -70,7 +70,7 @@ _dorvane() {{
     fi
 }}
 complete -o default -F _dorvane dorvane
-)", cases, machineNames);
+)sh", cases, machineNames);
 }
 
 std::string zshScript(const std::vector<CommandWords>& commands) {

@@ -28,6 +28,11 @@ std::optional<T> optionalObject(const JSONReader& reader, std::string_view key, 
     return decode(JSONReader(*member, "The value of \"" + std::string(key) + "\""));
 }
 
+template <typename T>
+T requiredObject(const JSONReader& reader, std::string_view key, T (*decode)(const JSONReader&)) {
+    return decode(JSONReader(reader.required<JSON>(key), "The value of \"" + std::string(key) + "\""));
+}
+
 VMDisplayConfig displayFrom(const JSONReader& reader) {
     return {reader.required<int>("widthInPixels"), reader.required<int>("heightInPixels"),
             reader.required<int>("pixelsPerInch")};
@@ -158,7 +163,7 @@ DorvaneVMConfig DorvaneVMConfig::decoded(const JSON& value) {
     config.memoryBytes = reader.required<std::uint64_t>("memoryBytes");
     config.diskSizeBytes = reader.required<std::uint64_t>("diskSizeBytes");
     config.macAddress = reader.required<std::string>("macAddress");
-    config.display = *requiredObject;
+    config.display = requiredObject(reader, "display", displayFrom);
     config.macPlatform = optionalObject(reader, "macPlatform", macPlatformFrom);
     config.linuxPlatform = optionalObject(reader, "linuxPlatform", linuxPlatformFrom);
     config.windowsPlatform = optionalObject(reader, "windowsPlatform", windowsPlatformFrom);
@@ -171,7 +176,14 @@ DorvaneVMConfig DorvaneVMConfig::decoded(const JSON& value) {
     return config;
 }
 
-DorvaneVMConfig DorvaneVMConfig::read(const Path& file) { return decoded(parseJSON(readTextFile(file, maximumFileBytes))); }
+DorvaneVMConfig DorvaneVMConfig::read(const Path& file) {
+    try {
+        return decoded(parseJSON(readTextFile(file, maximumFileBytes)));
+    } catch (const FileError& error) {
+        if (error.number() == EINVAL) throw JSONError("The VM configuration is not a regular file.");
+        throw;
+    }
+}
 
 void DorvaneVMConfig::write(const Path& to) const { writeFileAtomically(to, prettyJSON(encoded())); }
 

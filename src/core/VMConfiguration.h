@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/DorvaneVMConfig.h"
+#include "core/MacProvisioning.h"
 #include "core/VMRecord.h"
 
 namespace dorvane {
@@ -23,6 +24,7 @@ struct VMConfiguration {
     std::optional<NetworkConfig> network;
     std::optional<bool> audioInput, audioOutput, serialConsole;
     std::optional<std::string> storagePath;
+    std::optional<MacProvisioningDraft> macProvisioning;
     std::optional<Bookmarks> bookmarksByPath;
 
     /// Throws invalidConfiguration for the first present field that is out of range.

@@ -79,7 +79,7 @@ struct VMRecord : VMRecordFields {
     bool isShutDownForEditing() const { return status == VMStatus::stopped || status == VMStatus::error; }
     bool canModifyBundleFiles() const { return isShutDownForEditing(); }
     bool shutdownAsksInsideGuest() const { return osType == VMOSType::macOS; }
-    /// "macOS", "Linux", "Windows".
+    /// "macOS", "Windows", or for Linux its distribution when the label or the image tells it, else "Linux".
     std::string listOSDisplayName() const;
     void setBookmark(Bytes data, const std::string& path);
 };

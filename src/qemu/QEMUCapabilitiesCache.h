@@ -14,16 +14,16 @@ namespace dorvane {
 /// Main thread only. Keyed by path, size and modification time, so that a replaced binary is asked anew.
 class QEMUCapabilitiesCache {
   public:
-    /// Runs the binary for its help texts; blocking, called on the background pool.
-    using HelpReader = std::function<QEMUHelpTexts(const Path& executable)>;
+    /// Runs the binary for its help texts; `additions` go over this process's environment.
+    using HelpReader = std::function<Task<QEMUHelpTexts>(Path executable, Environment additions)>;
 
-    explicit QEMUCapabilitiesCache(const Runtime& runtime, HelpReader reader);
+    QEMUCapabilitiesCache(const Runtime& runtime, HelpReader reader) : runtime_(runtime), reader_(std::move(reader)) {}
+    /// Runs the binary itself.
+    explicit QEMUCapabilitiesCache(const Runtime& runtime);
 
-    /// Throws FileError when there is no such file and POSIXError when it can't be started; a failure is not kept.
-    Task<QEMUCapabilities> capabilities(Path executable);
-
-    /// Runs the binary itself, with this environment or, when absent, this process's own.
-    static HelpReader helpReader(std::optional<Environment> environment);
+    /// Throws FileError when there is no such file and POSIXError when it can't be started. What did not even tell its
+    /// version is not kept.
+    Task<QEMUCapabilities> capabilities(Path executable, Environment additions);
 
   private:
     using Key = std::tuple<Path, std::uintmax_t, std::filesystem::file_time_type>;

@@ -6,6 +6,7 @@
 
 #include "base/JSON.h"
 #include "qemu/QCOW2ChainToolProtocol.h"
+#include "qemu/QEMURuntimeResources.h"
 #include "runtime/Logger.h"
 
 namespace dorvane {
@@ -13,8 +14,8 @@ namespace dorvane {
 /// A value; safe on any thread.
 class QEMUImageChainTool : public QCOW2ChainToolProtocol {
   public:
-    /// A tool only when the file exists: what QEMURuntimeResources found as `imageTool`.
-    static std::optional<QEMUImageChainTool> locate(const std::optional<Path>& imageTool);
+    /// A tool only when the resources were found and have it.
+    static std::optional<QEMUImageChainTool> locate(const std::optional<QEMURuntimeResources>& resources);
 
     explicit QEMUImageChainTool(Path imageTool) : imageTool_(std::move(imageTool)) {}
 

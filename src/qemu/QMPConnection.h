@@ -47,33 +47,35 @@ class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
     UUID observeEvents(EventHandler handler);
     void removeObserver(UUID id);
 
-    /// Ends the connection: commands in flight fail with connectionClosed, observers see the last event. Twice does
-    /// nothing.
+    /// Ends the connection and returns when it has: commands in flight fail with connectionClosed, observers see the
+    /// last event. Twice does nothing.
     Task<void> close();
-    /// The same for a synchronous caller, done when it returns. Waits for the queue, so never call it while holding
-    /// a lock that an observer takes.
+    /// The same begun by a synchronous caller, who needn't wait: an operation begun later finds the connection closed,
+    /// and an observer removed before sees nothing of it. The object lives until it is done.
     void closeNow();
 
   private:
     using Answer = OneShot<QMPObject>;
+    struct Pending {
+        Answer answer;
+        Timer deadline;
+    };
+    struct Command;
 
+    Task<FileDescriptor> openSocket(std::string socketPath, Duration timeout, std::function<bool()> isPeerAlive);
     void beginReading(FileDescriptor fd);
     void readAvailable();
     void dispatch(const std::string& line);
-    void settle(const std::optional<std::string>& id, const std::function<void(const Answer&)>& outcome);
-    void send(const std::string& command, const JSON& arguments, Duration timeout, int passing,
-              const Answer& answer);
+    void deliver(const QMPMessage& event);
+    void send(const Command& command);
+    std::optional<Answer> takePending(const std::string& id);
     void disconnect();
 
     Clock& clock_;
     SerialQueue queue_;
     Logger logger_{"QMPConnection"};
-    std::unique_ptr<ReadSource> readSource_;
+    std::shared_ptr<ReadSource> readSource_;
     QMPLineBuffer buffer_;
-    struct Pending {
-        Answer answer;
-        Timer deadline;
-    };
     std::map<std::string, Pending> pending_;
     std::map<UUID, EventHandler> eventHandlers_;
     std::int64_t nextCommandID_ = 0;

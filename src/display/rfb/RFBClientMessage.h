@@ -2,7 +2,8 @@
 // What the client says to the server (RFC 6143, section 7.5, and QEMU's extended key event), as bytes.
 #pragma once
 
-#include <string_view>
+#include <string>
+#include <variant>
 #include <vector>
 
 #include "display/rfb/RFBEncoding.h"
@@ -45,9 +46,17 @@ struct RFBClientMessage {
     };
     /// Latin-1 on the wire: a scalar beyond 255 becomes a question mark.
     struct ClientCutText {
-        std::string_view text;
+        std::string text;
         Bytes encoded() const;
     };
+
+    using Content = std::variant<SetPixelFormat, SetEncodings, FramebufferUpdateRequest, KeyEvent,
+                                 QEMUExtendedKeyEvent, PointerEvent, ClientCutText>;
+    Content content;
+
+    Bytes encoded() const {
+        return std::visit([](const auto& message) { return message.encoded(); }, content);
+    }
 };
 
 }  // namespace dorvane

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// The address for agents, and what they did.
+#include "app/ServiceCommands.h"
+#include "automation/MCPClientSetupSnippets.h"
+#include "automation/MCPLoopbackProbe.h"
+#include "base/Localized.h"
+
+namespace dorvane {
+namespace {
+
+Task<JSON> immediately(JSON value) { co_return value; }
+
+JSON text(const std::string& value) { return {{"text", value}}; }
+
+std::string probeSentence(const MCPLoopbackProbe::Result::Kind& result) {
+    using Result = MCPLoopbackProbe::Result;
+    if (const auto* answered = std::get_if<Result::OK>(&result))
+        return localized("The MCP server answered with %d tools.", answered->toolCount);
+    if (const auto* unreachable = std::get_if<Result::Unreachable>(&result)) return unreachable->reason;
+    if (const auto* unexpected = std::get_if<Result::UnexpectedResponse>(&result)) return unexpected->reason;
+    return localized("The MCP server refused the token.");
+}
+
+Task<JSON> probe(AppState& app) {
+    auto& server = app.mcpServerService();
+    const auto result = co_await MCPLoopbackProbe::probe(app.runtime(), server.effectivePort(), server.endpointToken());
+    JSON shown{{"ok", std::holds_alternative<MCPLoopbackProbe::Result::OK>(result)}};
+    shown["text"] = probeSentence(result);
+    if (const auto* answered = std::get_if<MCPLoopbackProbe::Result::OK>(&result))
+        shown["toolCount"] = answered->toolCount;
+    co_return shown;
+}
+
+JSON activity(AppState& app, const JSON& params) {
+    const JSONReader reader(params);
+    const auto limit = std::max<std::int64_t>(reader.optional<std::int64_t>("limit").value_or(50), 0);
+    const auto vm = reader.optional<std::string>("vm");
+    auto shown = JSON::array();
+    for (const auto& entry : app.activityLog().entries())
+        if (!vm || entry.vm == *vm) shown.push_back(entry.encoded());
+    while (shown.size() > static_cast<std::size_t>(limit)) shown.erase(shown.begin());
+    return shown;
+}
+
+}  // namespace
+
+void addMCPCommands(ControlMethods& methods, AppState& app) {
+    methods["mcp.url"].perform = [&app](const JSON&, const ProgressReporter&) {
+        return immediately(text(app.mcpServerService().endpointURLString()));
+    };
+    methods["mcp.config"].perform = [&app](const JSON&, const ProgressReporter&) {
+        return immediately(text(MCPClientSetupSnippets::jsonConfigSnippet(app.mcpServerService().endpointURLString())));
+    };
+    methods["mcp.token"].perform = [&app](const JSON& params, const ProgressReporter&) {
+        if (params.value("regenerate", false)) app.mcpServerService().regenerateToken();
+        return immediately(text(app.mcpServerService().endpointToken()));
+    };
+    methods["mcp.probe"].perform = [&app](const JSON&, const ProgressReporter&) { return probe(app); };
+    methods["log"].perform = [&app](const JSON& params, const ProgressReporter&) {
+        return immediately(activity(app, params));
+    };
+}
+
+}  // namespace dorvane

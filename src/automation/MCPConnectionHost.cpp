@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "automation/MCPConnectionHost.h"
+
+#include <sys/socket.h>
+
+#include "automation/MCPAuthToken.h"
+#include "automation/ReceiveDeadline.h"
+#include "runtime/Sockets.h"
+#include "runtime/Timeout.h"
+
+namespace dorvane {
+namespace {
+
+constexpr std::size_t receiveSize = 65536;
+/// Between two tries to accept while the process has no descriptors left.
+constexpr auto acceptRetryInterval = milliseconds(100);
+
+bool isPassing(int number) {
+    return number == EMFILE || number == ENFILE || number == ENOBUFS || number == ENOMEM;
+}
+
+void endSending(StreamConnection& connection) { ::shutdown(connection.descriptor(), SHUT_WR); }
+
+/// Closing a socket with unread bytes resets it, and a reset may overtake the response.
+void dropArrivedBytes(StreamConnection& connection) {
+    std::uint8_t dropped[4096];
+    while (::recv(connection.descriptor(), dropped, sizeof dropped, MSG_DONTWAIT) > 0) {
+    }
+}
+
+Task<bool> readToEnd(std::shared_ptr<StreamConnection> connection) {
+    Bytes dropped;
+    for (;;) {
+        dropped.clear();
+        const auto count = co_await connection->read(dropped, receiveSize);
+        if (count == 0) co_return true;
+    }
+}
+
+}  // namespace
+
+/// A connection's place among the open ones.
+class MCPConnectionHost::Slot {
+  public:
+    explicit Slot(Self host) : host_(std::move(host)) { ++host_->openConnections_; }
+    Slot(const Slot&) = delete;
+    Slot& operator=(const Slot&) = delete;
+    ~Slot() { --host_->openConnections_; }
+
+  private:
+    Self host_;
+};
+
+MCPConnectionHost::MCPConnectionHost(const Runtime& runtime, std::shared_ptr<LockedString> token,
+                                     Responder responder)
+    : runtime_(runtime),
+      networkQueue_(runtime.makeQueue("com.dorvane.app.mcp-server")),
+      tokenForNetwork_(std::move(token)),
+      responder_(std::move(responder)) {}
+
+void MCPConnectionHost::listen(std::uint16_t port, ListenerEvents events) {
+    networkQueue_.async([self = shared_from_this(), port, events = std::move(events)]() mutable {
+        self->openListener(port, std::move(events));
+    });
+}
+
+void MCPConnectionHost::stopListening() {
+    networkQueue_.async([self = shared_from_this()] { self->closeListener(); });
+}
+
+void MCPConnectionHost::endAll() {
+    networkQueue_.async([self = shared_from_this()] {
+        self->closeListener();
+        self->connectionTasks_.clear();
+    });
+}
+
+Task<void> MCPConnectionHost::shutdown() {
+    return onExecutor(networkQueue_.executor(), endTasks(shared_from_this()));
+}
+
+Task<void> MCPConnectionHost::endTasks(Self self) {
+    self->closeListener();
+    auto tasks = std::exchange(self->connectionTasks_, {});
+    for (auto& task : tasks) task.cancel();
+    for (auto& task : tasks) co_await task.finished();
+}
+
+void MCPConnectionHost::openListener(std::uint16_t port, ListenerEvents events) {
+    closeListener();
+    try {
+        listener_ = std::make_shared<StreamListener>(networkQueue_, listenLoopback(port), AF_INET);
+    } catch (const POSIXError& error) {
+        events.failed(error.what());
+        return;
+    }
+    events.ready();
+    acceptTask_ = spawn(networkQueue_.executor(), acceptConnections(shared_from_this(), listener_, std::move(events)),
+                        "MCP listener");
+}
+
+void MCPConnectionHost::closeListener() {
+    if (const auto listener = std::exchange(listener_, nullptr)) listener->close();
+    acceptTask_ = TaskHandle();
+}
+
+Task<void> MCPConnectionHost::acceptConnections(Self self, std::shared_ptr<StreamListener> listener,
+                                                ListenerEvents events) {
+    for (;;) {
+        int failure = 0;
+        try {
+            auto connection = co_await listener->accept();
+            self->welcome(std::move(connection));
+        } catch (const POSIXError& error) {
+            failure = error.number();
+        }
+        if (failure == ECANCELED) co_return;
+        if (isPassing(failure)) {
+            co_await self->runtime_.clock.sleep(acceptRetryInterval);
+        } else if (failure != 0) {
+            listener->close();
+            events.failed(errnoText(failure));
+            co_return;
+        }
+    }
+}
+
+void MCPConnectionHost::welcome(Connection connection) {
+    if (openConnections_ >= maximumConnections) return;
+    std::erase_if(connectionTasks_, [](const TaskHandle& task) { return task.isFinished(); });
+    const auto self = shared_from_this();
+    auto task = serve(self, std::move(connection), std::make_unique<Slot>(self));
+    connectionTasks_.push_back(spawn(networkQueue_.executor(), std::move(task), "MCP connection"));
+}
+
+bool MCPConnectionHost::authorizes(const std::string& path, const HTTPRequestParser::Headers& headers) const {
+    return MCPAuthToken::isEndpointPath(path) && MCPAuthToken::isAuthorized(path, headers, tokenForNetwork_->get());
+}
+
+Task<void> MCPConnectionHost::serve(Self self, Connection connection, std::unique_ptr<Slot> slot) {
+    try {
+        co_await converse(self, connection);
+    } catch (const POSIXError&) {
+        // The client went away or ran out of time; there is nobody left to tell.
+    }
+    connection->close();
+    slot.reset();
+}
+
+Task<void> MCPConnectionHost::converse(Self self, Connection connection) {
+    using Result = HTTPRequestParser::ParseResult;
+    ReceiveDeadline deadline(self->networkQueue_, self->runtime_.clock, receiveDeadline, connection);
+    HTTPRequestParser parser([host = self.get()](const std::string& path, const HTTPRequestParser::Headers& headers) {
+        return host->authorizes(path, headers);
+    });
+    Bytes received;
+    for (;;) {
+        received.clear();
+        const auto count = co_await connection->read(received, receiveSize);
+        auto result = parser.append(received);
+        if (std::holds_alternative<Result::NeedMoreData>(result)) {
+            if (count == 0) co_return;
+            continue;
+        }
+        deadline.setDone();
+        if (auto* complete = std::get_if<Result::Complete>(&result)) {
+            co_await answer(self, connection, std::move(complete->request));
+        } else {
+            const bool unauthorized = std::holds_alternative<Result::Unauthorized>(result);
+            co_await refuse(self, connection,
+                            unauthorized ? MCPHTTPResponse::unauthorized() : MCPHTTPResponse::empty(400, "Bad Request"));
+        }
+        co_return;
+    }
+}
+
+Task<void> MCPConnectionHost::answer(Self self, Connection connection, HTTPRequestParser::Request request) {
+    auto call = self->responder_(std::move(request));
+    const auto response = co_await onExecutor(self->runtime_.main.executor(), std::move(call));
+    if (!response) co_return;
+    const auto bytes = response->serialized();
+    co_await connection->write(asBytes(bytes));
+    dropArrivedBytes(*connection);
+}
+
+Task<void> MCPConnectionHost::refuse(Self self, Connection connection, MCPHTTPResponse response) {
+    const auto bytes = response.serialized();
+    co_await connection->write(asBytes(bytes));
+    // The client may still be sending the body that nobody wants; it is to see the answer nevertheless.
+    endSending(*connection);
+    co_await withTimeout(self->runtime_.clock, lingerLimit, readToEnd(connection));
+}
+
+}  // namespace dorvane

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/InstallerBootFlow.h"
+
+#include "base/Localized.h"
+#include "core/DorvaneError.h"
+#include "runtime/Logger.h"
+
+namespace dorvane {
+namespace {
+
+const Logger logger("VMService");
+
+DorvaneError refusal(const char* message) {
+    return DorvaneError(DorvaneError::Case::invalidConfiguration, localized(message));
+}
+
+}  // namespace
+
+void InstallerBootFlow::complete(VMRecord& vm) {
+    if (vm.osType == VMOSType::macOS)
+        throw refusal("Only VMs installed from an ISO can finish the installer boot flow.");
+    if (vm.hasPendingInstallerImage() && !vm.isShutDownForEditing())
+        throw refusal("Shut down the VM before removing the installer image.");
+    vm.pendingInstallerImagePath.reset();
+    vm.updatedAt = now();
+    library_.commit();
+    logger.info("Completed installation for VM: %s", vm.name);
+}
+
+Task<void> InstallerBootFlow::dropImageIfSystemIsBootable(VMRecordPointer vm) {
+    if (vm->osType != VMOSType::linux || !vm->hasPendingInstallerImage()) co_return;
+    const bool isBootable = co_await inspect(vm->bundle());
+    if (!isBootable) co_return;
+    vm->pendingInstallerImagePath.reset();
+    library_.commit();
+    logger.info("Found an installed system on %s; starting without the installer image", vm->name);
+}
+
+bool InstallerBootFlow::shouldAttempt(const VMRecord& vm) {
+    return vm.osType == VMOSType::linux && vm.hasPendingInstallerImage() && vm.isShutDownForEditing();
+}
+
+bool InstallerBootFlow::showsInstalledSystem(const VMBundle& bundle) const {
+    return with_.bootEvidence != nullptr && with_.bootEvidence->diskShowsBootableSystem(bundle.rawDisk());
+}
+
+Task<bool> InstallerBootFlow::inspect(VMBundle bundle) const {
+    const auto look = [this, bundle] { return showsInstalledSystem(bundle); };
+    co_return co_await with_.runtime.background.run(look);
+}
+
+Task<bool> InstallerBootFlow::autoComplete(VMRecordPointer vm) {
+    if (!shouldAttempt(*vm)) co_return false;
+    const bool isInstalled = co_await inspect(vm->bundle());
+    co_return !vm->isDeleted && autoComplete(*vm, isInstalled);
+}
+
+bool InstallerBootFlow::autoComplete(VMRecord& vm, bool showsInstalledSystem) {
+    if (!showsInstalledSystem || !shouldAttempt(vm)) return false;
+    vm.pendingInstallerImagePath.reset();
+    vm.updatedAt = now();
+    logger.info("Automatically completed Linux installation for VM: %s", vm.name);
+    return true;
+}
+
+}  // namespace dorvane

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/application/AppState.h"
+
+#include "core/DorvaneError.h"
+
+namespace dorvane {
+namespace {
+
+constexpr auto sandboxReaperInterval = seconds(1800);
+
+}  // namespace
+
+AppState::AppState(const HostServices& host, ModelContext& modelContext)
+    : host_(host), modelContext_(modelContext),
+      settingsService_(host.defaults, host.directories, host.system.userName()),
+      mcpServerService_(std::make_unique<MCPServerService>(host.runtime, settingsService_, host.keychain)),
+      qemu_(host_, settingsService_), engineRouter_(host.runtime, nullptr, &qemu_.engine()),
+      directoryDisposer_(host.files) {
+    hasCompletedOnboarding_ = host.defaults.boolean(defaultsKey::hasCompletedOnboarding).value_or(false);
+    host.defaults.set(defaultsKey::backendMode, "native");
+}
+
+AppState::~AppState() = default;
+
+Task<void> AppState::runStartSequence() {
+    configureMCPServer();
+    makeSharedVMService();
+    startSandboxReaper();
+    co_await startVMsMarkedForLaunch();
+}
+
+VMService& AppState::makeSharedVMService() {
+    if (sharedVMService_) return *sharedVMService_;
+    VMServiceCollaborators collaborators{
+        .runtime = host_.runtime,
+        .engine = engineRouter_,
+        .settings = settingsService_,
+        .gate = operationGate_,
+        .longOperations = longOperations_,
+        .fileManager = host_.files,
+        .host = host_.system,
+        .directoryDisposer = directoryDisposer_,
+        .bookmarks = bookmarks_,
+        .modelContext = &modelContext_,
+    };
+    collaborators.windowsSupport = &qemu_.windowsGuestSupport();
+    collaborators.framebufferCapture = &framebufferCapture_;
+    sharedVMService_ = std::make_unique<VMService>(collaborators);
+    return *sharedVMService_;
+}
+
+void AppState::configureMCPServer() {
+    if (std::exchange(isMCPServerConfigured_, true)) return;
+    auto& service = makeSharedVMService();
+    observeSharedVMListMembership();
+    activityLog_ = std::make_unique<AgentActivityLog>(host_.runtime, AgentActivityLog::defaultFile(host_.directories));
+    const MCPToolContext::Services services{
+        .vmService = service,
+        .sandboxService = sandboxService_,
+        .settingsService = settingsService_,
+        .operationGate = operationGate_,
+    };
+    mcpRequestHandler_ = std::make_shared<MCPRequestHandler>(
+        host_.runtime, services, activityLog_.get(), host_.version,
+        [server = mcpServerService_.get()] { return std::optional(server->endpointToken()); });
+    mcpServerService_->attachHandler(mcpRequestHandler_);
+    if (mcpServerService_->isEnabled())
+        mcpServerService_->start();
+    else
+        mcpServerService_->stop();
+}
+
+void AppState::observeSharedVMListMembership() {
+    auto& service = *sharedVMService_;
+    sharedVMListSubscription_ = service.vmsChanged.connect([this, &service] {
+        std::set<UUID> ids;
+        for (const auto& vm : service.vms()) ids.insert(vm->id);
+        if (ids == sharedVMIDs_) return;
+        sharedVMIDs_ = std::move(ids);
+        vmListRevision_ = UUID::random();
+        vmListRevisionChanged();
+    });
+}
+
+void AppState::startSandboxReaper() {
+    if (sandboxService_ == nullptr || sandboxReaperTask_) return;
+    sandboxReaperTask_ = spawn(host_.runtime.main.executor(), reapSandboxes(), "sandbox reaper");
+}
+
+Task<void> AppState::reapSandboxes() {
+    for (;;) {
+        co_await sandboxService_->reap(host_.runtime.clock.date());
+        co_await host_.runtime.clock.sleep(sandboxReaperInterval);
+    }
+}
+
+Task<void> AppState::startVMsMarkedForLaunch() {
+    if (std::exchange(didStartLaunchVMs_, true)) co_return;
+    auto& service = makeSharedVMService();
+    co_await service.refreshVMList();
+    const auto vms = service.vms();
+    for (const auto& vm : vms) {
+        if (!vm->startsWithDorvane.value_or(false) || vm->isEphemeral()) continue;
+        std::exception_ptr failure;
+        try {
+            co_await service.startVM(vm);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (isCancellation(failure)) std::rethrow_exception(failure);
+        if (failure)
+            launchLogger_.error("Could not start %{public}s at launch: %{public}s", vm->name,
+                                localizedDescription(failure));
+        else
+            launchLogger_.info("Started %{public}s because it is set to start with Dorvane", vm->name);
+    }
+}
+
+void AppState::refreshBackendAvailability(bool force) {
+    if (isBackendAvailable_ && !force) return;
+    isBackendAvailable_ = host_.system.isVirtualizationSupported();
+    if (*isBackendAvailable_)
+        backendAlertMessage_.reset();
+    else
+        backendAlertMessage_ = localized("Virtualization is not available on this Mac. Dorvane requires Apple "
+                                         "Silicon with Virtualization.framework support.");
+}
+
+void AppState::completeOnboarding() {
+    hasCompletedOnboarding_ = true;
+    host_.defaults.set(defaultsKey::hasCompletedOnboarding, true);
+}
+
+Task<void> AppState::shutDown() {
+    sandboxReaperTask_ = TaskHandle();
+    co_await mcpServerService_->shutdown();
+}
+
+}  // namespace dorvane

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// Writing the machine's memory to a file and reading it back: a state file is either whole or gone.
+#include "core/DorvaneError.h"
+#include "qemu/QEMUMigration.h"
+#include "qemu/QEMUProcessSupervisor.h"
+
+namespace dorvane {
+namespace {
+
+constexpr auto migrateTimeout = seconds(30.0);
+constexpr auto cancelTimeout = seconds(30.0);
+constexpr auto shortTimeout = seconds(5.0);
+constexpr auto cancelInterval = milliseconds(200);
+constexpr auto restoreTimeout = seconds(900.0);
+constexpr auto resumeTimeout = seconds(10.0);
+constexpr auto exitWait = seconds(1.0);
+constexpr auto exitInterval = milliseconds(50);
+
+Path sidecar(const Path& state) { return Path(state.string() + ".devices"); }
+
+void removeQuietly(const Path& file) {
+    std::error_code ignored;
+    std::filesystem::remove(file, ignored);
+}
+
+[[noreturn]] void rethrowAsSnapshotFailure(const std::exception_ptr& error) {
+    if (isCancellation(error)) std::rethrow_exception(error);
+    try {
+        std::rethrow_exception(error);
+    } catch (const DorvaneError&) {
+        throw;
+    } catch (...) {
+        throw DorvaneError(DorvaneError::Case::vmSnapshotFailed, localizedDescription(error));
+    }
+}
+
+}  // namespace
+
+Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
+    const auto self = shared_from_this();
+    const auto connection = requireConnection();
+    if (status_ != VMStatus::paused) throw DorvaneError(DorvaneError::Case::vmNotRunning, name_);
+    removeQuietly(to);
+    std::exception_ptr failure;
+    try {
+        co_await writeState(connection, to, timeout);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure) co_return;
+    co_await ignoreCancellation();
+    // QEMU writes until the migration has really stopped, so the file goes only then.
+    co_await cancelMigrationIfRunning(connection, cancelTimeout);
+    removeQuietly(to);
+    removeQuietly(sidecar(to));
+    rethrowAsSnapshotFailure(failure);
+}
+
+Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout) {
+    auto arguments = QEMUMigration::channelArguments(to);
+    co_await connection->execute("migrate", std::move(arguments), migrateTimeout);
+    std::function<bool()> isPeerGone = [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        return !self || self->isTerminated();
+    };
+    co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, timeout, std::move(isPeerGone));
+    if (suspendFingerprint_) writeFileAtomically(sidecar(to), suspendFingerprint_->serialized());
+}
+
+Task<void> QEMUProcessSupervisor::cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection,
+                                                           Duration timeout) {
+    if (isTerminated_) co_return;
+    // An answer that doesn't come counts as a migration that still runs.
+    auto status = [](std::shared_ptr<QMPConnection> over) -> Task<std::string> {
+        try {
+            auto known = co_await QEMUMigration::status(over, shortTimeout);
+            co_return known;
+        } catch (const std::exception&) {
+        }
+        co_return std::string();
+    };
+    auto state = co_await status(connection);
+    if (QEMUMigration::isSettled(state)) co_return;
+    co_await succeeds(connection, "migrate_cancel", shortTimeout);
+    const auto deadline = runtime_.clock.now() + timeout;
+    while (!isTerminated_ && runtime_.clock.now() < deadline) {
+        state = co_await status(connection);
+        if (QEMUMigration::isSettled(state)) {
+            logger_.info("迁移已停下(%{public}s): %{public}s", state, name_);
+            co_return;
+        }
+        co_await runtime_.clock.sleep(cancelInterval);
+    }
+    if (!isTerminated_)
+        logger_.error("迁移取消后 %{public}f 秒仍未停下: %{public}s", std::chrono::duration<double>(timeout).count(),
+                      name_);
+}
+
+Task<void> QEMUProcessSupervisor::restoreIncoming(Path from) {
+    restoreRejectedState_ = false;
+    const auto connection = connection_;
+    auto arguments = QEMUMigration::channelArguments(from);
+    co_await connection->execute("migrate-incoming", std::move(arguments), migrateTimeout);
+    std::exception_ptr failure;
+    try {
+        std::function<bool()> isPeerGone = [child = child_] { return !child->isRunning(); };
+        co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, restoreTimeout, std::move(isPeerGone));
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        co_await ignoreCancellation();
+        const bool isBad = co_await failureMeansBadState();
+        restoreRejectedState_ = isBad && !isCancellation(failure);
+        std::rethrow_exception(failure);
+    }
+    co_await connection->execute("cont", nullptr, resumeTimeout);
+}
+
+/// A stop by the user says nothing about the file; a child that has ended, or a failed load, does.
+Task<bool> QEMUProcessSupervisor::failureMeansBadState() {
+    const auto connection = connection_;
+    std::function<bool()> isGone = [child = child_] { return !child->isRunning(); };
+    const bool hasEnded = co_await pollUntil(runtime_.clock, exitWait, exitInterval, std::move(isGone));
+    if (didRequestStop_) co_return false;
+    if (hasEnded) co_return true;
+    try {
+        const auto state = co_await QEMUMigration::status(connection, shortTimeout);
+        co_return state == "failed";
+    } catch (const std::exception&) {
+    }
+    co_return false;
+}
+
+}  // namespace dorvane

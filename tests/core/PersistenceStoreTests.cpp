@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/PersistenceStore.h"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/StoreSchema.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+
+namespace dorvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+Date at(std::int64_t microseconds) { return Date(Date::duration(microseconds)); }
+
+VMRecordPointer fullRecord() {
+    auto record = std::make_shared<VMRecord>();
+    record->name = "dev \"é\" 💻";
+    record->osType = VMOSType::linux;
+    record->osVersionLabel = "Ubuntu 24.04";
+    record->vmPath = "/vms/dev";
+    record->diskSizeBytes = std::int64_t{1} << 62;
+    record->memoryMB = 4096;
+    record->cpuCount = 4;
+    record->status = VMStatus::paused;
+    record->lastLaunchedAt = at(1'700'000'000'123'456);
+    record->createdAt = at(-5);
+    record->updatedAt = at(7);
+    record->tags = {"a", ""};
+    record->imageSource = "x.iso";
+    record->sharedFolders = {{UUID::random(), "/home", "home", true}};
+    record->pendingInstallerImagePath = "/x.iso";
+    record->mountedImages.emplace();
+    record->usbStorageDevices = {"/usb.img"};
+    record->displayResolution = {1440, 900};
+    record->bookmarksByPath = {{"/x.iso", Bytes{0, 255}}};
+    record->sshUsername = "me";
+    record->sshPrivateKeyPath = "/key";
+    record->sshPrivateKeyBookmark = Bytes{};
+    record->ephemeral = EphemeralInfo{at(1), at(2), UUID::random()};
+    record->autoSnapshotBeforeAgentStart = false;
+    record->startsWithDorvane = true;
+    return record;
+}
+
+VMRecordPointer record(const std::string& name, Date createdAt = {}) {
+    auto row = std::make_shared<VMRecord>();
+    row->name = name;
+    row->createdAt = createdAt;
+    return row;
+}
+
+std::vector<std::string> names(const auto& rows) {
+    std::vector<std::string> all;
+    for (const auto& row : rows) all.push_back(row->name);
+    return all;
+}
+
+class PersistenceStoreTest : public testing::Test {
+  protected:
+    std::unique_ptr<ModelContext> open() { return PersistenceStore::makeModelContainer(folder.path()); }
+    std::string openingFailure() {
+        try {
+            open();
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+        return "(it opened)";
+    }
+    Path file() const { return folder / "Dorvane" / "Dorvane.store"; }
+    SQLite::Database raw() const { return {file().string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE}; }
+
+    test::TemporaryDirectory folder;
+    test::LogCapture log;
+};
+
+TEST_F(PersistenceStoreTest, everyFieldSurvivesAReopening) {
+    const auto full = fullRecord();
+    const auto plain = record("plain", at(10));
+    auto snapshot = std::make_shared<VMSnapshot>();
+    snapshot->vmID = full->id;
+    snapshot->parentSnapshotID = UUID::random();
+    snapshot->takenWhileRunningRaw = true;
+    snapshot->storageRaw = "chain";
+    {
+        const auto store = open();
+        store->insert(full);
+        store->insert(plain);
+        store->insert(snapshot);
+        store->save();
+    }
+    const auto store = open();
+    const auto rows = store->fetchRecords();
+    ASSERT_EQ(rows.size(), 2U);
+    EXPECT_EQ(static_cast<VMRecordFields&>(*rows[0]), static_cast<VMRecordFields&>(*full));
+    EXPECT_EQ(static_cast<VMRecordFields&>(*rows[1]), static_cast<VMRecordFields&>(*plain));
+    ASSERT_EQ(store->fetchSnapshots(full->id).size(), 1U);
+    EXPECT_EQ(static_cast<VMSnapshotFields&>(*store->fetchSnapshots(full->id)[0]),
+              static_cast<VMSnapshotFields&>(*snapshot));
+    EXPECT_TRUE(store->fetchSnapshots(plain->id).empty());
+    EXPECT_EQ(store->fetchRecords()[0], rows[0]);
+}
+
+TEST_F(PersistenceStoreTest, changesAndRemovalsReachTheStoreWithTheNextSave) {
+    const auto keep = record("keep", at(3)), drop = record("drop", at(2)), late = record("late", at(1));
+    {
+        const auto store = open();
+        for (const auto& row : {keep, drop}) store->insert(row);
+        store->save();
+        keep->name = "kept";
+        store->remove(drop);
+        EXPECT_TRUE(drop->isDeleted);
+        store->insert(late);
+        EXPECT_EQ(names(store->fetchRecords()), (std::vector<std::string>{"late", "kept"}));
+    }
+    {
+        const auto store = open();
+        EXPECT_EQ(names(store->fetchRecords()), (std::vector<std::string>{"drop", "keep"}));
+        const auto again = store->fetchRecords()[0];
+        store->remove(again);
+        store->insert(again);
+        EXPECT_FALSE(again->isDeleted);
+        store->fetchRecords()[1]->name = "kept";
+        store->save();
+    }
+    EXPECT_EQ(names(open()->fetchRecords()), (std::vector<std::string>{"drop", "kept"}));
+}
+
+TEST_F(PersistenceStoreTest, aFailedSaveWritesNothingAndKeepsEverythingPending) {
+    const auto good = record("good", at(1)), refused = record("refused", at(2));
+    {
+        const auto store = open();
+        store->save();
+    }
+    raw().exec("CREATE TRIGGER refusal BEFORE INSERT ON records WHEN NEW.body LIKE '%refused%' "
+               "BEGIN SELECT RAISE(ABORT, 'disk full'); END");
+    {
+        const auto store = open();
+        store->insert(good);
+        store->insert(refused);
+        try {
+            store->save();
+            FAIL();
+        } catch (const StoreError& error) {
+            EXPECT_STREQ(error.what(), "The library could not be saved: disk full");
+        }
+        refused->name = "accepted";
+        store->save();
+    }
+    EXPECT_EQ(names(open()->fetchRecords()), (std::vector<std::string>{"good", "accepted"}));
+}
+
+TEST_F(PersistenceStoreTest, anOlderBodyWithoutLaterFieldsLoadsAndABadRowHidesNoOther) {
+    open();
+    const auto id = UUID::random().text();
+    {
+        auto database = raw();
+        const auto insert = [&](const std::string& key, const std::string& body) {
+            SQLite::Statement query(database, "INSERT INTO records VALUES (?, ?)");
+            query.bind(1, key);
+            query.bind(2, body);
+            query.exec();
+        };
+        insert(id, R"({"id":")" + id + R"(","name":"old","osType":"macos","backendModeRaw":"native","vmPath":"/v",
+            "diskSizeBytes":1,"memoryMB":2,"cpuCount":3,"status":"error","createdAt":0,"updatedAt":0,"tags":[],
+            "sharedFolders":[],"unknownLaterField":true})");
+        insert("bad", R"({"id":"bad"})");
+        insert("worse", "no JSON");
+    }
+    const auto rows = open()->fetchRecords();
+    ASSERT_EQ(names(rows), std::vector<std::string>{"old"});
+    EXPECT_FALSE(rows[0]->displayResolution);
+    EXPECT_TRUE(log.contains("Skipping row bad of records"));
+    EXPECT_TRUE(log.contains("Skipping row worse of records"));
+    EXPECT_EQ(raw().execAndGet("SELECT count(*) FROM records").getInt(), 3);
+}
+
+TEST_F(PersistenceStoreTest, whatIsNoLibraryOfOursIsRefusedWithItsReason) {
+    open();
+    raw().exec("PRAGMA user_version = 99");
+    EXPECT_NE(openingFailure().find("newer version of Dorvane"), std::string::npos);
+    EXPECT_EQ(raw().execAndGet("PRAGMA user_version").getInt(), 99);
+
+    fs::remove(file());
+    writeFileAtomically(file(), std::string(5000, 'x'));
+    EXPECT_NE(openingFailure().find("file is not a database"), std::string::npos) << openingFailure();
+    EXPECT_EQ(readTextFile(file()), std::string(5000, 'x'));
+
+    fs::remove(file());
+    fs::create_directory(file());
+    EXPECT_NE(openingFailure().find("unable to open database file"), std::string::npos) << openingFailure();
+
+    fs::remove_all(folder / "Dorvane");
+    writeFileAtomically(folder / "Dorvane", "");
+    EXPECT_NE(openingFailure().find("Could not create"), std::string::npos) << openingFailure();
+}
+
+TEST_F(PersistenceStoreTest, migrationGoesThroughEveryMissingStepOrNone) {
+    fs::create_directory(folder / "Dorvane");
+    auto database = raw();
+    const std::array first{"CREATE TABLE t (a)"};
+    const std::array broken{"CREATE TABLE t (a)", "CREATE TABLE u (b)", "CREATE TABLE t (again)"};
+    const std::array second{"CREATE TABLE t (a)", "ALTER TABLE t ADD COLUMN b"};
+    migrateStore(database, first);
+    database.exec("INSERT INTO t VALUES (1)");
+    EXPECT_THROW(migrateStore(database, broken), SQLite::Exception);
+    EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 1);
+    EXPECT_FALSE(database.tableExists("u"));
+    migrateStore(database, second);
+    migrateStore(database, second);
+    EXPECT_EQ(database.execAndGet("SELECT a FROM t WHERE b IS NULL").getInt(), 1);
+    EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 2);
+}
+
+/// Writes generation after generation into every row, telling each finished save's number on the pipe.
+[[noreturn]] void writeForever(const Path& base, int rowCount, int pipe) {
+    const auto store = PersistenceStore::makeModelContainer(base);
+    auto rows = store->fetchRecords();
+    while (static_cast<int>(rows.size()) < rowCount) {
+        rows.push_back(record("", at(static_cast<std::int64_t>(rows.size()))));
+        store->insert(rows.back());
+    }
+    for (std::int64_t generation = rows[0]->memoryMB + 1;; ++generation) {
+        for (const auto& row : rows) row->memoryMB = generation;
+        store->save();
+        if (::write(pipe, &generation, sizeof generation) != sizeof generation) ::_exit(1);
+    }
+}
+
+TEST_F(PersistenceStoreTest, aKilledProcessLeavesEverySaveWholeOrAbsent) {
+    for (const int rowCount : {1, 7, 60, 200, 200, 200}) {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(::pipe(ends.data()), 0);
+        const auto child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) writeForever(folder.path(), rowCount, ends[1]);
+        ::close(ends[1]);
+        std::int64_t acknowledged = 0, told = 0;
+        for (int i = 0; i < 5 && ::read(ends[0], &told, sizeof told) == sizeof told; ++i) acknowledged = told;
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        while (::read(ends[0], &told, sizeof told) == sizeof told) acknowledged = told;
+        ::close(ends[0]);
+
+        const auto rows = open()->fetchRecords();
+        ASSERT_GE(rows.size(), static_cast<std::size_t>(rowCount));
+        ASSERT_GE(acknowledged, 5);
+        for (const auto& row : rows) ASSERT_EQ(row->memoryMB, rows[0]->memoryMB);
+        EXPECT_GE(rows[0]->memoryMB, acknowledged);
+        EXPECT_LE(rows[0]->memoryMB, acknowledged + 1);
+    }
+}
+
+TEST_F(PersistenceStoreTest, aLibraryInUseIsRefused) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe(ends.data()), 0);
+    const auto child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) writeForever(folder.path(), 1, ends[1]);
+    ::close(ends[1]);
+    std::int64_t told = 0;
+    ASSERT_EQ(::read(ends[0], &told, sizeof told), static_cast<ssize_t>(sizeof told));
+    EXPECT_EQ(openingFailure(), "Another Dorvane is using the library at " + file().string() + ".");
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ::close(ends[0]);
+    EXPECT_EQ(open()->fetchRecords().size(), 1U);
+}
+
+}  // namespace
+}  // namespace dorvane
