@@ -13,6 +13,9 @@
 namespace dorvane {
 
 struct VMDisplayConfig {
+    /// Of every display that the system itself writes.
+    static constexpr auto standardPixelsPerInch = 80;
+
     int widthInPixels = 0;
     int heightInPixels = 0;
     int pixelsPerInch = 0;

@@ -14,6 +14,10 @@ DorvaneError refusal(const char* message) {
     return DorvaneError(DorvaneError::Case::invalidConfiguration, localized(message));
 }
 
+bool showsSystem(const LinuxBootEvidenceInspecting* evidence, const VMBundle& bundle) {
+    return evidence != nullptr && evidence->diskShowsBootableSystem(bundle.rawDisk());
+}
+
 }  // namespace
 
 void InstallerBootFlow::complete(VMRecord& vm) {
@@ -41,11 +45,11 @@ bool InstallerBootFlow::shouldAttempt(const VMRecord& vm) {
 }
 
 bool InstallerBootFlow::showsInstalledSystem(const VMBundle& bundle) const {
-    return with_.bootEvidence != nullptr && with_.bootEvidence->diskShowsBootableSystem(bundle.rawDisk());
+    return showsSystem(with_.bootEvidence, bundle);
 }
 
 Task<bool> InstallerBootFlow::inspect(VMBundle bundle) const {
-    const auto look = [this, bundle] { return showsInstalledSystem(bundle); };
+    const auto look = [evidence = with_.bootEvidence, bundle] { return showsSystem(evidence, bundle); };
     co_return co_await with_.runtime.background.run(look);
 }
 

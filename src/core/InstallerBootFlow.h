@@ -25,9 +25,10 @@ class InstallerBootFlow {
     static bool shouldAttempt(const VMRecord& vm);
     /// Blocking, any thread.
     bool showsInstalledSystem(const VMBundle& bundle) const;
+    /// The same in the background. Once begun, it no longer needs this object.
+    Task<bool> inspect(VMBundle bundle) const;
 
   private:
-    Task<bool> inspect(VMBundle bundle) const;
     Date now() const { return with_.runtime.clock.date(); }
 
     const VMServiceCollaborators& with_;

@@ -13,23 +13,30 @@ namespace {
 
 const Logger logger("VMService");
 
-template <typename Value>
-bool assign(Value& field, Value value) {
-    if (field == value) return false;
-    field = std::move(value);
-    return true;
-}
+/// What a record mirrors of the machine description.
+struct Hardware {
+    explicit Hardware(const DorvaneVMConfig& config)
+        : os(config.os), cpuCount(config.cpuCount), memoryMB(static_cast<std::int64_t>(config.memoryBytes >> 20)),
+          diskSizeBytes(static_cast<std::int64_t>(config.diskSizeBytes)),
+          resolution{config.display.widthInPixels, config.display.heightInPixels} {}
 
-bool assignHardware(VMRecordFields& vm, const DorvaneVMConfig& config) {
-    const DisplayResolution resolution{config.display.widthInPixels, config.display.heightInPixels};
-    bool changed = assign(vm.osType, config.os);
-    changed |= assign(vm.backendModeRaw, std::string("native"));
-    changed |= assign(vm.cpuCount, static_cast<std::int64_t>(config.cpuCount));
-    changed |= assign(vm.memoryMB, static_cast<std::int64_t>(config.memoryBytes >> 20));
-    changed |= assign(vm.diskSizeBytes, static_cast<std::int64_t>(config.diskSizeBytes));
-    changed |= assign(vm.displayResolution, std::optional(resolution));
-    return changed;
-}
+    bool isShown(const VMRecordFields& vm) const {
+        return vm.osType == os && vm.backendModeRaw == "native" && vm.cpuCount == cpuCount &&
+               vm.memoryMB == memoryMB && vm.diskSizeBytes == diskSizeBytes && vm.displayResolution == resolution;
+    }
+    void assign(VMRecordFields& vm) const {
+        vm.osType = os;
+        vm.backendModeRaw = "native";
+        vm.cpuCount = cpuCount;
+        vm.memoryMB = memoryMB;
+        vm.diskSizeBytes = diskSizeBytes;
+        vm.displayResolution = resolution;
+    }
+
+    VMOSType os;
+    std::int64_t cpuCount, memoryMB, diskSizeBytes;
+    DisplayResolution resolution;
+};
 
 std::optional<DorvaneVMConfig> readTolerantly(const VMBundle& bundle) {
     try {
@@ -38,6 +45,16 @@ std::optional<DorvaneVMConfig> readTolerantly(const VMBundle& bundle) {
         logger.debug("Skipping %{public}s: %{public}s", bundle.directoryURL.string(), error.what());
         return std::nullopt;
     }
+}
+
+/// Whether the record changed.
+bool takeOverHardware(VMRecordFields& vm, const VMLibraryRefresher::ReadBundle& read) {
+    if (Hardware(*read.config).isShown(vm)) return false;
+    // The machine may have been reconfigured after the scan read it: a difference is worth a second look.
+    const auto config = readTolerantly(read.bundle);
+    if (!config || Hardware(*config).isShown(vm)) return false;
+    Hardware(*config).assign(vm);
+    return true;
 }
 
 /// "/a/b" for "/a/b/" and "/a/./b".
@@ -159,8 +176,10 @@ void VMLibraryRefresher::mergeVMs(const std::vector<ReadBundle>& bundles, const 
 }
 
 bool VMLibraryRefresher::mergeKnown(VMRecord& vm, const ReadBundle& read) {
-    bool changed = assignHardware(vm, *read.config);
-    changed |= assign(vm.status, with_.engine.status(vm.id).value_or(VMStatus::stopped));
+    bool changed = takeOverHardware(vm, read);
+    const auto status = with_.engine.status(vm.id).value_or(VMStatus::stopped);
+    changed |= vm.status != status;
+    vm.status = status;
     const bool isStamped = flow_.autoComplete(vm, read.showsInstalledSystem);
     if (changed && !isStamped) vm.updatedAt = now();
     return changed || isStamped;
@@ -175,7 +194,7 @@ bool VMLibraryRefresher::adopt(const ReadBundle& read) {
     vm->name = read.bundle.name();
     vm->vmPath = path;
     vm->createdAt = vm->updatedAt = now();
-    assignHardware(*vm, *read.config);
+    Hardware(*read.config).assign(*vm);
     library_.insert(vm);
     return true;
 }

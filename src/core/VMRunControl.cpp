@@ -46,15 +46,15 @@ std::optional<int> forwardedSSHPort(const VMBundle& bundle) {
     return std::nullopt;
 }
 
-Task<void> syncClock(const VMServiceCollaborators& with, VMRecordPointer vm) {
+Task<void> syncClock(const Runtime& runtime, VMEngineProtocol& engine, GuestClockSyncing& clockSync,
+                     std::weak_ptr<const bool> service, VMRecordPointer vm) {
     const auto readPort = [bundle = vm->bundle()] { return forwardedSSHPort(bundle); };
-    const auto port = co_await with.runtime.background.run(readPort);
-    if (!port) co_return;
-    auto& engine = with.engine;
-    const std::function<bool()> isVMRunning = [&engine, id = vm->id] {
-        return engine.status(id) == VMStatus::running;
+    const auto port = co_await runtime.background.run(readPort);
+    if (!port || service.expired()) co_return;
+    const std::function<bool()> isVMRunning = [&engine, service, id = vm->id] {
+        return !service.expired() && engine.status(id) == VMStatus::running;
     };
-    co_await with.clockSync->syncAfterRestore(vm, *port, isVMRunning, clockSyncAttempts, clockSyncDelay);
+    co_await clockSync.syncAfterRestore(vm, *port, isVMRunning, clockSyncAttempts, clockSyncDelay);
 }
 
 }  // namespace
@@ -186,7 +186,9 @@ void VMRunControl::refreshState(VMRecord& vm) {
 
 void VMRunControl::scheduleGuestClockSync(const VMRecordPointer& vm) {
     if (with_.clockSync == nullptr) return;
-    clockSyncs_[vm->id] = spawn(with_.runtime.main.executor(), syncClock(with_, vm), "scheduleGuestClockSync");
+    clockSyncs_[vm->id] = spawn(with_.runtime.main.executor(),
+                                syncClock(with_.runtime, with_.engine, *with_.clockSync, lifetime_, vm),
+                                "scheduleGuestClockSync");
 }
 
 }  // namespace dorvane

@@ -53,6 +53,8 @@ class VMRunControl {
     VMAttachmentsBuilder attachmentsBuilder_;
     std::set<UUID> starting_;
     std::map<UUID, TaskHandle> clockSyncs_;
+    /// What a clock task holds weakly, so that it finds out when this object has gone.
+    std::shared_ptr<const bool> lifetime_ = std::make_shared<const bool>(true);
 };
 
 }  // namespace dorvane

@@ -12,34 +12,54 @@ void VMStatusWatcher::watch(const UUID& vmID) {
                                      follow(weak_from_this(), vmID, number, std::move(*stream)), "watchEngineStatus")};
 }
 
-bool VMStatusWatcher::isCurrent(const UUID& vmID, std::uint64_t number) const {
-    const auto watcher = watchers_.find(vmID);
-    return watcher != watchers_.end() && watcher->second.number == number;
+std::shared_ptr<VMStatusWatcher> VMStatusWatcher::current(const std::weak_ptr<VMStatusWatcher>& weak,
+                                                          const UUID& vmID, std::uint64_t number) {
+    auto self = weak.lock();
+    if (!self) return nullptr;
+    const auto watcher = self->watchers_.find(vmID);
+    if (watcher == self->watchers_.end() || watcher->second.number != number) return nullptr;
+    return self;
 }
 
 Task<void> VMStatusWatcher::follow(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
                                    AsyncStream<VMStatus> stream) {
     for (;;) {
         const auto value = co_await stream.next();
-        const auto self = weak.lock();
-        // A value may have been on its way when this watcher was forgotten: it belongs to an earlier run.
-        if (!self || !self->isCurrent(vmID, number)) co_return;
-        co_await self->apply(value.value_or(VMStatus::stopped), vmID);
+        co_await apply(weak, vmID, number, value.value_or(VMStatus::stopped));
         if (value) continue;
-        if (self->isCurrent(vmID, number)) self->forget(vmID);
+        if (const auto self = current(weak, vmID, number)) self->forget(vmID);
         co_return;
     }
 }
 
-Task<void> VMStatusWatcher::apply(VMStatus status, UUID vmID) {
-    if (status == VMStatus::stopped || status == VMStatus::error) access_->close(vmID);
-    const auto vm = library_->find(vmID);
-    if (!vm || vm->status == status) co_return;
+Task<void> VMStatusWatcher::apply(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
+                                  VMStatus status) {
+    auto self = current(weak, vmID, number);
+    const auto vm = self ? self->takeOver(status, vmID) : nullptr;
+    if (!vm) co_return;
+    bool showsInstalledSystem = false;
+    if (InstallerBootFlow::shouldAttempt(*vm)) {
+        auto inspection = self->flow_.inspect(vm->bundle());
+        self.reset();
+        showsInstalledSystem = co_await std::move(inspection);
+        self = current(weak, vmID, number);
+    }
+    if (self && !vm->isDeleted) self->keep(*vm, showsInstalledSystem);
+}
+
+/// The record when its status changed.
+VMRecordPointer VMStatusWatcher::takeOver(VMStatus status, const UUID& vmID) {
+    if (status == VMStatus::stopped || status == VMStatus::error) access_.close(vmID);
+    auto vm = library_.find(vmID);
+    if (!vm || vm->status == status) return nullptr;
     vm->status = status;
-    const bool isStamped = co_await flow_->autoComplete(vm);
-    if (vm->isDeleted) co_return;
-    if (!isStamped) vm->updatedAt = with_.runtime.clock.date();
-    library_->commitQuietly();
+    return vm;
+}
+
+void VMStatusWatcher::keep(VMRecord& vm, bool showsInstalledSystem) {
+    const bool isStamped = flow_.autoComplete(vm, showsInstalledSystem);
+    if (!isStamped) vm.updatedAt = with_.runtime.clock.date();
+    library_.commitQuietly();
 }
 
 }  // namespace dorvane

@@ -10,12 +10,11 @@
 
 namespace dorvane {
 
-/// Main thread only. Held by shared pointer: a task that outlives the service finds it gone and ends.
+/// Main thread only. Held by one shared pointer: a task that outlives the service finds it gone and ends.
 class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
   public:
-    VMStatusWatcher(const VMServiceCollaborators& with, std::shared_ptr<VMLibrary> library,
-                    std::shared_ptr<VMAccess> access, std::shared_ptr<InstallerBootFlow> installerFlow)
-        : with_(with), library_(std::move(library)), access_(std::move(access)), flow_(std::move(installerFlow)) {}
+    VMStatusWatcher(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access, InstallerBootFlow& flow)
+        : with_(with), library_(library), access_(access), flow_(flow) {}
 
     /// Follows the engine's stream for this machine; the stream's end sets "stopped". There is one watcher a
     /// machine: an earlier one is forgotten first.
@@ -24,23 +23,27 @@ class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
     void forget(const UUID& vmID) { watchers_.erase(vmID); }
     bool isWatching(const UUID& vmID) const { return watchers_.contains(vmID); }
 
-    /// Moves the record to what the engine reports; a record that is gone is passed over.
-    Task<void> apply(VMStatus status, UUID vmID);
-
   private:
     struct Watcher {
         std::uint64_t number;
         TaskHandle task;
     };
 
+    // The tasks hold the watcher only between their suspensions.
     static Task<void> follow(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
                              AsyncStream<VMStatus> stream);
-    bool isCurrent(const UUID& vmID, std::uint64_t number) const;
+    static Task<void> apply(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number, VMStatus status);
+    /// Null when the service has gone, or when this watcher was forgotten: what was on its way to it then belongs
+    /// to an earlier run of the machine.
+    static std::shared_ptr<VMStatusWatcher> current(const std::weak_ptr<VMStatusWatcher>& weak, const UUID& vmID,
+                                                    std::uint64_t number);
+    VMRecordPointer takeOver(VMStatus status, const UUID& vmID);
+    void keep(VMRecord& vm, bool showsInstalledSystem);
 
     const VMServiceCollaborators& with_;
-    std::shared_ptr<VMLibrary> library_;
-    std::shared_ptr<VMAccess> access_;
-    std::shared_ptr<InstallerBootFlow> flow_;
+    VMLibrary& library_;
+    VMAccess& access_;
+    InstallerBootFlow& flow_;
     std::map<UUID, Watcher> watchers_;
     std::uint64_t nextNumber_ = 0;
 };

@@ -7,20 +7,23 @@
 
 namespace dorvane {
 
-std::optional<QEMUEngineDigestCache::Key> QEMUEngineDigestCache::key(const Path& executable) {
-    struct stat status {};
-    if (::stat(executable.c_str(), &status) != 0) return std::nullopt;
-    return Key{executable, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+Task<std::string> QEMUEngineDigestCache::Digest::value() const {
+    const auto state = state_;
+    co_await state->isKnown.wait();
+    co_return state->text;
 }
 
-Task<std::string> QEMUEngineDigestCache::digest(Path executable) {
-    const auto identity = key(executable);
-    if (identity)
-        if (const auto found = known_.find(*identity); found != known_.end()) co_return found->second;
-    auto work = [executable] { return QEMUSuspendFingerprint::engineDigest(executable); };
-    auto result = co_await runtime_.background.run(std::move(work));
-    if (identity) known_[*identity] = result;
-    co_return result;
+QEMUEngineDigestCache::Digest QEMUEngineDigestCache::digest(const Path& executable) {
+    struct stat status {};
+    ::stat(executable.c_str(), &status);
+    Key key{executable, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+    const auto [entry, isNew] = known_.try_emplace(std::move(key));
+    if (isNew)
+        asio::post(runtime_.background.executor(), [state = entry->second.state_, executable] {
+            state->text = QEMUSuspendFingerprint::engineDigest(executable);
+            state->isKnown.set();
+        });
+    return entry->second;
 }
 
 }  // namespace dorvane

@@ -3,9 +3,9 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <tuple>
 
+#include "runtime/Event.h"
 #include "runtime/Files.h"
 #include "runtime/Runtime.h"
 
@@ -14,17 +14,31 @@ namespace dorvane {
 /// Main thread. Keyed by path, inode, size and modification time, so that a replaced binary is read anew.
 class QEMUEngineDigestCache {
   public:
+    /// A digest that may still be on its way. Copies share it.
+    class Digest {
+      public:
+        /// What QEMUSuspendFingerprint::engineDigest gives.
+        Task<std::string> value() const;
+
+      private:
+        friend class QEMUEngineDigestCache;
+        struct State {
+            std::string text;  // written before `isKnown` is set
+            Event isKnown;
+        };
+        std::shared_ptr<State> state_ = std::make_shared<State>();
+    };
+
     explicit QEMUEngineDigestCache(const Runtime& runtime) : runtime_(runtime) {}
 
-    /// What QEMUSuspendFingerprint::engineDigest gives, read on the background pool.
-    Task<std::string> digest(Path executable);
+    /// Begins reading on the background pool unless this very file is known, and returns at once.
+    Digest digest(const Path& executable);
 
   private:
     using Key = std::tuple<Path, std::uint64_t, std::int64_t, std::int64_t, std::int64_t>;
-    static std::optional<Key> key(const Path& executable);
 
     const Runtime& runtime_;
-    std::map<Key, std::string> known_;
+    std::map<Key, Digest> known_;
 };
 
 }  // namespace dorvane

@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 
+#include "base/Localized.h"
 #include "base/Text.h"
 #include "core/DorvaneError.h"
 #include "runtime/ChildProcess.h"

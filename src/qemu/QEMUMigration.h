@@ -3,6 +3,7 @@
 #pragma once
 
 #include "qemu/QMPConnection.h"
+#include "runtime/Files.h"
 
 namespace dorvane::QEMUMigration {
 

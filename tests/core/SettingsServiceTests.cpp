@@ -30,7 +30,7 @@ TEST_F(SettingsServiceTest, storagePathIsTheChosenOneOrTheDefault) {
     EXPECT_TRUE(std::filesystem::is_directory(standard));
     settings.setStoragePath("/somewhere else");
     EXPECT_EQ(settings.storagePath(), "/somewhere else");
-    for (const JSON wrong : {JSON("relative/path"), JSON(""), JSON(5), JSON::array({"/a"})}) {
+    for (const auto& wrong : {JSON("relative/path"), JSON(""), JSON(5), JSON::array({"/a"})}) {
         defaults.set(defaultsKey::vmStoragePath, wrong);
         EXPECT_EQ(settings.storagePath(), standard) << wrong;
         EXPECT_TRUE(defaults.keys().empty()) << wrong;

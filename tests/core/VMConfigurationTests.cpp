@@ -98,7 +98,7 @@ TEST(VMIdentityFactory, replacesIdentitiesAndNothingElse) {
 }
 
 TEST(NetworkSummary, explainsAnAbsentAddress) {
-    NetworkSummary summary{.hasHostVisibleAddress = true};
+    NetworkSummary summary;
     EXPECT_EQ(summary.absentAddressText(), "No address yet. The VM may still be starting up.");
     summary.hasHostVisibleAddress = false;
     EXPECT_EQ(summary.absentAddressText().substr(0, 42), "This VM's address is private to its shared");

@@ -2,6 +2,7 @@
 #include "display/rfb/RFBConnection.h"
 
 #include "display/rfb/RFBLink.h"
+#include "runtime/TaskHandle.h"
 
 namespace dorvane {
 

@@ -158,7 +158,8 @@ void RFBLink::startStreaming(const RFBHandshake::ServerInit& server) {
     stats_ = {.windowStart = runtime_.clock.now()};
     lastFinish_ = updateHeader_ = {};
     framebuffer_.resize(server.width, server.height);
-    stream_.emplace(framebuffer_, *this);
+    RFBStreamHandler& handler = *this;
+    stream_.emplace(framebuffer_, handler);
     requestUpdate(false);
     spawn(executor(), receive(shared_from_this()), "RFBLink.receive").detach();
 }

@@ -62,7 +62,7 @@ std::pair<off_t, off_t> nextData(const OpenPair& pair, off_t offset) {
     return {begin, end < 0 ? pair.info.st_size : std::min<off_t>(end, pair.info.st_size)};
 }
 
-/// Reads and writes one piece; for what the kernel can't copy by itself.
+/// Reads and writes one piece, for what the kernel can't copy by itself, and says how much it wrote.
 std::size_t copyThroughBuffer(const OpenPair& pair, off_t at, std::size_t count, Bytes& buffer) {
     buffer.resize(bufferBytes);
     const auto size = ::pread(pair.source.get(), buffer.data(), std::min(count, buffer.size()), at);

@@ -89,16 +89,16 @@ std::string trashInfo(const Path& originalPath) {
 /// Reserves a name by making its note, and returns the name. Two programs never get the same one.
 std::string reserveName(const Path& trash, const Path& item, const std::string& info) {
     const auto wanted = item.filename().string();
-    for (int number = 1;; ++number) {
-        const auto name = number == 1 ? wanted : wanted + "." + std::to_string(number);
+    for (int count = 1;; ++count) {
+        const auto name = count == 1 ? wanted : wanted + "." + std::to_string(count);
         const auto note = trash / "info" / (name + ".trashinfo");
         const FileDescriptor fd(::open(note.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         if (!fd && errno == EEXIST) continue;
         if (!fd) throw FileError(verb, item, errno);
         if (::write(fd.get(), info.data(), info.size()) == static_cast<ssize_t>(info.size())) return name;
-        const int number_ = errno;
+        const int number = errno;
         ::unlink(note.c_str());
-        throw FileError(verb, item, number_);
+        throw FileError(verb, item, number);
     }
 }
 

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/VMDeleter.h"
+
+#include "core/DorvaneError.h"
+#include "core/VMRunControl.h"
+#include "core/VMStatusWatcher.h"
+#include "runtime/Logger.h"
+
+namespace dorvane {
+namespace {
+
+const Logger logger("VMService");
+
+void requireAlive(const VMRecord& vm) {
+    if (vm.isDeleted) throw DorvaneError::vmNotFound(vm.id);
+}
+
+}  // namespace
+
+Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
+    requireAlive(*vm);
+    with_.gate.requireFree(vm->id, vm->name);
+    watcher_.forget(vm->id);
+    co_await powerOff(vm);
+    requireAlive(*vm);
+    {
+        const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
+        co_await dispose(vm, permanently);
+        // The directory is gone: the record has to follow even when the caller has lost interest.
+        co_await ignoreCancellation();
+        access_.close(vm->id);
+        if (with_.provisioningStore != nullptr) with_.provisioningStore->discard(vm->id, vm->bundle());
+        library_.remove(vm);
+        library_.save();
+    }
+    library_.syncQuietly();
+    if (permanently)
+        logger.info("Deleted VM: %s (erased permanently)", vm->name);
+    else
+        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name, "true");
+}
+
+Task<void> VMDeleter::powerOff(VMRecordPointer vm) {
+    const bool isRunning = !vm->isShutDownForEditing();
+    if (!isRunning && !runControl_.isStarting(vm->id)) co_return;
+    std::exception_ptr failure;
+    try {
+        // A machine that is only just being started has no running status to stop from.
+        if (isRunning)
+            co_await runControl_.stop(vm, true);
+        else
+            co_await with_.engine.stop(vm->id, true);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure) co_return;
+    watcher_.watch(vm->id);
+    std::rethrow_exception(failure);
+}
+
+Task<void> VMDeleter::dispose(VMRecordPointer vm, bool permanently) {
+    const auto token = access_.begin(*vm);
+    const Path directory = vm->vmPath;
+    const auto work = [this, &directory, permanently]() -> std::optional<Path> {
+        std::error_code ignored;
+        if (!std::filesystem::exists(directory, ignored)) return std::nullopt;
+        return with_.directoryDisposer.dispose(directory, permanently);
+    };
+    std::optional<std::string> failure;
+    try {
+        co_await with_.runtime.background.run(work);
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    if (failure) throw DorvaneError(DorvaneError::Case::vmDeleteFailed, *failure);
+}
+
+}  // namespace dorvane

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qemu/QEMUStaleInstance.h"
+
+#include "qemu/QMPConnection.h"
+#include "qemu/UnixSocketPeer.h"
+
+namespace dorvane {
+namespace {
+
+constexpr auto connectTimeout = seconds(2.0);
+constexpr auto commandTimeout = seconds(10.0);
+constexpr auto goneTimeout = seconds(4.0);
+constexpr auto goneInterval = milliseconds(200);
+constexpr auto terminationGrace = seconds(5.0);
+
+bool exists(const Path& path) {
+    std::error_code ignored;
+    return std::filesystem::exists(path, ignored);
+}
+
+}  // namespace
+
+Task<void> QEMUStaleInstance::clear(QEMURuntimeDirectory directory) const {
+    const auto socket = directory.qmpSocket();
+    bool isFree = !exists(socket);
+    if (!isFree) isFree = co_await stopOverQMP(socket);
+    if (!isFree) isFree = co_await stopByPID(socket);
+    if (isFree) directory.removeLeftoverSockets();
+}
+
+Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
+    const UnixSocketPeer peer(processes_, runtime_.clock);
+    // A file that nobody listens on needs no wait for an answer.
+    if (peer.probe(socket.string()).kind == UnixSocketPeer::Probe::Kind::absent) co_return true;
+    const auto connection = std::make_shared<QMPConnection>(runtime_);
+    try {
+        co_await connection->connect(socket.string(), connectTimeout);
+    } catch (const QMPConnection::ConnectionError&) {
+        co_return false;
+    }
+    logger_.info("发现上次会话遗留的 QEMU 仍在占用这台 VM,先把它停掉");
+    for (const auto* command : {"system_powerdown", "quit"}) {
+        try {
+            co_await connection->execute(command, nullptr, commandTimeout);
+        } catch (const QMPConnection::ConnectionError&) {
+        }
+    }
+    co_await connection->close();
+    std::function<bool()> isGone = [socket] { return !exists(socket); };
+    const bool wasRemoved = co_await pollUntil(runtime_.clock, goneTimeout, goneInterval, std::move(isGone));
+    co_return wasRemoved;
+}
+
+Task<bool> QEMUStaleInstance::stopByPID(Path socket) const {
+    using Kind = UnixSocketPeer::Probe::Kind;
+    const UnixSocketPeer peer(processes_, runtime_.clock);
+    const auto probe = peer.probe(socket.string());
+    if (probe.kind == Kind::absent) co_return true;
+    if (probe.kind == Kind::listening) {
+        logger_.info("遗留的 QEMU(pid %{public}d)不响应 QMP,按 pid 停掉", probe.pid);
+        const bool isGone = co_await peer.terminate(probe.pid, "qemu-system", terminationGrace);
+        if (isGone) co_return true;
+    }
+    logger_.error("%{public}s 上有进程在听但认不出是谁,保留 socket", socket.string());
+    co_return false;
+}
+
+}  // namespace dorvane

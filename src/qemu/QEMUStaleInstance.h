@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// A QEMU that an earlier session, crashed or killed, left running on a VM's runtime directory.
+#pragma once
+
+#include "platform/Processes.h"
+#include "qemu/QEMURuntimeDirectory.h"
+#include "runtime/Logger.h"
+#include "runtime/Runtime.h"
+
+namespace dorvane {
+
+class QEMUStaleInstance {
+  public:
+    QEMUStaleInstance(const Runtime& runtime, const Processes& processes)
+        : runtime_(runtime), processes_(processes) {}
+
+    /// Stops it, by QMP or else by its process id, and removes its sockets. A listener that isn't known to be a QEMU
+    /// keeps its socket file.
+    Task<void> clear(QEMURuntimeDirectory directory) const;
+
+  private:
+    Task<bool> stopOverQMP(Path socket) const;
+    /// Whether nobody listens any more.
+    Task<bool> stopByPID(Path socket) const;
+
+    const Runtime& runtime_;
+    const Processes& processes_;
+    Logger logger_{"QEMUStaleInstance"};
+};
+
+}  // namespace dorvane
