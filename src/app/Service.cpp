@@ -132,7 +132,7 @@ class Service {
     LinuxFileManager files_;
     LinuxProcesses processes_;
     LinuxHostSystem system_;
-    LinuxQEMUHostAdapter hostAdapter_{LinuxQEMUHostFacts::ofThisHost()};
+    LinuxQEMUHostAdapter hostAdapter_{LinuxQEMUHostFacts::probe(environment_)};
     HostServices host_;
     Logger logger_{"Service"};
     std::unique_ptr<AppState> app_;

@@ -7,6 +7,7 @@
 
 #include "automation/AgentActivityLog.h"
 #include "automation/MCPRequestHandlerProtocol.h"
+#include "automation/MCPToolArguments.h"
 #include "automation/MCPToolContext.h"
 #include "automation/MCPToolResult.h"
 #include "runtime/Runtime.h"
@@ -32,9 +33,10 @@ class MCPRequestHandler : public MCPRequestHandlerProtocol {
     Task<std::string> dispatch(std::string method, JSON params);
     /// Runs a tool and puts the call into the activity log. A failure is a result like any other.
     Task<MCPToolResult> callTool(std::string name, JSON arguments);
+    /// The tool alone, outside the activity log. Both arguments outlive the task.
+    Task<MCPToolResult> performTool(const std::string& name, const MCPToolArguments& arguments);
 
   private:
-    Task<MCPToolResult> performTool(const std::string& name, const MCPToolArguments& arguments);
     std::string initializeResult(const JSON& params) const;
 
     const Runtime& runtime_;

@@ -13,14 +13,14 @@ struct Property {
     const char* type;
     Need need;
     const char* description;
-    std::array<const char*, 2> choices{};
+    const char* choices[2] = {};
 };
 
 /// Unused places have no name.
 struct Tool {
     const char* name;
     const char* description;
-    std::array<Property, 5> properties{};
+    Property properties[5] = {};
 };
 
 constexpr Property theVM{"vm", "string", Need::required, "VM name or UUID"};

@@ -14,10 +14,13 @@ std::string byteCountText(std::int64_t bytes) {
     if (bytes > -1000 && bytes < 1000) return fmt::format("{} bytes", bytes);
     auto value = static_cast<double>(bytes) / step;
     std::size_t unit = 0;
-    const auto rounded = [&] { return unit == 0 ? fmt::format("{:.0f}", value) : fmt::format("{:.1f}", value); };
+    const auto rounded = [&] {
+        return unit == 0 ? fmt::format("{:.0f}", value) : fmt::format("{:.1f}", value);
+    };
     auto text = rounded();
     // What rounds up to a thousand belongs to the next unit.
-    while (unit + 1 < units.size() && (value >= step || value <= -step || text == "1000" || text == "1000.0")) {
+    while (unit + 1 < units.size() &&
+           (value >= step || value <= -step || text == "1000" || text == "1000.0")) {
         value /= step;
         ++unit;
         text = rounded();

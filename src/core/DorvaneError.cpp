@@ -18,7 +18,8 @@ struct Texts {
 using Case = DorvaneError::Case;
 
 constexpr auto agentSuggestion =
-    "Install or restart the Dorvane guest agent from the VM's Overview tab. Dorvane falls back to SSH when the agent "
+    "Install or restart the Dorvane guest agent from the VM's Overview tab. Dorvane falls back to SSH when "
+    "the agent "
     "is unreachable.";
 
 /// In the order of the enumeration; the payload's texts fill the placeholders.
@@ -44,29 +45,37 @@ constexpr std::array allTexts{
     Texts{Case::diskSpaceInsufficient, "Insufficient disk space. Required: %@, Available: %@",
           "Free up disk space or choose a different storage location."},
     Texts{Case::guestSSHNotConfigured, "SSH is not configured for VM '%@'.",
-          "Open the VM's Overview tab in Dorvane and set an SSH username (and a private key if the guest requires "
+          "Open the VM's Overview tab in Dorvane and set an SSH username (and a private key if the guest "
+          "requires "
           "one)."},
     Texts{Case::guestSSHKeyUnreadable, "The SSH private key for VM '%@' could not be read.",
           "Re-select the private key file in the VM's Overview tab in Dorvane."},
     Texts{Case::guestAgentNotEnabled, "The guest agent is turned off for VM '%@'.",
-          "Turn the guest agent on in the VM's settings, then restart the VM so the socket device is attached."},
+          "Turn the guest agent on in the VM's settings, then restart the VM so the socket device is "
+          "attached."},
     Texts{Case::guestAgentUnavailable, "The guest agent did not answer: %@", agentSuggestion},
     Texts{Case::guestAgentFailed, "%@"},
-    Texts{Case::suspendedStateHardwareChanged,
-          "\"%@\" was suspended with different shared folders or attached disks, so it cannot resume where it left "
-          "off.",
-          "Undo the changes to shared folders and attached disks to resume the VM. To start it fresh instead, press "
-          "Start on the VM's page and choose to discard the suspended state. Discarding loses anything unsaved "
-          "inside the VM."},
+    Texts{
+        Case::suspendedStateHardwareChanged,
+        "\"%@\" was suspended with different shared folders or attached disks, so it cannot resume where it "
+        "left "
+        "off.",
+        "Undo the changes to shared folders and attached disks to resume the VM. To start it fresh instead, "
+        "press "
+        "Start on the VM's page and choose to discard the suspended state. Discarding loses anything unsaved "
+        "inside the VM."},
     Texts{Case::suspendedStateRestoreFailed, "\"%@\" could not resume where it left off: %@",
-          "The suspended state has been kept. Press Start to try again. To start fresh instead, press Start on the "
-          "VM's page and choose to discard the suspended state. Discarding loses anything unsaved inside the VM."},
+          "The suspended state has been kept. Press Start to try again. To start fresh instead, press Start "
+          "on the "
+          "VM's page and choose to discard the suspended state. Discarding loses anything unsaved inside the "
+          "VM."},
     Texts{Case::vmBusy, "\"%@\" is busy saving or restoring its state. Try again when it finishes."},
     Texts{Case::guestAgentNoReply,
           "The command was sent to the guest, but no result came back (%@). It may have run anyway.",
           "Check the guest's state before running the command again, so it does not run twice."},
     Texts{Case::snapshotChainTooDeep,
-          "This VM already has %d stacked snapshots, which is the limit. Delete an older snapshot before taking a "
+          "This VM already has %d stacked snapshots, which is the limit. Delete an older snapshot before "
+          "taking a "
           "new one."},
     Texts{Case::usbPassthroughFailed, "USB passthrough failed: %@"},
     Texts{Case::invalidConfiguration, "Invalid configuration: %@"},

@@ -22,7 +22,8 @@ T known(const std::optional<T>& value, std::string_view key) {
 
 /// Decodes a nested object; absent when the member is missing or null.
 template <typename T>
-std::optional<T> optionalObject(const JSONReader& reader, std::string_view key, T (*decode)(const JSONReader&)) {
+std::optional<T> optionalObject(const JSONReader& reader, std::string_view key,
+                                T (*decode)(const JSONReader&)) {
     const auto* member = reader.find(key);
     if (member == nullptr || member->is_null()) return std::nullopt;
     return decode(JSONReader(*member, "The value of \"" + std::string(key) + "\""));
@@ -52,7 +53,8 @@ WindowsPlatformIdentity windowsPlatformFrom(const JSONReader& reader) {
 }
 
 WindowsSharesConfig sharesFrom(const JSONReader& reader) {
-    return {reader.required<bool>("enabled"), reader.required<int>("hostPort"), reader.required<std::string>("token")};
+    return {reader.required<bool>("enabled"), reader.required<int>("hostPort"),
+            reader.required<std::string>("token")};
 }
 
 WindowsSSHConfig sshFrom(const JSONReader& reader) {
@@ -119,9 +121,12 @@ std::optional<WindowsGraphicsMode> graphicsModeFromRawValue(std::string_view tex
 
 std::string rawValue(NetworkConfig::Mode mode) {
     switch (mode) {
-        case NetworkConfig::Mode::nat: return "nat";
-        case NetworkConfig::Mode::bridged: return "bridged";
-        case NetworkConfig::Mode::isolated: break;
+        case NetworkConfig::Mode::nat:
+            return "nat";
+        case NetworkConfig::Mode::bridged:
+            return "bridged";
+        case NetworkConfig::Mode::isolated:
+            break;
     }
     return "isolated";
 }

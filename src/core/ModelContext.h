@@ -15,8 +15,8 @@ class StoreError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Main thread only. A fetch gives the same object for the same row every time; changes to an object reach the
-/// store with the next `save`, all of them in one transaction or none.
+/// Main thread only. A fetch gives the same object for the same row every time; changes to an object reach
+/// the store with the next `save`, all of them in one transaction or none.
 class ModelContext {
   public:
     virtual ~ModelContext() = default;
@@ -33,7 +33,8 @@ class ModelContext {
     virtual void remove(const VMRecordPointer& record) = 0;
     virtual void remove(const VMSnapshotPointer& snapshot) = 0;
 
-    /// Writes every insertion, change and removal. Throws StoreError, and keeps them pending, when the store can't.
+    /// Writes every insertion, change and removal. Throws StoreError, and keeps them pending, when the store
+    /// can't.
     virtual void save() = 0;
 };
 

@@ -13,7 +13,7 @@ namespace dorvane {
 namespace {
 
 /// How long an ending process may still hold the file.
-constexpr int busyMilliseconds = 1000;
+constexpr int busyMilliseconds = 500;
 
 /// A row that can't be read stays in the file untouched; the others are as good as before.
 template <typename Rows>
@@ -26,8 +26,8 @@ void loadRows(SQLite::Database& database, const std::string& table, Rows& rows) 
             rows.load(std::move(row));
         } catch (const JSONError& error) {
             Logger("PersistenceStore")
-                .error("Skipping row %{public}s of %{public}s: %{public}s", query.getColumn(0).getString(), table,
-                       error.what());
+                .error("Skipping row %{public}s of %{public}s: %{public}s", query.getColumn(0).getString(),
+                       table, error.what());
         }
     }
 }
@@ -64,8 +64,8 @@ SQLiteModelContext::SQLiteModelContext(const Path& file) {
 SQLiteModelContext::~SQLiteModelContext() = default;
 
 void SQLiteModelContext::open(const Path& file) {
-    database_ = std::make_unique<SQLite::Database>(file.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE,
-                                                   busyMilliseconds);
+    database_ = std::make_unique<SQLite::Database>(
+        file.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, busyMilliseconds);
     database_->exec("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL");
     migrateStore(*database_, storeMigrations());
     loadRows(*database_, "records", records_);

@@ -12,13 +12,13 @@ class Database;
 
 namespace dorvane {
 
-/// Main thread only. Reads every row when it opens and holds the file alone until it goes, so that what stands in
-/// memory is what stands in the file. Each `save` is one transaction, on disk when it returns: whatever ends the
-/// process, the next one finds every save whole or not at all.
+/// Main thread only. Reads every row when it opens and holds the file alone until it goes, so that what
+/// stands in memory is what stands in the file. Each `save` is one transaction, on disk when it returns:
+/// whatever ends the process, the next one finds every save whole or not at all.
 class SQLiteModelContext : public ModelContext {
   public:
-    /// Makes the file when there is none and migrates an older one. Throws StoreError: it is no library, a newer
-    /// version's, in use by another process, or can't be read or written.
+    /// Makes the file when there is none and migrates an older one. Throws StoreError: it is no library, a
+    /// newer version's, in use by another process, or can't be read or written.
     explicit SQLiteModelContext(const Path& file);
     ~SQLiteModelContext() override;
 

@@ -6,7 +6,8 @@
 
 namespace dorvane {
 
-/// The platform's scoped permissions. A host without them has no implementation: paths are simply reachable there.
+/// The platform's scoped permissions. A host without them has no implementation: paths are simply reachable
+/// there.
 class ScopedResources {
   public:
     virtual ~ScopedResources() = default;
@@ -35,7 +36,8 @@ class SecurityScopedBookmarkStore {
 
         /// Ending twice does nothing.
         void end() noexcept;
-        /// New bytes for bookmarks that had gone stale, by stored path; the holder keeps them in place of the old.
+        /// New bytes for bookmarks that had gone stale, by stored path; the holder keeps them in place of the
+        /// old.
         const Bookmarks& refreshedBookmarks() const { return refreshed_; }
 
       private:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/SettingsService.h"
 
+#include "base/Hex.h"
 #include "core/AppSettings.h"
 
 namespace dorvane {
@@ -22,7 +23,7 @@ Path SettingsService::storagePath() {
     if (!defaults_.value(defaultsKey::vmStoragePath).is_null()) defaults_.remove(defaultsKey::vmStoragePath);
 
     // Machines made by an older version stay where they are.
-    const auto older = Path("/Users") / userName_ / olderStoragePath;
+    auto older = Path("/Users") / userName_ / olderStoragePath;
     if (AppSettings::directoryHasContents(older)) {
         setStoragePath(older);
         return older;
@@ -35,6 +36,24 @@ Path SettingsService::storagePath() {
 
 void SettingsService::setStoragePath(const Path& path) {
     defaults_.set(defaultsKey::vmStoragePath, path.string());
+}
+
+std::optional<Bytes> SettingsService::storagePathBookmark() const {
+    const auto text = defaults_.text(defaultsKey::vmStoragePathBookmark);
+    return text ? parseBase64(*text) : std::nullopt;
+}
+
+void SettingsService::setStoragePathBookmark(ByteView bookmark) {
+    defaults_.set(defaultsKey::vmStoragePathBookmark, base64Text(bookmark));
+}
+
+SecurityScopedBookmarkStore::AccessToken SettingsService::restoreStoragePathAccess(
+    SecurityScopedBookmarkStore& bookmarks) {
+    auto bookmark = storagePathBookmark();
+    if (!bookmark) return {};
+    auto token = bookmarks.beginAccess({{storagePath().string(), *std::move(bookmark)}});
+    for (const auto& [path, fresh] : token.refreshedBookmarks()) setStoragePathBookmark(fresh);
+    return token;
 }
 
 bool SettingsService::isMCPAutoSnapshotEnabled() const {

@@ -2,6 +2,7 @@
 // The settings that services act on, over the defaults store.
 #pragma once
 
+#include "core/SecurityScopedBookmarkStore.h"
 #include "platform/ApplicationDirectories.h"
 #include "platform/DefaultsStore.h"
 #include "platform/HostSystem.h"
@@ -50,6 +51,12 @@ class SettingsService {
     Path storagePath();
     /// Throws FileError when it can't be kept.
     void setStoragePath(const Path& path);
+    /// Bookmark bytes of that folder, on a host that needs them. Setting throws FileError.
+    std::optional<Bytes> storagePathBookmark() const;
+    void setStoragePathBookmark(ByteView bookmark);
+    /// Opens the folder for this run, at start; a bookmark that had gone stale is replaced. The caller keeps
+    /// the token.
+    SecurityScopedBookmarkStore::AccessToken restoreStoragePathAccess(SecurityScopedBookmarkStore& bookmarks);
 
     bool isMCPAutoSnapshotEnabled() const;
     /// 0 to 50; anything else reads as 3.

@@ -60,7 +60,9 @@ void fromJSON(const JSON& value, std::string_view key, Bytes& bytes) {
 void fromJSON(const JSON& value, std::string_view, DisplayResolution& resolution) {
     resolution = DisplayResolution::decoded(value);
 }
-void fromJSON(const JSON& value, std::string_view key, std::string& text) { text = jsonValue<std::string>(value, key); }
+void fromJSON(const JSON& value, std::string_view key, std::string& text) {
+    text = jsonValue<std::string>(value, key);
+}
 void fromJSON(const JSON& value, std::string_view key, bool& flag) { flag = jsonValue<bool>(value, key); }
 void fromJSON(const JSON& value, std::string_view key, std::int64_t& number) {
     number = jsonValue<std::int64_t>(value, key);
@@ -78,7 +80,8 @@ void fromJSON(const JSON& value, std::string_view key, EphemeralInfo& info) {
     const JSONReader reader(value, key);
     fromJSON(reader.required<JSON>("createdAt"), "createdAt", info.createdAt);
     fromJSON(reader.required<JSON>("expiresAt"), "expiresAt", info.expiresAt);
-    if (const auto* source = reader.find("sourceVMID")) fromJSON(*source, "sourceVMID", info.sourceVMID.emplace());
+    if (const auto* source = reader.find("sourceVMID"))
+        fromJSON(*source, "sourceVMID", info.sourceVMID.emplace());
 }
 
 struct Encoder {
@@ -109,7 +112,9 @@ struct Decoder {
 
 /// The list of a row's fields, one place for both directions.
 template <typename Coder>
-void visitFields(auto& record, const Coder& code) requires requires { record.vmPath; }
+void visitFields(auto& record, const Coder& code) requires requires {
+    record.vmPath;
+}
 {
     code("id", record.id);
     code("name", record.name);
@@ -141,7 +146,9 @@ void visitFields(auto& record, const Coder& code) requires requires { record.vmP
 }
 
 template <typename Coder>
-void visitFields(auto& snapshot, const Coder& code) requires requires { snapshot.vmID; }
+void visitFields(auto& snapshot, const Coder& code) requires requires {
+    snapshot.vmID;
+}
 {
     code("id", snapshot.id);
     code("vmID", snapshot.vmID);

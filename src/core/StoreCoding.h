@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The JSON form of the rows in the library's store. Keys are the fields' names, dates are microseconds since 1970,
-// bytes are base64 and absent fields are left out, so that a field added later needs no migration.
+// The JSON form of the rows in the library's store. Keys are the fields' names, dates are microseconds since
+// 1970, bytes are base64 and absent fields are left out, so that a field added later needs no migration.
 #pragma once
 
 #include "core/VMRecord.h"

@@ -26,9 +26,10 @@ void migrateStore(SQLite::Database& database, std::span<const char* const> steps
     const auto newest = static_cast<int>(steps.size());
     const int version = database.execAndGet("PRAGMA user_version").getInt();
     if (version < 0 || version > newest)
-        throw StoreError(localized("The library was written by a newer version of Dorvane (its format is %d, and this "
-                                   "version reads up to %d). Update Dorvane to open it.",
-                                   version, newest));
+        throw StoreError(
+            localized("The library was written by a newer version of Dorvane (its format is %d, and this "
+                      "version reads up to %d). Update Dorvane to open it.",
+                      version, newest));
     for (const auto* step : steps.subspan(static_cast<std::size_t>(version))) database.exec(step);
     database.exec("PRAGMA user_version = " + std::to_string(newest));
     transaction.commit();

@@ -13,7 +13,8 @@
 
 namespace dorvane {
 
-/// `Row` derives from its plain value `Fields`; a row has changed when its fields differ from those last saved.
+/// `Row` derives from its plain value `Fields`; a row has changed when its fields differ from those last
+/// saved.
 template <typename Row, typename Fields>
 class TrackedRows {
   public:

@@ -58,10 +58,12 @@ VMBundle createBundle(const Path& directory, const MakeDisk& makeDisk) {
 }  // namespace
 
 VMBundle VMBundle::create(const Path& directory, std::uint64_t diskSizeBytes) {
-    return createBundle(directory, [&](const VMBundle& bundle) { bundle.allocateSparseDiskImage(diskSizeBytes); });
+    return createBundle(directory,
+                        [&](const VMBundle& bundle) { bundle.allocateSparseDiskImage(diskSizeBytes); });
 }
 
-VMBundle VMBundle::createForQEMU(const Path& directory, std::uint64_t diskSizeBytes, const DiskImageTool& tool) {
+VMBundle VMBundle::createForQEMU(const Path& directory, std::uint64_t diskSizeBytes,
+                                 const DiskImageTool& tool) {
     return createBundle(directory,
                         [&](const VMBundle& bundle) { tool.createImage(bundle.qcow2Disk(), diskSizeBytes); });
 }
@@ -71,12 +73,15 @@ void VMBundle::allocateSparseDiskImage(std::uint64_t sizeBytes) const {
     try {
         truncateFile(rawDisk(), sizeBytes);
     } catch (const FileError&) {
-        if (isNew && !isThere(rawDisk())) throw creationFailure("Could not create disk image at %@", rawDisk());
+        if (isNew && !isThere(rawDisk()))
+            throw creationFailure("Could not create disk image at %@", rawDisk());
         throw;
     }
 }
 
-bool VMBundle::isValid() const { return isThere(configFile()) && (isThere(rawDisk()) || isThere(qcow2Disk())); }
+bool VMBundle::isValid() const {
+    return isThere(configFile()) && (isThere(rawDisk()) || isThere(qcow2Disk()));
+}
 
 bool VMBundle::hasSavedState() const { return isThere(savedState()); }
 

@@ -13,8 +13,9 @@ namespace dorvane {
 
 class DiskImageTool;
 
-/// A plain value that holds only the directory's location. Operations are blocking file-system work, run off the
-/// main thread where their amount calls for it. No file locks: VMOperationGate keeps two operations apart.
+/// A plain value that holds only the directory's location. Operations are blocking file-system work, run off
+/// the main thread where their amount calls for it. No file locks: VMOperationGate keeps two operations
+/// apart.
 class VMBundle {
   public:
     explicit VMBundle(Path directory) : directoryURL(std::move(directory)) {}
@@ -38,10 +39,12 @@ class VMBundle {
     Path guestToolsDetectedMarker() const { return directoryURL / "guest-tools-detected"; }
     Path systemDisk(VMOSType os) const { return os == VMOSType::windows ? qcow2Disk() : rawDisk(); }
 
-    /// Makes a bundle with a sparse raw disk. Throws vmCreationFailed or FileError; leaves no directory behind.
+    /// Makes a bundle with a sparse raw disk. Throws vmCreationFailed or FileError; leaves no directory
+    /// behind.
     static VMBundle create(const Path& directory, std::uint64_t diskSizeBytes);
     /// The same with a qcow2 disk made by the tool, whose error passes through.
-    static VMBundle createForQEMU(const Path& directory, std::uint64_t diskSizeBytes, const DiskImageTool& tool);
+    static VMBundle createForQEMU(const Path& directory, std::uint64_t diskSizeBytes,
+                                  const DiskImageTool& tool);
     /// Creates or resizes "disk.img" to a logical size in bytes, without allocating blocks.
     void allocateSparseDiskImage(std::uint64_t sizeBytes) const;
 
@@ -57,8 +60,8 @@ class VMBundle {
     std::uint64_t diskImageLogicalSize() const;
     std::uint64_t systemDiskLogicalSize(VMOSType os) const;
 
-    /// The bundles directly inside a storage folder, in the order a file browser shows. Throws FileError when the
-    /// folder can't be listed.
+    /// The bundles directly inside a storage folder, in the order a file browser shows. Throws FileError when
+    /// the folder can't be listed.
     static std::vector<VMBundle> scanBundles(const Path& storagePath);
     /// The same with a failure logged and turned into an empty list.
     static std::vector<VMBundle> discoverBundles(const Path& storagePath);

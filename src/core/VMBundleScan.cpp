@@ -12,8 +12,8 @@ const Logger logger("VMBundle");
 
 constexpr std::size_t stagingDigits = 8;
 
-/// Calls `visit` with the name of each directory in the folder. Symbolic links are no directories here: nothing
-/// outside the folder is listed or removed through one.
+/// Calls `visit` with the name of each directory in the folder. Symbolic links are no directories here:
+/// nothing outside the folder is listed or removed through one.
 template <typename Visit>
 void forEachDirectory(const Path& folder, const Visit& visit) {
     std::error_code failure;
@@ -50,7 +50,8 @@ std::vector<VMBundle> VMBundle::scanBundles(const Path& storagePath) {
         if (isHidden(name)) return;
         if (!isValidUTF8(name)) {
             // It could stand neither in the library nor in any answer, both of which are Unicode text.
-            logger.error("Skipping a folder whose name is not UTF-8: %{public}s", repairedUTF8(asBytes(name)));
+            logger.error("Skipping a folder whose name is not UTF-8: %{public}s",
+                         repairedUTF8(asBytes(name)));
             return;
         }
         const VMBundle bundle(storagePath / name);
@@ -70,7 +71,8 @@ std::vector<VMBundle> VMBundle::discoverBundles(const Path& storagePath) {
     try {
         return scanBundles(storagePath);
     } catch (const FileError& error) {
-        logger.error("Could not list storage path %{public}s: %{public}s", storagePath.string(), error.what());
+        logger.error("Could not list storage path %{public}s: %{public}s", storagePath.string(),
+                     error.what());
         return {};
     }
 }

@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::size_t maximumNameBytes = 200;
 
-void requireRange(const std::optional<std::int64_t>& value, std::int64_t low, std::int64_t high, const char* message) {
+void requireRange(const std::optional<std::int64_t>& value, std::int64_t low, std::int64_t high,
+                  const char* message) {
     if (value && (*value < low || *value > high))
         throw DorvaneError(DorvaneError::Case::invalidConfiguration, localized(message, low, high));
 }
@@ -53,9 +54,10 @@ void VMConfiguration::validateRanges() const {
 
 void VMNameRules::validate(const std::string& name) {
     if (isValidName(name)) return;
-    throw DorvaneError(DorvaneError::Case::invalidConfiguration,
-                       localized("VM names cannot be empty, start with a period, or contain \"/\", \":\" or control "
-                                 "characters."));
+    throw DorvaneError(
+        DorvaneError::Case::invalidConfiguration,
+        localized("VM names cannot be empty, start with a period, or contain \"/\", \":\" or control "
+                  "characters."));
 }
 
 }  // namespace dorvane

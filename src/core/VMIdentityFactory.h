@@ -8,8 +8,8 @@
 namespace dorvane {
 
 struct VMIdentityFactory {
-    /// The configuration with a new MAC address and, where present, new machine identifiers. The hardware model stays:
-    /// it must match the installed system.
+    /// The configuration with a new MAC address and, where present, new machine identifiers. The hardware
+    /// model stays: it must match the installed system.
     static DorvaneVMConfig rotatedIdentity(DorvaneVMConfig config, const HostSystem& host);
 };
 

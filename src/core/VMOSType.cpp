@@ -5,9 +5,12 @@ namespace dorvane {
 
 std::string rawValue(VMOSType os) {
     switch (os) {
-        case VMOSType::macOS: return "macos";
-        case VMOSType::linux: return "linux";
-        case VMOSType::windows: break;
+        case VMOSType::macOS:
+            return "macos";
+        case VMOSType::linux:
+            return "linux";
+        case VMOSType::windows:
+            break;
     }
     return "windows";
 }

@@ -31,9 +31,12 @@ bool VMRecord::hasPendingInstallerImage() const {
 
 std::string VMRecord::listOSDisplayName() const {
     switch (osType) {
-        case VMOSType::macOS: return "macOS";
-        case VMOSType::windows: return "Windows";
-        case VMOSType::linux: break;
+        case VMOSType::macOS:
+            return "macOS";
+        case VMOSType::windows:
+            return "Windows";
+        case VMOSType::linux:
+            break;
     }
     const auto hints = asciiLowercased(osVersionLabel.value_or("") + "\n" + imageSource.value_or(""));
     for (const auto* distribution : {"Ubuntu", "Debian", "Fedora", "Alpine"})

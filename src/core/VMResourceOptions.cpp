@@ -24,7 +24,8 @@ Values within(std::span<const std::int64_t> table, std::int64_t low, std::int64_
     Values values;
     for (const auto value : table)
         if (value >= low && value <= high) values.push_back(value);
-    if (current && std::find(values.begin(), values.end(), *current) == values.end()) values.push_back(*current);
+    if (current && std::find(values.begin(), values.end(), *current) == values.end())
+        values.push_back(*current);
     std::sort(values.begin(), values.end());
     return values;
 }
@@ -35,9 +36,11 @@ Values VMResourceOptions::cpuCounts(int hostCores, std::optional<std::int64_t> c
     return within(processors, leastProcessors, std::max<std::int64_t>(hostCores, leastProcessors), current);
 }
 
-Values VMResourceOptions::memoryMB(std::uint64_t hostMemoryBytes, VMOSType os, std::optional<std::int64_t> current) {
+Values VMResourceOptions::memoryMB(std::uint64_t hostMemoryBytes, VMOSType os,
+                                   std::optional<std::int64_t> current) {
     const std::int64_t floor = os == VMOSType::windows ? 4096 : 2048;
-    const auto ceiling = std::max(floor, static_cast<std::int64_t>(hostMemoryBytes >> 20) - memoryKeptForHostMB);
+    const auto ceiling =
+        std::max(floor, static_cast<std::int64_t>(hostMemoryBytes >> 20) - memoryKeptForHostMB);
     return within(memorySizesMB, floor, ceiling, current);
 }
 

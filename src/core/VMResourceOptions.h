@@ -16,7 +16,8 @@ struct VMResourceOptions {
     using Values = std::vector<std::int64_t>;
 
     static Values cpuCounts(int hostCores, std::optional<std::int64_t> current = {});
-    static Values memoryMB(std::uint64_t hostMemoryBytes, VMOSType os, std::optional<std::int64_t> current = {});
+    static Values memoryMB(std::uint64_t hostMemoryBytes, VMOSType os,
+                           std::optional<std::int64_t> current = {});
     /// `growingFrom` is the present size in GB: a disk can only grow.
     static Values diskSizesGB(VMOSType os, std::optional<std::int64_t> current = {},
                               std::optional<std::int64_t> growingFrom = {});

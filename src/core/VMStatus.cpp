@@ -36,10 +36,14 @@ std::string displayText(VMStatus status) { return localized(textsOf(status).disp
 
 std::string describe(const VMStopReason& reason) {
     switch (reason.kind) {
-        case VMStopReason::Kind::guestInitiated: return "guest initiated";
-        case VMStopReason::Kind::requested: return "requested";
-        case VMStopReason::Kind::forced: return "forced";
-        case VMStopReason::Kind::failure: break;
+        case VMStopReason::Kind::guestInitiated:
+            return "guest initiated";
+        case VMStopReason::Kind::requested:
+            return "requested";
+        case VMStopReason::Kind::forced:
+            return "forced";
+        case VMStopReason::Kind::failure:
+            break;
     }
     auto line = "failure: " + reason.message;
     std::replace(line.begin(), line.end(), '\n', ' ');

@@ -9,7 +9,7 @@ std::optional<GuestFileServerStatus> GuestFileServerRegistry::status(const UUID&
 }
 
 void GuestFileServerRegistry::set(const UUID& id, GuestFileServerStatus status) {
-    statuses_[id] = std::move(status);
+    statuses_.insert_or_assign(id, std::move(status));
     changed(id);
 }
 

@@ -6,7 +6,7 @@
 namespace dorvane {
 namespace {
 
-bool exists(const Path& path) {
+bool fileExists(const Path& path) {
     std::error_code ignored;
     return std::filesystem::exists(path, ignored);
 }
@@ -17,14 +17,14 @@ void replace(Path& resource, const Environment& environment, const char* variabl
 
 void replaceOptional(std::optional<Path>& resource, const Environment& environment, const char* variable) {
     if (const auto found = environment.find(variable); found != environment.end()) resource = found->second;
-    if (resource && !exists(*resource)) resource.reset();
+    if (resource && !fileExists(*resource)) resource.reset();
 }
 
 /// KEY=VALUE lines of the file that a package carries beside "Helpers".
 Environment packageEnvironment(const Path& executable) {
     const auto file = executable.parent_path().parent_path() / "environment";
     Environment result;
-    if (!exists(file)) return result;
+    if (!fileExists(file)) return result;
     for (const auto& line : split(readTextFile(file, 1 << 20), '\n'))
         if (const auto equals = line.find('='); equals != std::string::npos && equals > 0)
             result.emplace(line.substr(0, equals), line.substr(equals + 1));
@@ -68,7 +68,7 @@ std::optional<QEMURuntimeResources> QEMURuntimeResources::locate(
         replace(found.executable, environment, "DORVANE_QEMU_BIN");
         replace(found.firmwareCode, environment, "DORVANE_QEMU_FIRMWARE");
         replace(found.nvramTemplate, environment, "DORVANE_QEMU_NVRAM");
-        if (!exists(found.executable) || !exists(found.firmwareCode) || !exists(found.nvramTemplate)) continue;
+        if (!fileExists(found.executable) || !fileExists(found.firmwareCode) || !fileExists(found.nvramTemplate)) continue;
         found.imageTool = found.executable.parent_path() / "qemu-img";
         replaceOptional(found.swtpm, environment, "DORVANE_QEMU_SWTPM");
         replaceOptional(found.dataDirectory, environment, "DORVANE_QEMU_DATA");

@@ -13,7 +13,7 @@ constexpr auto goneTimeout = seconds(4.0);
 constexpr auto goneInterval = milliseconds(200);
 constexpr auto terminationGrace = seconds(5.0);
 
-bool exists(const Path& path) {
+bool fileExists(const Path& path) {
     std::error_code ignored;
     return std::filesystem::exists(path, ignored);
 }
@@ -22,7 +22,7 @@ bool exists(const Path& path) {
 
 Task<void> QEMUStaleInstance::clear(QEMURuntimeDirectory directory) const {
     const auto socket = directory.qmpSocket();
-    bool isFree = !exists(socket);
+    bool isFree = !fileExists(socket);
     if (!isFree) isFree = co_await stopOverQMP(socket);
     if (!isFree) isFree = co_await stopByPID(socket);
     if (isFree) directory.removeLeftoverSockets();
@@ -46,7 +46,7 @@ Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
         }
     }
     co_await connection->close();
-    std::function<bool()> isGone = [socket] { return !exists(socket); };
+    std::function<bool()> isGone = [socket] { return !fileExists(socket); };
     const bool wasRemoved = co_await pollUntil(runtime_.clock, goneTimeout, goneInterval, std::move(isGone));
     co_return wasRemoved;
 }

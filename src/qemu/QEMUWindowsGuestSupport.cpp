@@ -11,11 +11,12 @@ QEMUWindowsGuestSupport::QEMUWindowsGuestSupport(const std::optional<QEMURuntime
                                                  const std::optional<OperatingSystemVersion>& declaredMinimum) {
     using namespace WindowsGuestAvailability;
     auto problem = systemRequirementProblem(hostSystemVersion, declaredMinimum);
-    if (!problem && !resources) problem = Unavailable{.kind = Unavailable::Kind::engineMissing};
+    const bool hasTool = resources && std::filesystem::exists(resources->imageTool);
+    if (!problem && !hasTool) problem = Unavailable{.kind = Unavailable::Kind::engineMissing};
     if (!problem && !resources->swtpm)
         problem = Unavailable{.kind = Unavailable::Kind::trustedPlatformModuleMissing};
     if (problem) unavailableReason_ = problem->reason();
-    if (resources) tool_.emplace(resources->imageTool);
+    if (hasTool) tool_.emplace(resources->imageTool);
 }
 
 int QEMUWindowsGuestSupport::pickFreeSharesPort() const {

@@ -84,7 +84,8 @@ TEST(DorvaneVMConfig, refusesTheWholeFileForOneWrongValue) {
         value.update(patch);
         EXPECT_NE(failureOf(value).find("\"" + key + "\""), std::string::npos) << patch << failureOf(value);
     }
-    for (const auto* key : {"version", "os", "cpuCount", "memoryBytes", "diskSizeBytes", "macAddress", "display"}) {
+    for (const auto* key :
+         {"version", "os", "cpuCount", "memoryBytes", "diskSizeBytes", "macAddress", "display"}) {
         auto value = minimal();
         value.erase(key);
         EXPECT_EQ(failureOf(value), "Missing key \"" + std::string(key) + "\".");
@@ -108,9 +109,11 @@ TEST(DorvaneVMConfig, refusesWhatIsNoSmallTextFileAndSaysWhy) {
     writeFileAtomically(folder / "latin1", "{\"macAddress\":\"\xE9\"}");
     writeFileAtomically(folder / "empty", "");
     const std::vector<std::pair<std::string, std::string>> expected{
-        {"directory", "Is a directory"}, {"fifo", "not a regular file"}, {"huge", "File too large"},
-        {"latin1", "UTF-8"},             {"empty", "not valid"},         {"absent", "No such file"}};
-    for (const auto& [name, part] : expected) EXPECT_NE(failure(name).find(part), std::string::npos) << failure(name);
+        {"directory", "Is a directory"}, {"fifo", "not a regular file"},
+        {"huge", "File too large"},      {"latin1", "UTF-8"},
+        {"empty", "not valid"},          {"absent", "No such file"}};
+    for (const auto& [name, part] : expected)
+        EXPECT_NE(failure(name).find(part), std::string::npos) << failure(name);
 }
 
 TEST(DorvaneVMConfig, aFailedWriteKeepsTheOldFile) {

@@ -4,6 +4,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -133,26 +134,29 @@ TEST_F(PersistenceStoreTest, changesAndRemovalsReachTheStoreWithTheNextSave) {
 
 TEST_F(PersistenceStoreTest, aFailedSaveWritesNothingAndKeepsEverythingPending) {
     const auto good = record("good", at(1)), refused = record("refused", at(2));
-    {
-        const auto store = open();
-        store->save();
-    }
-    raw().exec("CREATE TRIGGER refusal BEFORE INSERT ON records WHEN NEW.body LIKE '%refused%' "
-               "BEGIN SELECT RAISE(ABORT, 'disk full'); END");
-    {
-        const auto store = open();
-        store->insert(good);
-        store->insert(refused);
+    good->id = *UUID::parse("00000000-0000-0000-0000-000000000001");
+    refused->id = *UUID::parse("00000000-0000-0000-0000-000000000002");
+    open();
+    raw().exec(
+        "CREATE TRIGGER refusal BEFORE INSERT ON records WHEN NEW.body LIKE '%refused%' "
+        "BEGIN SELECT RAISE(ABORT, 'disk full'); END");
+    const auto failToSave = [&](ModelContext& store) {
+        store.insert(good);
+        store.insert(refused);
         try {
-            store->save();
-            FAIL();
+            store.save();
+            ADD_FAILURE();
         } catch (const StoreError& error) {
             EXPECT_STREQ(error.what(), "The library could not be saved: disk full");
         }
-        refused->name = "accepted";
-        store->save();
-    }
-    EXPECT_EQ(names(open()->fetchRecords()), (std::vector<std::string>{"good", "accepted"}));
+    };
+    failToSave(*open());
+    const auto store = open();
+    EXPECT_TRUE(store->fetchRecords().empty());
+    failToSave(*store);
+    refused->name = "accepted";
+    store->save();
+    EXPECT_EQ(names(store->fetchRecords()), (std::vector<std::string>{"good", "accepted"}));
 }
 
 TEST_F(PersistenceStoreTest, anOlderBodyWithoutLaterFieldsLoadsAndABadRowHidesNoOther) {
@@ -166,7 +170,8 @@ TEST_F(PersistenceStoreTest, anOlderBodyWithoutLaterFieldsLoadsAndABadRowHidesNo
             query.bind(2, body);
             query.exec();
         };
-        insert(id, R"({"id":")" + id + R"(","name":"old","osType":"macos","backendModeRaw":"native","vmPath":"/v",
+        insert(id,
+               R"({"id":")" + id + R"(","name":"old","osType":"macos","backendModeRaw":"native","vmPath":"/v",
             "diskSizeBytes":1,"memoryMB":2,"cpuCount":3,"status":"error","createdAt":0,"updatedAt":0,"tags":[],
             "sharedFolders":[],"unknownLaterField":true})");
         insert("bad", R"({"id":"bad"})");
@@ -217,61 +222,78 @@ TEST_F(PersistenceStoreTest, migrationGoesThroughEveryMissingStepOrNone) {
     EXPECT_EQ(database.execAndGet("PRAGMA user_version").getInt(), 2);
 }
 
-/// Writes generation after generation into every row, telling each finished save's number on the pipe.
-[[noreturn]] void writeForever(const Path& base, int rowCount, int pipe) {
-    const auto store = PersistenceStore::makeModelContainer(base);
-    auto rows = store->fetchRecords();
-    while (static_cast<int>(rows.size()) < rowCount) {
-        rows.push_back(record("", at(static_cast<std::int64_t>(rows.size()))));
-        store->insert(rows.back());
+/// Runs `work` in a process of its own and returns its wait status.
+int inChild(const std::function<void()>& work) {
+    const auto child = ::fork();
+    if (child == 0) {
+        work();
+        ::_exit(0);
     }
-    for (std::int64_t generation = rows[0]->memoryMB + 1;; ++generation) {
-        for (const auto& row : rows) row->memoryMB = generation;
-        store->save();
-        if (::write(pipe, &generation, sizeof generation) != sizeof generation) ::_exit(1);
-    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+/// The moment of a save at which the process is killed; by default once it is done. A row is counted by a
+/// trigger that calls `row_written`.
+struct Death {
+    int afterRows = 0;
+    bool inCommit = false;
+};
+Death death;
+
+void dieHere() { ::kill(::getpid(), SIGKILL); }
+
+int arm(sqlite3* database, const char**, const sqlite3_api_routines*) {
+    const auto countRow = [](sqlite3_context*, int, sqlite3_value**) {
+        if (death.afterRows > 0 && --death.afterRows == 0) dieHere();
+    };
+    sqlite3_create_function(database, "row_written", 0, SQLITE_UTF8, nullptr, countRow, nullptr, nullptr);
+    const auto commit = [](void*) {
+        if (death.inCommit) dieHere();
+        return 0;
+    };
+    sqlite3_commit_hook(database, commit, nullptr);
+    return SQLITE_OK;
 }
 
 TEST_F(PersistenceStoreTest, aKilledProcessLeavesEverySaveWholeOrAbsent) {
-    for (const int rowCount : {1, 7, 60, 200, 200, 200}) {
-        std::array<int, 2> ends{};
-        ASSERT_EQ(::pipe(ends.data()), 0);
-        const auto child = ::fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) writeForever(folder.path(), rowCount, ends[1]);
-        ::close(ends[1]);
-        std::int64_t acknowledged = 0, told = 0;
-        for (int i = 0; i < 5 && ::read(ends[0], &told, sizeof told) == sizeof told; ++i) acknowledged = told;
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSIGNALED(status));
-        while (::read(ends[0], &told, sizeof told) == sizeof told) acknowledged = told;
-        ::close(ends[0]);
-
+    constexpr int rowCount = 60;
+    {
+        const auto store = open();
+        for (int i = 0; i < rowCount; ++i) store->insert(record("before", at(i)));
+        store->save();
+    }
+    raw().exec("CREATE TRIGGER counter AFTER INSERT ON records BEGIN SELECT row_written(); END");
+    const std::vector<std::pair<Death, std::string>> moments{{{.afterRows = 1}, "before"},
+                                                             {{.afterRows = rowCount / 2}, "before"},
+                                                             {{.afterRows = rowCount}, "before"},
+                                                             {{.inCommit = true}, "before"},
+                                                             {{}, "after"}};
+    for (const auto& [moment, expected] : moments) {
+        const auto status = inChild([&] {
+            sqlite3_auto_extension(reinterpret_cast<void (*)()>(arm));
+            const auto store = open();
+            for (const auto& row : store->fetchRecords()) row->name = "after";
+            death = moment;
+            store->save();
+            dieHere();
+        });
+        ASSERT_TRUE(WIFSIGNALED(status)) << expected << status;
         const auto rows = open()->fetchRecords();
-        ASSERT_GE(rows.size(), static_cast<std::size_t>(rowCount));
-        ASSERT_GE(acknowledged, 5);
-        for (const auto& row : rows) ASSERT_EQ(row->memoryMB, rows[0]->memoryMB);
-        EXPECT_GE(rows[0]->memoryMB, acknowledged);
-        EXPECT_LE(rows[0]->memoryMB, acknowledged + 1);
+        ASSERT_EQ(names(rows), std::vector<std::string>(rowCount, expected));
     }
 }
 
 TEST_F(PersistenceStoreTest, aLibraryInUseIsRefused) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(::pipe(ends.data()), 0);
-    const auto child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) writeForever(folder.path(), 1, ends[1]);
-    ::close(ends[1]);
-    std::int64_t told = 0;
-    ASSERT_EQ(::read(ends[0], &told, sizeof told), static_cast<ssize_t>(sizeof told));
-    EXPECT_EQ(openingFailure(), "Another Dorvane is using the library at " + file().string() + ".");
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ::close(ends[0]);
-    EXPECT_EQ(open()->fetchRecords().size(), 1U);
+    const auto store = open();
+    const auto status = inChild([&] {
+        const auto expected = "Another Dorvane is using the library at " + file().string() + ".";
+        ::_exit(openingFailure() == expected ? 42 : 1);
+    });
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+    store->insert(record("still mine"));
+    store->save();
 }
 
 }  // namespace

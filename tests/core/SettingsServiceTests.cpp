@@ -46,7 +46,8 @@ TEST_F(SettingsServiceTest, snapshotSettingsHaveTheirDefaults) {
     EXPECT_TRUE(settings.isMCPAutoSnapshotEnabled());
     EXPECT_FALSE(settings.areDestructiveToolsEnabled());
     EXPECT_EQ(settings.mcpAutoSnapshotKeepCount(), 3);
-    const std::vector<std::pair<JSON, int>> table{{50, 50}, {51, 3}, {0, 0}, {-1, 3}, {"7", 3}, {1LL << 40, 3}};
+    const std::vector<std::pair<JSON, int>> table{{50, 50}, {51, 3},  {0, 0},
+                                                  {-1, 3},  {"7", 3}, {1LL << 40, 3}};
     for (const auto& [stored, read] : table) {
         defaults.set(defaultsKey::mcpAutoSnapshotKeepCount, stored);
         EXPECT_EQ(settings.mcpAutoSnapshotKeepCount(), read) << stored;
@@ -73,7 +74,8 @@ TEST(SecurityScopedBookmarkStore, holdsAccessUntilTheTokenEnds) {
     const test::LogCapture log;
     FakeScopedResources resources;
     SecurityScopedBookmarkStore store(&resources);
-    const Bookmarks bookmarks{{"/a", toBytes("/a")}, {"/b", toBytes("stale:/moved")}, {"/c", toBytes("junk")}};
+    const Bookmarks bookmarks{
+        {"/a", toBytes("/a")}, {"/b", toBytes("stale:/moved")}, {"/c", toBytes("junk")}};
     {
         auto token = store.beginAccess(bookmarks);
         EXPECT_EQ(resources.open, (std::set<Path>{"/a", "/moved"}));
@@ -87,6 +89,20 @@ TEST(SecurityScopedBookmarkStore, holdsAccessUntilTheTokenEnds) {
     }
     { const auto released = store.beginAccess(bookmarks); }
     EXPECT_TRUE(resources.open.empty());
+}
+
+TEST_F(SettingsServiceTest, restoresAccessToTheChosenFolderAndRenewsItsBookmark) {
+    FakeScopedResources resources;
+    SecurityScopedBookmarkStore bookmarks(&resources);
+    settings.setStoragePath("/volume");
+    { const auto none = settings.restoreStoragePathAccess(bookmarks); }
+    settings.setStoragePathBookmark(toBytes("stale:/volume"));
+    {
+        const auto token = settings.restoreStoragePathAccess(bookmarks);
+        EXPECT_EQ(resources.open, std::set<Path>{"/volume"});
+    }
+    EXPECT_TRUE(resources.open.empty());
+    EXPECT_EQ(settings.storagePathBookmark(), toBytes("/volume"));
 }
 
 TEST(SecurityScopedBookmarkStore, aHostWithoutScopedPermissionsGivesEmptyTokens) {

@@ -60,7 +60,8 @@ TEST_F(VMBundleTest, creationLeavesWhatStandsThereAlone) {
             VMBundle::create(place, 1);
             FAIL() << place;
         } catch (const DorvaneError& error) {
-            EXPECT_EQ(error, DorvaneError(Case::vmCreationFailed, "VM directory already exists at " + place.string()));
+            EXPECT_EQ(error, DorvaneError(Case::vmCreationFailed,
+                                          "VM directory already exists at " + place.string()));
         }
     }
     EXPECT_TRUE(fs::exists(directory / "precious"));
@@ -92,7 +93,8 @@ TEST_F(VMBundleTest, validityNeedsAConfigurationAndADisk) {
 }
 
 TEST_F(VMBundleTest, scanListsWholeBundlesInAFileBrowsersOrder) {
-    for (const auto* name : {"vm10", "vm2", "Vm1", "b u\xCC\x88"}) makeDirectory(name, {"config.json", "disk.img"});
+    for (const auto* name : {"vm10", "vm2", "Vm1", "b u\xCC\x88"})
+        makeDirectory(name, {"config.json", "disk.img"});
     makeDirectory("no config", {"disk.qcow2"});
     makeDirectory("installing", {"config.json", "disk.img", ".dorvane-installing"});
     makeDirectory(".hidden", {"config.json", "disk.img"});
@@ -117,9 +119,9 @@ TEST_F(VMBundleTest, anUnreadableFolderIsNotAnEmptyOne) {
 
 TEST_F(VMBundleTest, sweepRemovesOnlyInterruptedWork) {
     const std::vector<std::string> doomed{".myvm.restoring-0123ABCD", ".importing-deadBEEF", "half"};
-    const std::vector<std::string> kept{".myvm.restoring-0123ABC", ".myvm.restoring-0123ABCG", ".hidden",
-                                        "vm.restoring-0123ABCD",   ".myvm-restoring-0123ABCD", ".x.restoring-0123ABCD~",
-                                        ".dorvane-downloads"};
+    const std::vector<std::string> kept{
+        ".myvm.restoring-0123ABC",  ".myvm.restoring-0123ABCG", ".hidden",           "vm.restoring-0123ABCD",
+        ".myvm-restoring-0123ABCD", ".x.restoring-0123ABCD~",   ".dorvane-downloads"};
     for (const auto& name : doomed) makeDirectory(name + "/inner", {"disk.img"});
     for (const auto& name : kept) makeDirectory(name, {"config.json", "disk.img"});
     makeDirectory("half", {".dorvane-installing"});
@@ -157,7 +159,8 @@ TEST_F(VMBundleTest, housekeepingTouchesOnlyItsOwnFiles) {
 
 TEST_F(VMBundleTest, ephemeralMarkerHoldsItsDates) {
     const VMBundle bundle(makeDirectory("vm", {}));
-    EphemeralInfo info{*parseISO8601("2026-01-02T03:04:05Z"), *parseISO8601("2026-01-02T05:04:05Z"), UUID::random()};
+    EphemeralInfo info{*parseISO8601("2026-01-02T03:04:05Z"), *parseISO8601("2026-01-02T05:04:05Z"),
+                       UUID::random()};
     bundle.writeEphemeralMarker(info);
     const auto value = parseJSON(readTextFile(bundle.ephemeralMarker()));
     EXPECT_EQ(value["createdAt"], "2026-01-02T03:04:05Z");

@@ -50,17 +50,18 @@ TEST(VMConfiguration, rangesAreTestedInOrderAndOnlyWhenPresent) {
 TEST(VMNameRules, aNameMustBeFitForADirectory) {
     std::string umlauts;
     for (int i = 0; i < 100; ++i) umlauts += "ä";
-    for (const auto& good : {std::string(200, 'a'), umlauts, std::string("Windows 11 – Büro (2)"), std::string("a.b"),
-                             std::string("e\xCC\x81"), std::string("日本 💻")})
+    for (const auto& good : {std::string(200, 'a'), umlauts, std::string("Windows 11 – Büro (2)"),
+                             std::string("a.b"), std::string("e\xCC\x81"), std::string("日本 💻")})
         EXPECT_EQ(refusal([&] { VMNameRules::validate(good); }), "") << good;
     for (const auto& bad :
-         {std::string(), std::string(201, 'a'), umlauts + "ä", std::string(".vm"), std::string("."), std::string("a/b"),
-          std::string("a:b"), std::string("a\nb"), std::string("a\0b", 3), std::string("a\x7F"),
-          std::string("a\xC2\x85"), std::string("a\xC2\xAD"), std::string("a\xE2\x80\x8B"),
-          std::string("\xE2\x80\xAEgpj.exe"), std::string("\xEF\xBB\xBFvm"), std::string("a\xF3\xA0\x81\x81"),
-          std::string("a\xFF")})
-        EXPECT_EQ(refusal([&] { VMNameRules::validate(bad); }),
-                  "VM names cannot be empty, start with a period, or contain \"/\", \":\" or control characters.")
+         {std::string(), std::string(201, 'a'), umlauts + "ä", std::string(".vm"), std::string("."),
+          std::string("a/b"), std::string("a:b"), std::string("a\nb"), std::string("a\0b", 3),
+          std::string("a\x7F"), std::string("a\xC2\x85"), std::string("a\xC2\xAD"),
+          std::string("a\xE2\x80\x8B"), std::string("\xE2\x80\xAEgpj.exe"), std::string("\xEF\xBB\xBFvm"),
+          std::string("a\xF3\xA0\x81\x81"), std::string("a\xFF")})
+        EXPECT_EQ(
+            refusal([&] { VMNameRules::validate(bad); }),
+            "VM names cannot be empty, start with a period, or contain \"/\", \":\" or control characters.")
             << bad;
 }
 
@@ -75,7 +76,8 @@ TEST(VMResourceOptions, offersWhatHostAndGuestCanUse) {
               (Values{2048, 4096, 6000, 8192, 12288}));
     EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::windows).front(), 64);
     EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::linux).front(), 32);
-    EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::linux, 100, 100), (Values{100, 128, 256, 512, 1024, 2048}));
+    EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::linux, 100, 100),
+              (Values{100, 128, 256, 512, 1024, 2048}));
     EXPECT_EQ(VMResourceOptions::describeMemory(1536), "1536 MB");
     EXPECT_EQ(VMResourceOptions::describeMemory(2048), "2 GB");
 }
@@ -105,7 +107,8 @@ TEST(NetworkSummary, explainsAnAbsentAddress) {
     summary.isBridged = true;
     summary.bridgedInterfaceIdentifier = "wlan0";
     EXPECT_EQ(summary.label(), "Bridged (wlan0)");
-    EXPECT_EQ(summary.absentAddressText(), "No address yet. A bridged VM appears here once it has used the network.");
+    EXPECT_EQ(summary.absentAddressText(),
+              "No address yet. A bridged VM appears here once it has used the network.");
     summary.isBridgedOverWireless = true;
     EXPECT_NE(summary.absentAddressText().find("Wi-Fi"), std::string::npos);
     summary.isIsolated = true;

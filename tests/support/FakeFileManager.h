@@ -16,7 +16,8 @@ class FakeFileManager : public FileManager {
 
     void copyItem(const Path& from, const Path& to) override {
         if (failCopies) throw FileError("copy", from, ENOSPC);
-        if (std::filesystem::exists(std::filesystem::symlink_status(to))) throw FileError("copy", from, EEXIST);
+        if (std::filesystem::exists(std::filesystem::symlink_status(to)))
+            throw FileError("copy", from, EEXIST);
         std::error_code failure;
         std::filesystem::copy(
             from, to, std::filesystem::copy_options::recursive | std::filesystem::copy_options::copy_symlinks,

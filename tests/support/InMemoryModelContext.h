@@ -37,7 +37,8 @@ class InMemoryModelContext : public ModelContext {
   private:
     template <typename Row>
     static std::vector<Row> sorted(std::vector<Row> rows) {
-        std::stable_sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) { return a->createdAt < b->createdAt; });
+        std::stable_sort(rows.begin(), rows.end(),
+                         [](const auto& a, const auto& b) { return a->createdAt < b->createdAt; });
         return rows;
     }
     template <typename Row>

@@ -14,8 +14,9 @@ AppState::AppState(const HostServices& host, ModelContext& modelContext)
     : host_(host), modelContext_(modelContext),
       settingsService_(host.defaults, host.directories, host.system.userName()),
       mcpServerService_(std::make_unique<MCPServerService>(host.runtime, settingsService_, host.keychain)),
-      qemu_(host_, settingsService_), engineRouter_(host.runtime, nullptr, &qemu_.engine()),
-      directoryDisposer_(host.files) {
+      qemu_(host_), engineRouter_(host.runtime, nullptr, &qemu_.engine()),
+      directoryDisposer_(host.files), displayTransports_(host.runtime, host.defaults),
+      framebufferCapture_(host.runtime, displayTransports_) {
     hasCompletedOnboarding_ = host.defaults.boolean(defaultsKey::hasCompletedOnboarding).value_or(false);
     host.defaults.set(defaultsKey::backendMode, "native");
 }
@@ -26,6 +27,7 @@ Task<void> AppState::runStartSequence() {
     configureMCPServer();
     makeSharedVMService();
     startSandboxReaper();
+    warmUpTask_ = spawn(host_.runtime.main.executor(), qemu_.warmUp(), "QEMU capabilities");
     co_await startVMsMarkedForLaunch();
 }
 
@@ -133,6 +135,7 @@ void AppState::completeOnboarding() {
 
 Task<void> AppState::shutDown() {
     sandboxReaperTask_ = TaskHandle();
+    warmUpTask_ = TaskHandle();
     co_await mcpServerService_->shutdown();
 }
 

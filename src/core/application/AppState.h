@@ -13,9 +13,10 @@
 #include "core/SettingsService.h"
 #include "core/VMOperationGate.h"
 #include "core/VMService.h"
+#include "core/application/DisplayTransportFactory.h"
 #include "core/application/HostServices.h"
-#include "core/application/QuitFlow.h"
 #include "core/application/QEMUParts.h"
+#include "core/application/QuitFlow.h"
 #include "display/session/HostFramebufferCapture.h"
 
 namespace dorvane {
@@ -102,7 +103,7 @@ class AppState {
     std::optional<bool> isBackendAvailable_;
     std::optional<std::string> backendAlertMessage_;
     Subscription sharedVMListSubscription_;
-    TaskHandle sandboxReaperTask_;
+    TaskHandle sandboxReaperTask_, warmUpTask_;
 };
 
 }  // namespace dorvane

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "display/rfb/RFBConnectionError.h"
+#include "display/rfb/RFBEncoding.h"
 
 namespace dorvane {
 namespace {

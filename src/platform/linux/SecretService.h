@@ -33,7 +33,7 @@ class SecretService {
   private:
     struct Connection;
     Duration timeLimit_;
-    std::unique_ptr<Connection> connection_;
+    std::shared_ptr<Connection> connection_;
 };
 
 }  // namespace dorvane

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The secret service as desktops offer it: a message bus and a keyring daemon of the test's own.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -64,65 +63,97 @@ class Daemon {
     FileDescriptor output_;
 };
 
-TEST(LinuxKeychain, busThatNeverAnswersHoldsNobodyUpForLong) {
-    const TemporaryDirectory folder;
+/// A process has one session bus for good, so each test gets a process.
+void inOwnProcess(void (*body)()) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            body();
+            std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+constexpr auto longestHoldUp = std::chrono::seconds(4);
+
+/// Reads and saves a password over the bus at `address`, which is of no use, and expects the file to serve.
+void expectTheFileSoon(const std::string& busAddress, const Path& file) {
     const LogCapture log;
-    const auto silent = listenUnixSocket((folder / "bus").string());
-    const SessionBusAddress address("unix:path=" + (folder / "bus").string());
-    LinuxKeychain keychain(true, folder / "secrets.json");
+    const SessionBusAddress address(busAddress);
+    LinuxKeychain keychain(true, file);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(keychain.read("service", "account"), std::nullopt);
     EXPECT_TRUE(keychain.save("service", "account", asBytes("x")));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, longestHoldUp);
     EXPECT_TRUE(log.contains("No secret service is usable"));
-    EXPECT_EQ(keychain.read("service", "account"), toBytes("x"));
+    EXPECT_EQ(FileKeychain(file).read("service", "account"), toBytes("x"));
 }
 
 TEST(LinuxKeychain, busWithoutASecretServiceMeansTheFile) {
-    const auto busProgram = findProgram("dbus-daemon");
-    if (!busProgram) GTEST_SKIP() << "there is no dbus-daemon here";
-    const TemporaryDirectory folder;
-    const LogCapture log;
-    writeFileAtomically(folder / "bus.conf",
-                        "<busconfig><type>session</type><listen>unix:dir=" + folder.path().string() +
-                            "</listen><policy context='default'><allow send_destination='*' eavesdrop='true'/>"
-                            "<allow own='*'/></policy></busconfig>");
-    Daemon bus(*busProgram, {"--nofork", "--print-address=1", "--config-file=" + (folder / "bus.conf").string()});
-    const SessionBusAddress address(bus.firstLine());
-    LinuxKeychain keychain(true, folder / "secrets.json");
-    EXPECT_TRUE(keychain.save("service", "account", asBytes("x")));
-    EXPECT_TRUE(log.contains("No secret service is usable"));
-    EXPECT_TRUE(std::filesystem::exists(folder / "secrets.json"));
+    if (!findProgram("dbus-daemon")) GTEST_SKIP() << "there is no dbus-daemon here";
+    inOwnProcess([] {
+        const TemporaryDirectory folder;
+        Daemon bus(*findProgram("dbus-daemon"), {"--session", "--nofork", "--print-address=1",
+                                                 "--address=unix:dir=" + folder.path().string()});
+        expectTheFileSoon(bus.firstLine(), folder / "secrets.json");
+    });
+}
+
+TEST(LinuxKeychain, busThatSwallowsCallsHoldsNobodyUpForLong) {
+    if (!findProgram("dbus-daemon")) GTEST_SKIP() << "there is no dbus-daemon here";
+    inOwnProcess([] {
+        const TemporaryDirectory folder;
+        // Without leave to receive anything, no answer ever comes back.
+        writeFileAtomically(
+            folder / "bus.conf",
+            "<busconfig><type>session</type><listen>unix:dir=" + folder.path().string() +
+                "</listen><policy context='default'><allow send_destination='*'/></policy></busconfig>");
+        Daemon bus(*findProgram("dbus-daemon"),
+                   {"--nofork", "--print-address=1", "--config-file=" + (folder / "bus.conf").string()});
+        expectTheFileSoon(bus.firstLine(), folder / "secrets.json");
+    });
+}
+
+TEST(LinuxKeychain, socketThatNeverAnswersHoldsNobodyUpForLong) {
+    inOwnProcess([] {
+        const TemporaryDirectory folder;
+        const auto silent = listenUnixSocket((folder / "bus").string());
+        expectTheFileSoon("unix:path=" + (folder / "bus").string(), folder / "secrets.json");
+    });
 }
 
 TEST(LinuxKeychain, keyringKeepsPasswordsAndTakesThemOutOfTheFile) {
-    const auto busProgram = findProgram("dbus-daemon"), keyringProgram = findProgram("gnome-keyring-daemon");
-    if (!busProgram || !keyringProgram) GTEST_SKIP() << "there is no gnome-keyring-daemon here";
-    const TemporaryDirectory folder;
-    const LogCapture log;
-    Daemon bus(*busProgram, {"--session", "--nofork", "--print-address=1",
-                             "--address=unix:dir=" + folder.path().string()});
-    const SessionBusAddress address(bus.firstLine());
-    ::setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
-    Daemon keyring(*keyringProgram, {"--foreground", "--unlock", "--components=secrets",
-                                     "--control-directory=" + folder.path().string()}, "password");
-    keyring.firstLine();
-    FileKeychain earlier(folder / "secrets.json");
-    earlier.save("service", "account", asBytes("from the file"));
-    const Bytes secret{0, 1, 2, 0xff};
-    {
+    if (!findProgram("dbus-daemon") || !findProgram("gnome-keyring-daemon"))
+        GTEST_SKIP() << "there is no keyring daemon here";
+    inOwnProcess([] {
+        const TemporaryDirectory folder;
+        const LogCapture log;
+        Daemon bus(*findProgram("dbus-daemon"), {"--session", "--nofork", "--print-address=1",
+                                                 "--address=unix:dir=" + folder.path().string()});
+        const SessionBusAddress address(bus.firstLine());
+        ::setenv("XDG_DATA_HOME", folder.path().c_str(), 1);
+        Daemon keyring(*findProgram("gnome-keyring-daemon"),
+                       {"--foreground", "--unlock", "--components=secrets",
+                        "--control-directory=" + folder.path().string()},
+                       "password");
+        keyring.firstLine();
+        FileKeychain earlier(folder / "secrets.json");
+        earlier.save("service", "account", asBytes("from the file"));
+        const Bytes secret{0, 1, 2, 0xff};
+        {
+            LinuxKeychain keychain(true, folder / "secrets.json");
+            EXPECT_EQ(keychain.read("service", "account"), toBytes("from the file"));
+            EXPECT_TRUE(keychain.save("service", "account", secret));
+            EXPECT_TRUE(keychain.save("service", "other", asBytes("two")));
+            EXPECT_EQ(earlier.read("service", "account"), std::nullopt);
+        }
         LinuxKeychain keychain(true, folder / "secrets.json");
-        EXPECT_EQ(keychain.read("service", "account"), toBytes("from the file"));
-        EXPECT_TRUE(keychain.save("service", "account", secret));
-        EXPECT_TRUE(keychain.save("service", "other", asBytes("two")));
-        EXPECT_EQ(earlier.read("service", "account"), std::nullopt);
-    }
-    LinuxKeychain keychain(true, folder / "secrets.json");
-    EXPECT_EQ(keychain.read("service", "account"), secret);
-    keychain.remove("service", "account");
-    EXPECT_EQ(keychain.read("service", "account"), std::nullopt);
-    EXPECT_EQ(keychain.read("service", "other"), toBytes("two"));
-    EXPECT_TRUE(log.lines().empty()) << log.lines().front().message;
+        EXPECT_EQ(keychain.read("service", "account"), secret);
+        keychain.remove("service", "account");
+        EXPECT_EQ(keychain.read("service", "account"), std::nullopt);
+        EXPECT_EQ(keychain.read("service", "other"), toBytes("two"));
+        EXPECT_TRUE(log.lines().empty()) << log.lines().front().message;
+    });
 }
 
 }  // namespace

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MCPToolFixture.h"
+#include "automation/MCPToolTable.h"
+
+namespace dorvane::test {
+namespace {
+
+class MCPRequestHandlerTest : public MCPToolFixture {
+  protected:
+    MCPHTTPResponse handle(std::string method, std::string path, HTTPRequestParser::Headers headers) {
+        return host.run(handler->handle({std::move(method), std::move(path), std::move(headers),
+                                         toBytes(R"({"id":1,"method":"ping"})")}));
+    }
+    MCPHTTPResponse post(std::string_view body) {
+        return host.run(handler->handle({"POST", "/mcp/secret", {}, toBytes(body)}));
+    }
+    JSON result(const std::string& method, const std::string& params) {
+        const auto reply = parseJSON(post(R"({"id":7,"method":")" + method + R"(","params":)" + params + "}").body);
+        return reply.value("result", JSON());
+    }
+};
+
+TEST_F(MCPRequestHandlerTest, checksARequestInItsOrder) {
+    using Headers = HTTPRequestParser::Headers;
+    const Headers bearer{{"authorization", "Bearer secret"}};
+    const Headers foreign{{"origin", "https://example.org"}};
+    const struct {
+        const char* method;
+        const char* path;
+        Headers headers;
+        int status;
+    } cases[] = {
+        {"POST", "/mcp/secret", {}, 200},
+        {"POST", "/mcp", bearer, 200},
+        {"POST", "/mcp/secret", {{"origin", "http://localhost:1234"}}, 200},
+        {"POST", "/mcp/secret", foreign, 403},
+        {"GET", "/elsewhere", foreign, 403},
+        {"GET", "/mcpx", bearer, 404},
+        {"GET", "/mcp", {}, 401},
+        {"GET", "/mcp/secret", {}, 405},
+        {"DELETE", "/mcp", bearer, 405},
+        {"post", "/mcp", bearer, 405},
+    };
+    for (const auto& one : cases) {
+        const auto response = handle(one.method, one.path, one.headers);
+        EXPECT_EQ(response.status, one.status) << one.method << " " << one.path;
+        if (one.status != 200) EXPECT_EQ(response.body, "");
+        if (one.status == 405) EXPECT_EQ(response.headers, (MCPHTTPResponse::Headers{{"Allow", "POST"}}));
+    }
+    token.reset();
+    EXPECT_EQ(handle("POST", "/mcp/", {{"authorization", "Bearer "}}).status, 401);
+}
+
+TEST_F(MCPRequestHandlerTest, repliesInOneLineWithSortedKeys) {
+    const struct {
+        const char* body;
+        const char* reply;
+    } cases[] = {
+        {R"({"method":"ping","id":1})", R"({"id":1,"jsonrpc":"2.0","result":{}})"},
+        {R"({"jsonrpc":"1.0","method":"ping","id":"a\"é"})", R"({"id":"a\"é","jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":18446744073709551615})", R"({"id":18446744073709551615,"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":-9223372036854775808})", R"({"id":-9223372036854775808,"jsonrpc":"2.0","result":{}})"},
+        {R"({"p":{"id":3e1},"method":"ping","id":123456789012345678901234567890})",
+         R"({"id":123456789012345678901234567890,"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":1.5})", R"({"id":1.5,"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":{"b":1,"a":[true]}})", R"({"id":{"a":[true],"b":1},"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":false,"params":[1]})", R"({"id":false,"jsonrpc":"2.0","result":{}})"},
+        {"{", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
+        {"", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
+        {"\"\xff\"", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
+        {"[]", R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
+        {"3", R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
+        {R"({"id":5})", R"({"error":{"code":-32600,"message":"Invalid Request"},"id":5,"jsonrpc":"2.0"})"},
+        {R"({"id":"x","method":2})", R"({"error":{"code":-32600,"message":"Invalid Request"},"id":"x","jsonrpc":"2.0"})"},
+        {R"({"id":1,"method":"a/b"})",
+         R"({"error":{"code":-32601,"message":"Method not found: a/b"},"id":1,"jsonrpc":"2.0"})"},
+        {R"({"id":1,"method":"tools/call","params":{"name":1}})",
+         R"({"error":{"code":-32602,"message":"Missing tool name"},"id":1,"jsonrpc":"2.0"})"},
+    };
+    for (const auto& one : cases) {
+        const auto response = post(one.body);
+        EXPECT_EQ(response.status, 200);
+        EXPECT_EQ(response.headers, (MCPHTTPResponse::Headers{{"Content-Type", "application/json"}}));
+        EXPECT_EQ(response.body, one.reply) << one.body;
+    }
+}
+
+TEST_F(MCPRequestHandlerTest, acceptsNotificationsAndDoesNothing) {
+    vmService.add("Ubuntu");
+    for (const auto* body : {R"({"method":"notifications/initialized"})", R"({"method":"ping","id":null})",
+                             R"({"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"Ubuntu"}}})", "{}"}) {
+        const auto response = post(body);
+        EXPECT_EQ(response.status, 202) << body;
+        EXPECT_EQ(response.reason, "Accepted");
+        EXPECT_EQ(response.body, "");
+    }
+    EXPECT_TRUE(activity.entries().empty());
+}
+
+TEST_F(MCPRequestHandlerTest, introducesItself) {
+    const auto introduction = result("initialize", R"({"protocolVersion":"2024-11-05"})");
+    EXPECT_EQ(introduction["protocolVersion"], "2024-11-05");
+    EXPECT_EQ(introduction["capabilities"].dump(), R"({"tools":{}})");
+    EXPECT_EQ(introduction["serverInfo"].dump(), R"({"name":"Dorvane","version":"1.2.3"})");
+    const auto instructions = introduction["instructions"].get<std::string>();
+    EXPECT_TRUE(instructions.starts_with("Drive the virtual machines on this Mac.\n\nInventory and lifecycle: list_vms"));
+    EXPECT_NE(instructions.find("suspend_vm.\nSnapshots: list_snapshots"), std::string::npos);
+    EXPECT_NE(instructions.find("screenshot.\n\nDisposable sandboxes"), std::string::npos);
+    for (const auto* params : {"{}", R"({"protocolVersion":"1999-01-01"})", R"({"protocolVersion":20250618})", "[]"})
+        EXPECT_EQ(result("initialize", params)["protocolVersion"], "2025-03-26") << params;
+    EXPECT_EQ(result("initialize", R"({"protocolVersion":"2025-06-18"})")["protocolVersion"], "2025-06-18");
+}
+
+TEST_F(MCPRequestHandlerTest, listsTheToolsThatTheUserAllows) {
+    const auto names = [&] {
+        std::string all;
+        const auto list = result("tools/list", "{}");
+        for (const auto& tool : list["tools"]) all += tool["name"].get<std::string>() + " ";
+        return all;
+    };
+    const std::string usual =
+        "list_vms start_vm stop_vm restart_vm suspend_vm get_vm_status get_vm_ip list_snapshots take_snapshot "
+        "restore_snapshot exec_shell screenshot ";
+    EXPECT_EQ(names(), usual);
+    allowSandboxes();
+    EXPECT_EQ(names(), usual + "clone_vm delete_vm create_vm ");
+    makeHandler(false);
+    EXPECT_EQ(names(), usual) << "the switch alone doesn't bring them: there is no sandbox service";
+}
+
+TEST_F(MCPRequestHandlerTest, describesEveryToolWithASchema) {
+    auto all = MCPToolTable::toolDefinitions();
+    for (const auto& tool : MCPToolTable::destructiveToolDefinitions()) all.push_back(tool);
+    for (const auto& tool : all) {
+        EXPECT_EQ(tool.size(), 3u) << tool;
+        EXPECT_FALSE(tool["description"].get<std::string>().empty());
+        const auto& schema = tool["inputSchema"];
+        EXPECT_EQ(schema["type"], "object");
+        for (const auto& name : schema["required"]) EXPECT_TRUE(schema["properties"].contains(name)) << tool;
+        EXPECT_NE(call(tool["name"], "{}").firstText(), "Unknown tool: " + tool["name"].get<std::string>());
+    }
+    EXPECT_EQ(all[0]["inputSchema"].dump(), R"({"properties":{},"required":[],"type":"object"})");
+    EXPECT_EQ(all[9]["inputSchema"].dump(),
+              R"({"properties":{"snapshot":{"description":"Snapshot name or UUID","type":"string"},)"
+              R"("vm":{"description":"VM name or UUID","type":"string"}},"required":["vm","snapshot"],"type":"object"})");
+    EXPECT_EQ(all[12]["inputSchema"]["properties"]["network"]["enum"].dump(), R"(["inherit","isolated"])");
+    EXPECT_EQ(all[14]["inputSchema"]["required"].dump(), R"(["name","os"])");
+}
+
+TEST_F(MCPRequestHandlerTest, wrapsAToolsResult) {
+    vmService.add("Ubuntu")->id = *UUID::parse("00000000-0000-4000-8000-00000000000a");
+    EXPECT_EQ(post(R"({"id":1,"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"ubuntu"}}})").body,
+              R"({"id":1,"jsonrpc":"2.0","result":{"content":[{"text":"{\n  \"autoSnapshot\": \"created: Before agent )"
+              R"(start 2026-01-01T00:00:00Z\",\n  \"status\": \"started\",\n  \"vm\": \"Ubuntu\"\n}","type":"text"}],)"
+              R"("isError":false}})");
+    EXPECT_EQ(post(R"({"id":2,"method":"tools/call","params":{"name":"Start_VM","arguments":3}})").body,
+              R"({"id":2,"jsonrpc":"2.0","result":{"content":[{"text":"Unknown tool: Start_VM","type":"text"}],)"
+              R"("isError":true}})");
+}
+
+TEST_F(MCPRequestHandlerTest, recordsEachCall) {
+    vmService.add("Ubuntu");
+    const struct {
+        const char* tool;
+        const char* arguments;
+        const char* summary;
+    } cases[] = {
+        {"exec_shell", R"({"vm":"Ubuntu","command":"ls -l"})", "ls -l"},
+        {"exec_shell", R"({"vm":"Ubuntu","command":3})", ""},
+        {"take_snapshot", R"({"vm":"Ubuntu","name":"before"})", "before"},
+        {"restore_snapshot", R"({"vm":"Ubuntu","snapshot":"before"})", "before"},
+        {"stop_vm", R"({"vm":"Ubuntu","force":true})", "force"},
+        {"stop_vm", R"({"vm":"Ubuntu","force":"true"})", ""},
+        {"clone_vm", R"({"vm":"Ubuntu","network":"isolated"})", "isolated"},
+        {"create_vm", R"({"name":"New","os":"linux"})", "New · linux"},
+        {"create_vm", R"({"os":"linux"})", "linux"},
+        {"list_vms", R"({"name":"x"})", ""},
+    };
+    for (const auto& one : cases) {
+        call(one.tool, one.arguments);
+        EXPECT_EQ(activity.entries().back().summary, one.summary) << one.tool << one.arguments;
+    }
+    EXPECT_TRUE(activity.entries().back().succeeded);
+    EXPECT_FALSE(activity.entries().back().vm);
+    EXPECT_FALSE(activity.entries().back().error);
+    call("start_vm", R"({"vm":"Nobody"})");
+    const auto& failed = activity.entries().back();
+    EXPECT_EQ(failed.tool, "start_vm");
+    EXPECT_EQ(failed.vm, "Nobody");
+    EXPECT_FALSE(failed.succeeded);
+    EXPECT_EQ(failed.error, "No VM named 'Nobody'. Known VMs: Ubuntu");
+    EXPECT_EQ(iso8601Text(failed.date), "2026-01-01T00:00:00Z");
+}
+
+}  // namespace
+}  // namespace dorvane::test

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+// A request handler over fake services, called the way a client calls it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "automation/MCPRequestHandler.h"
+#include "support/FakeDefaultsStore.h"
+#include "support/FakeGuestChannelRouter.h"
+#include "support/FakeSandboxService.h"
+#include "support/FakeSnapshotService.h"
+#include "support/FakeVMService.h"
+#include "support/LogCapture.h"
+#include "support/TestRuntime.h"
+
+namespace dorvane::test {
+
+class MCPToolFixture : public testing::Test {
+  protected:
+    MCPToolFixture() { makeHandler(true); }
+
+    void makeHandler(bool hasEveryService) {
+        MCPToolContext::Services services{vmService, nullptr, nullptr, nullptr, settings, gate};
+        if (hasEveryService) {
+            services.snapshotService = &snapshots;
+            services.guestChannelRouter = &router;
+            services.sandboxService = &sandboxes;
+        }
+        handler = std::make_shared<MCPRequestHandler>(host.runtime(), services, &activity, "1.2.3",
+                                                      [this] { return token; });
+    }
+    void allowSandboxes() { defaults.set(defaultsKey::mcpDestructiveToolsEnabled, true); }
+
+    MCPToolResult call(const std::string& tool, const char* arguments) {
+        return host.run(handler->callTool(tool, parseJSON(arguments)));
+    }
+    /// The text of a failure; anything else fails the test.
+    std::string failure(const std::string& tool, const char* arguments) {
+        const auto result = call(tool, arguments);
+        EXPECT_TRUE(result.isError) << tool << arguments << ": " << result.firstText();
+        return result.firstText();
+    }
+    /// The value of a success.
+    JSON value(const std::string& tool, const char* arguments) {
+        const auto result = call(tool, arguments);
+        EXPECT_FALSE(result.isError) << tool << arguments << ": " << result.firstText();
+        const auto text = result.firstText();
+        return text.empty() || result.isError ? JSON() : parseJSON(text);
+    }
+
+    TestRuntime host;
+    LogCapture log;
+    FakeDefaultsStore defaults;
+    ApplicationDirectories directories;
+    SettingsService settings{defaults, directories, "user"};
+    VMOperationGate gate;
+    FakeVMService vmService;
+    FakeSnapshotService snapshots{gate};
+    FakeGuestChannelRouter router;
+    FakeSandboxService sandboxes{vmService, host.clock()};
+    AgentActivityLog activity{host.runtime(), std::nullopt};
+    std::optional<std::string> token = "secret";
+    std::shared_ptr<MCPRequestHandler> handler;
+};
+
+}  // namespace dorvane::test

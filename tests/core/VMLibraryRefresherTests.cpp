@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/VMServiceHarness.h"
+
+namespace dorvane::test {
+namespace {
+
+class VMLibraryRefresherTest : public VMServiceTest {
+  protected:
+    void refresh() { run(service.refreshVMList()); }
+    VMRecordPointer insert(const std::string& name, const Path& path) {
+        const auto vm = std::make_shared<VMRecord>();
+        vm->name = name;
+        vm->vmPath = path.string();
+        context.insert(vm);
+        return vm;
+    }
+};
+
+TEST_F(VMLibraryRefresherTest, aBundlePutThereByHandBecomesAMachine) {
+    const auto bundle = makeBundle("vm2", VMOSType::windows);
+    writeConfig(bundle, [](auto& config) { config.cpuCount = 6; });
+    refresh();
+    ASSERT_EQ(service.vms().size(), 1u);
+    const auto vm = service.vms().front();
+    EXPECT_EQ(vm->name, "vm2");
+    EXPECT_EQ(vm->osType, VMOSType::windows);
+    EXPECT_EQ(vm->cpuCount, 6);
+    EXPECT_EQ(vm->memoryMB, 2048);
+    EXPECT_EQ(vm->diskSizeBytes, std::int64_t{32} << 30);
+    EXPECT_EQ(vm->displayResolution, (DisplayResolution{1024, 768}));
+    EXPECT_EQ(vm->status, VMStatus::stopped);
+    EXPECT_EQ(vm->createdAt, host.clock().date());
+    EXPECT_TRUE(files.isExcludedFromBackup(bundle.directoryURL));
+    EXPECT_TRUE(log.contains("Refreshed VM list across 1 storage path(s): 1 VM(s), 0 unreachable, 0 unreadable"));
+}
+
+TEST_F(VMLibraryRefresherTest, aWarmRefreshSavesNothing) {
+    makeBundle("alpha");
+    refresh();
+    const auto saves = context.saveCount;
+    const auto before = *named("alpha");
+    host.clock().advance(seconds(60));
+    refresh();
+    EXPECT_EQ(context.saveCount, saves);
+    EXPECT_EQ(static_cast<const VMRecordFields&>(*named("alpha")), before);
+}
+
+TEST_F(VMLibraryRefresherTest, theConfigurationWinsForHardwareAndTheRecordForTheRest) {
+    const auto vm = addVM("alpha");
+    vm->name = "Renamed";
+    vm->tags = {"work"};
+    writeConfig(vm->bundle(), [](auto& config) { config.cpuCount = 8; });
+    engine.adopt(vm->id, VMStatus::paused);
+    host.clock().advance(seconds(60));
+    refresh();
+    ASSERT_EQ(service.vms().size(), 1u);
+    EXPECT_EQ(vm->cpuCount, 8);
+    EXPECT_EQ(vm->status, VMStatus::paused);
+    EXPECT_EQ(vm->name, "Renamed");
+    EXPECT_EQ(vm->tags, std::vector<std::string>{"work"});
+    EXPECT_EQ(vm->updatedAt, host.clock().date());
+}
+
+TEST_F(VMLibraryRefresherTest, aCorruptConfigurationChangesNothingOnItsRecord) {
+    const auto vm = addVM("alpha");
+    const VMRecordFields before = *vm;
+    makeBundle("beta");
+    writeFileAtomically(vm->bundle().configFile(), "{\"version\": true}");
+    refresh();
+    EXPECT_EQ(static_cast<const VMRecordFields&>(*vm), before);
+    EXPECT_TRUE(named("beta")) << "one bad bundle stops nothing else";
+}
+
+TEST_F(VMLibraryRefresherTest, aMachineOutOfReachKeepsItsSettingsAndTurnsStopped) {
+    const auto vm = addVM("alpha");
+    vm->tags = {"work"};
+    vm->status = VMStatus::running;
+    std::filesystem::rename(storage, folder / "unplugged");
+    refresh();
+    EXPECT_EQ(vm->status, VMStatus::stopped);
+    EXPECT_EQ(vm->tags.size(), 1u);
+    EXPECT_TRUE(log.contains("Skipping unreadable storage path " + storage.string()));
+    EXPECT_TRUE(log.contains("bundle unreachable at " + vm->vmPath + "; status running -> stopped"));
+    EXPECT_TRUE(log.contains("1 VM(s), 1 unreachable, 1 unreadable path(s)"));
+    std::filesystem::rename(folder / "unplugged", storage);
+    refresh();
+    EXPECT_EQ(service.vms().size(), 1u);
+}
+
+TEST_F(VMLibraryRefresherTest, aMovedMachineKeepsItsFolderScanned) {
+    makeBundle("alpha");
+    const auto elsewhere = folder / "elsewhere";
+    std::filesystem::create_directories(elsewhere);
+    std::filesystem::rename(storage / "alpha", elsewhere / "alpha");
+    const auto vm = insert("alpha", elsewhere / "alpha");
+    std::filesystem::copy(elsewhere / "alpha", elsewhere / "beta");
+    settings.setStoragePath(storage.string() + "/");
+    refresh();
+    EXPECT_EQ(service.vms().size(), 2u);
+    EXPECT_EQ(vm->cpuCount, 2);
+    EXPECT_TRUE(log.contains("across 2 storage path(s): 2 VM(s), 0 unreachable"));
+}
+
+TEST_F(VMLibraryRefresherTest, ofTwoRecordsOfOnePathTheFirstIsKeptInStep) {
+    makeBundle("alpha");
+    const auto first = insert("first", storage / "alpha");
+    const auto second = insert("second", storage / "alpha");
+    refresh();
+    EXPECT_EQ(service.vms().size(), 2u);
+    EXPECT_EQ(first->cpuCount, 2);
+    EXPECT_EQ(second->cpuCount, 0);
+}
+
+TEST_F(VMLibraryRefresherTest, overlappingRefreshesConverge) {
+    makeBundle("alpha");
+    makeBundle("beta");
+    auto first = spawn(host.runtime().main.executor(), service.refreshVMList(), "first");
+    auto second = spawn(host.runtime().main.executor(), service.refreshVMList(), "second");
+    host.driveUntil([&] { return first.isFinished() && second.isFinished(); });
+    EXPECT_EQ(service.vms().size(), 2u);
+    EXPECT_EQ(context.fetchRecords().size(), 2u);
+}
+
+// Changes made behind the back of a refresh, between its scan and its merge.
+class InterruptedRefreshTest : public VMLibraryRefresherTest {
+  protected:
+    /// Refreshes with a service whose scan is followed by `meanwhile` before anything else happens.
+    void refreshWith(std::function<void()> meanwhile) {
+        auto with = collaborators();
+        with.bundleScanner = [meanwhile](const Path& path) {
+            auto bundles = VMBundle::scanBundles(path);
+            meanwhile();
+            return bundles;
+        };
+        VMService interrupted(std::move(with));
+        run(interrupted.refreshVMList());
+    }
+};
+
+TEST_F(InterruptedRefreshTest, aMachineDeletedMeanwhileStaysDeleted) {
+    const auto vm = addVM("alpha");
+    refreshWith([&] {
+        std::filesystem::remove_all(vm->vmPath);
+        context.remove(vm);
+    });
+    EXPECT_TRUE(context.fetchRecords().empty());
+}
+
+TEST_F(InterruptedRefreshTest, aReconfigurationMeanwhileIsNotUndone) {
+    const auto vm = addVM("alpha");
+    refreshWith([&] {
+        // Too late for the scanner, too early for the merge.
+        host.runtime().main.async([&] {
+            writeConfig(vm->bundle(), [](auto& config) { config.cpuCount = 12; });
+            vm->cpuCount = 12;
+        });
+    });
+    EXPECT_EQ(vm->cpuCount, 12);
+}
+
+TEST_F(InterruptedRefreshTest, aMachineBroughtInMeanwhileGetsNoSecondRecord) {
+    refreshWith([&] {
+        makeBundle("alpha");
+        insert("alpha", storage / "alpha");
+    });
+    run(service.refreshVMList());
+    EXPECT_EQ(service.vms().size(), 1u);
+}
+
+TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
+    const auto staging = storage / ".beta.importing-0123ABCD";
+    const auto installing = makeBundle("gamma");
+    writeFileAtomically(installing.installingMarker(), "");
+    std::filesystem::create_directories(staging);
+    run([](LongOperationRegistry& registry, Task<void> work) -> Task<void> {
+        co_await registry.track("Importing", std::move(work));
+    }(operations, service.refreshVMList()));
+    EXPECT_TRUE(std::filesystem::exists(staging));
+    EXPECT_TRUE(installing.isValid());
+    refresh();
+    EXPECT_FALSE(std::filesystem::exists(staging));
+    EXPECT_FALSE(std::filesystem::exists(installing.directoryURL));
+    EXPECT_TRUE(log.contains("Removed interrupted work from a previous session: " + staging.string()));
+    EXPECT_TRUE(service.vms().empty());
+}
+
+TEST_F(VMLibraryRefresherTest, noticesAnInstallationThatFinishedOutOfSight) {
+    const auto vm = addVM("alpha");
+    vm->pendingInstallerImagePath = "/installer.iso";
+    refresh();
+    EXPECT_TRUE(vm->hasPendingInstallerImage());
+    writeFileAtomically(vm->bundle().rawDisk(), "installed now");
+    engine.adopt(vm->id);
+    refresh();
+    EXPECT_TRUE(vm->hasPendingInstallerImage()) << "a running guest may still be at it";
+    engine.vanish(vm->id, VMStopReason::guestInitiated());
+    refresh();
+    EXPECT_FALSE(vm->hasPendingInstallerImage());
+}
+
+TEST_F(VMLibraryRefresherTest, opensAccessOnlyWhileItLooks) {
+    const auto vm = addVM("alpha");
+    vm->setBookmark(toBytes("/old/disc.iso"), "/old/disc.iso");
+    resources.isStale = true;
+    std::size_t openDuringScan = 0;
+    auto with = collaborators();
+    with.bundleScanner = [&](const Path& path) {
+        openDuringScan = resources.open.size();
+        return VMBundle::scanBundles(path);
+    };
+    VMService looking(std::move(with));
+    run(looking.refreshVMList());
+    EXPECT_EQ(openDuringScan, 1u);
+    EXPECT_TRUE(resources.open.empty());
+    EXPECT_EQ(vm->bookmarksByPath->at("/old/disc.iso"), toBytes("fresh:/old/disc.iso")) << "a stale one is renewed";
+}
+
+}  // namespace
+}  // namespace dorvane::test

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/VMOperationGate.h"
+
+#include <gtest/gtest.h>
+
+#include "core/DorvaneError.h"
+#include "core/LongOperationRegistry.h"
+#include "support/TestRuntime.h"
+
+namespace dorvane::test {
+namespace {
+
+Task<int> observe(const std::function<void()>& look, bool fails) {
+    look();
+    if (fails) throw std::runtime_error("no");
+    co_return 7;
+}
+
+TEST(VMOperationGate, holdsAMachineOnEveryWayOut) {
+    TestRuntime host;
+    VMOperationGate gate;
+    const auto id = UUID::random();
+    for (const bool fails : {false, true}) {
+        bool wasBusy = false;
+        const std::function<void()> look = [&] {
+            wasBusy = gate.isBusy(id);
+            EXPECT_THROW(gate.begin(id, "vm"), DorvaneError);
+            EXPECT_NO_THROW(gate.requireFree(UUID::random(), "other"));
+        };
+        auto operation = gate.perform(id, "vm", observe(look, fails));
+        if (fails)
+            EXPECT_THROW(host.run(std::move(operation)), std::runtime_error);
+        else
+            EXPECT_EQ(host.run(std::move(operation)), 7);
+        EXPECT_TRUE(wasBusy);
+        EXPECT_FALSE(gate.isBusy(id));
+    }
+}
+
+TEST(VMOperationGate, aRefusedOperationNeitherRunsNorFreesTheMachine) {
+    TestRuntime host;
+    VMOperationGate gate;
+    const auto id = UUID::random();
+    gate.begin(id, "vm");
+    bool ran = false;
+    const std::function<void()> look = [&] { ran = true; };
+    try {
+        host.run(gate.perform(id, "vm", observe(look, false)));
+        ADD_FAILURE() << "the gate let a second operation in";
+    } catch (const DorvaneError& error) {
+        EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmBusy, "vm"));
+    }
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(gate.isBusy(id));
+}
+
+TEST(LongOperationRegistry, namesTheWorkWhileItRuns) {
+    TestRuntime host;
+    LongOperationRegistry registry;
+    int changes = 0;
+    const Subscription subscription = registry.changed.connect([&] { ++changes; });
+    for (const bool fails : {false, true}) {
+        std::string label;
+        const std::function<void()> look = [&] { label = registry.active().begin()->second; };
+        auto operation = registry.track("Installing macOS", observe(look, fails));
+        if (fails)
+            EXPECT_THROW(host.run(std::move(operation)), std::runtime_error);
+        else
+            host.run(std::move(operation));
+        EXPECT_EQ(label, "Installing macOS");
+        EXPECT_TRUE(registry.active().empty());
+    }
+    EXPECT_EQ(changes, 4);
+}
+
+}  // namespace
+}  // namespace dorvane::test

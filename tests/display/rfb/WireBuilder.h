@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+// Server bytes for tests: what an RFB server would send, built by hand.
+#pragma once
+
+#include <zlib.h>
+
+#include <functional>
+#include <initializer_list>
+
+#include "base/Bytes.h"
+
+namespace dorvane::test {
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+inline Bytes& operator+=(Bytes& left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+inline Bytes be16(unsigned value) {
+    Bytes out;
+    appendBE16(out, static_cast<std::uint16_t>(value));
+    return out;
+}
+inline Bytes be32(std::uint32_t value) {
+    Bytes out;
+    appendBE32(out, value);
+    return out;
+}
+
+/// One zlib stream that goes on over many pieces, each flushed as a server does it.
+class Deflater {
+  public:
+    Deflater() { deflateInit(&stream_, Z_BEST_SPEED); }
+    Deflater(const Deflater&) = delete;
+    Deflater& operator=(const Deflater&) = delete;
+    ~Deflater() { deflateEnd(&stream_); }
+
+    Bytes piece(Bytes plain) {
+        Bytes out(plain.size() + 1'024);
+        stream_.next_in = plain.data();
+        stream_.avail_in = static_cast<uInt>(plain.size());
+        stream_.next_out = out.data();
+        stream_.avail_out = static_cast<uInt>(out.size());
+        deflate(&stream_, Z_SYNC_FLUSH);
+        return {out.data(), stream_.next_out};
+    }
+
+  private:
+    z_stream stream_{};
+};
+
+inline Bytes rectangle(int x, int y, int width, int height, std::int32_t encoding, const Bytes& body = {}) {
+    return be16(unsigned(x)) + be16(unsigned(y)) + be16(unsigned(width)) + be16(unsigned(height)) +
+           be32(static_cast<std::uint32_t>(encoding)) + body;
+}
+inline Bytes update(std::initializer_list<Bytes> rectangles) {
+    Bytes out = Bytes{0, 0} + be16(static_cast<unsigned>(rectangles.size()));
+    for (const auto& one : rectangles) out += one;
+    return out;
+}
+inline Bytes compactLength(std::size_t length) {
+    if (length < 128) return {static_cast<std::uint8_t>(length)};
+    if (length < 16'384)
+        return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)), static_cast<std::uint8_t>(length >> 7)};
+    return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)), static_cast<std::uint8_t>(0x80 | ((length >> 7) & 0x7F)),
+            static_cast<std::uint8_t>(length >> 14)};
+}
+
+/// Pixels without padding, each by its place.
+inline Bytes picture(int width, int height, const std::function<std::uint32_t(int x, int y)>& pixel) {
+    Bytes out;
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const auto value = pixel(x, y);
+            for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+        }
+    return out;
+}
+/// Three bytes a pixel, in the order blue, green, red or the other way round.
+inline Bytes packed(const Bytes& bgra, bool redFirst) {
+    Bytes out;
+    for (std::size_t i = 0; i < bgra.size(); i += 4)
+        for (std::size_t c = 0; c < 3; ++c) out.push_back(bgra[i + (redFirst ? 2 - c : c)]);
+    return out;
+}
+
+}  // namespace dorvane::test

@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qemu/QMPConnection.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include "qemu/FakeQMPServer.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TestRuntime.h"
+
+namespace dorvane {
+namespace {
+
+using Error = QMPConnection::ConnectionError;
+using test::FakeQMPServer;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// A connection and a server on one thread; only the test moves time, so that no answer races with it.
+struct Scene {
+    test::TestRuntime test{test::TestRuntime::TimeMode::manual};
+    test::LogCapture log;
+    test::TemporaryDirectory directory;
+    Path socket = directory / "q.sock";
+    FakeQMPServer server{test.runtime(), socket};
+    std::shared_ptr<QMPConnection> connection = std::make_shared<QMPConnection>(test.runtime());
+    std::vector<std::string> events;
+
+    void connect() { test.run(connection->connect(socket.string(), seconds(10))); }
+    QMPObject execute(std::string command, JSON arguments = nullptr, int passing = -1) {
+        return test.run(connection->execute(std::move(command), std::move(arguments), seconds(10), passing));
+    }
+    void observe() {
+        connection->observeEvents([this](const QMPMessage& message) { events.push_back(message.event()->name); });
+    }
+    /// A command whose outcome the test looks at later.
+    OneShot<QMPObject> begin(std::string command, Duration timeout) {
+        OneShot<QMPObject> outcome;
+        const auto expected = server.commands.size() + 1;
+        spawn(test.runtime().main.executor(),
+              deliver(connection->execute(std::move(command), nullptr, timeout), outcome), "test")
+            .detach();
+        test.driveUntil([&] { return server.commands.size() == expected; });
+        return outcome;
+    }
+    Error failureOf(OneShot<QMPObject> outcome) {
+        test.driveUntil([&] { return outcome.isDecided(); });
+        return caught([&] { outcome.take(); });
+    }
+    static Error caught(const std::function<void()>& action) {
+        try {
+            action();
+        } catch (const Error& error) {
+            return error;
+        }
+        throw std::runtime_error("nothing was thrown");
+    }
+};
+
+TEST(QMPConnection, NegotiatesAndNumbersItsCommands) {
+    Scene scene;
+    scene.connect();
+    scene.server.answer = [](const JSON& command) { return FakeQMPServer::result(command, R"({"status": "running"})"); };
+    EXPECT_EQ(scene.execute("query-status", {{"a", 1}}), (QMPObject{{"status", "running"}}));
+    EXPECT_EQ(scene.server.commands[0], parseJSON(R"({"execute": "qmp_capabilities", "id": "dorvane-1"})"));
+    EXPECT_EQ(scene.server.commands[1],
+              parseJSON(R"({"execute": "query-status", "arguments": {"a": 1}, "id": "dorvane-2"})"));
+    EXPECT_TRUE(scene.log.contains("QMP connected: " + scene.socket.string()));
+}
+
+TEST(QMPConnection, MatchesAnswersByIdHoweverTheyArrive) {
+    Scene scene;
+    scene.connect();
+    scene.server.answer = [](const JSON&) { return std::nullopt; };
+    const auto first = scene.begin("first", seconds(10));
+    const auto second = scene.begin("second", seconds(10));
+    for (const char* piece : {"{\"return\": [", "3], \"id\": \"dorvane-3\"}\r\nnonsense\n{\"event\": \"STOP\"}\n{\"ret",
+                              "urn\": {}}\n{\"return\": {\"n\": 2}, \"id\": \"dorvane-2\"}\r\n"}) {
+        scene.server.send(piece);
+        scene.test.settle();
+    }
+    scene.test.driveUntil([&] { return first.isDecided() && second.isDecided(); });
+    EXPECT_EQ(first.take(), (QMPObject{{"n", 2}}));
+    EXPECT_EQ(second.take(), (QMPObject{{"_items", QMPArray{3}}}));
+    EXPECT_TRUE(scene.log.contains("忽略无法解析的 QMP 行"));
+}
+
+TEST(QMPConnection, TellsQEMUsOwnWords) {
+    Scene scene;
+    scene.connect();
+    scene.server.answer = [](const JSON& command) {
+        return R"({"error": {"class": "GenericError", "desc": "no such device"}, "id": )" + command.at("id").dump() + "}\n";
+    };
+    const auto error = Scene::caught([&] { scene.execute("device_del"); });
+    EXPECT_EQ(error.which(), Error::Case::commandFailed);
+    EXPECT_STREQ(error.what(), "no such device");
+}
+
+TEST(QMPConnection, ALateAnswerIsDroppedAndTheConnectionLivesOn) {
+    Scene scene;
+    scene.connect();
+    scene.server.answer = [](const JSON&) { return std::nullopt; };
+    const auto slow = scene.begin("slow", seconds(2));
+    scene.test.clock().advance(seconds(2));
+    const auto error = scene.failureOf(slow);
+    EXPECT_EQ(error.which(), Error::Case::commandTimedOut);
+    EXPECT_STREQ(error.what(), "The VM did not respond to the control command \"slow\" in time.");
+    scene.server.send("{\"return\": {}, \"id\": \"dorvane-2\"}\n");
+    scene.server.answer = FakeQMPServer::agree;
+    EXPECT_EQ(scene.execute("next"), QMPObject{});
+    EXPECT_EQ(scene.server.commands.back().at("id"), "dorvane-3");
+}
+
+TEST(QMPConnection, PassesADescriptorThatStaysTheCallers) {
+    Scene scene;
+    scene.connect();
+    std::array<int, 2> pair{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    const FileDescriptor mine(pair[0]), other(pair[1]);
+    scene.execute("getfd", {{"fdname", "d"}}, mine.get());
+    ASSERT_EQ(scene.server.descriptors.size(), 1U);
+    struct stat sent {}, received {};
+    ASSERT_EQ(::fstat(mine.get(), &sent), 0);
+    ASSERT_EQ(::fstat(scene.server.descriptors[0].get(), &received), 0);
+    EXPECT_EQ(sent.st_ino, received.st_ino);
+
+    const auto error = Scene::caught([&] { scene.execute("getfd", nullptr, 100000); });
+    EXPECT_EQ(error.which(), Error::Case::connectionClosed);
+    EXPECT_EQ(scene.execute("still-usable"), QMPObject{});
+}
+
+TEST(QMPConnection, AHangUpEndsEverythingOnce) {
+    Scene scene;
+    scene.connect();
+    scene.observe();
+    const auto removed = scene.connection->observeEvents([](const QMPMessage&) { ADD_FAILURE() << "was removed"; });
+    scene.connection->removeObserver(removed);
+    scene.connection->observeEvents([](const QMPMessage&) { throw std::runtime_error("careless"); });
+    scene.server.answer = [](const JSON&) { return std::nullopt; };
+    const auto first = scene.begin("first", seconds(10));
+    const auto second = scene.begin("second", seconds(10));
+    scene.server.send("{\"event\": \"RESUME\"}\n");
+    scene.test.driveUntil([&] { return !scene.events.empty(); });
+    scene.server.hangUp();
+    EXPECT_EQ(scene.failureOf(first).which(), Error::Case::connectionClosed);
+    EXPECT_EQ(scene.failureOf(second).which(), Error::Case::connectionClosed);
+    scene.test.run(scene.connection->close());
+    EXPECT_THAT(scene.events, ElementsAre("RESUME", "__DISCONNECTED__"));
+    const auto error = Scene::caught([&] { scene.execute("late"); });
+    EXPECT_STREQ(error.what(), "The VM control connection was closed.");
+}
+
+TEST(QMPConnection, ClosingWithoutWaitingIsSeenByTheNextCommand) {
+    Scene scene;
+    scene.connect();
+    scene.observe();
+    const auto inFlight = [&] {
+        scene.server.answer = [](const JSON&) { return std::nullopt; };
+        return scene.begin("slow", seconds(10));
+    }();
+    scene.connection->closeNow();
+    scene.connection->closeNow();
+    EXPECT_EQ(Scene::caught([&] { scene.execute("late"); }).which(), Error::Case::connectionClosed);
+    EXPECT_EQ(scene.failureOf(inFlight).which(), Error::Case::connectionClosed);
+    scene.test.driveUntil([&] { return scene.server.sawEndOfStream(); });
+    EXPECT_EQ(scene.server.commands.size(), 2U);
+    EXPECT_THAT(scene.events, ElementsAre("__DISCONNECTED__"));
+}
+
+TEST(QMPConnection, ADroppedConnectionClosesItsSocket) {
+    Scene scene;
+    scene.connect();
+    scene.connection.reset();
+    scene.test.driveUntil([&] { return scene.server.sawEndOfStream(); });
+}
+
+TEST(QMPConnection, APeerThatFloodsWithoutALineEndIsLeft) {
+    Scene scene;
+    scene.connect();
+    scene.observe();
+    scene.test.settle();
+    const std::string flood(1 << 16, 'x');
+    std::size_t sent = 0;
+    while (scene.events.empty() && sent < 2 * QMPLineBuffer::maximumPendingBytes) {
+        try {
+            scene.server.send(flood);
+        } catch (const POSIXError&) {
+            break;
+        }
+        sent += flood.size();
+        scene.test.settle();
+    }
+    scene.test.driveUntil([&] { return !scene.events.empty(); });
+    EXPECT_THAT(scene.events, ElementsAre("__DISCONNECTED__"));
+}
+
+TEST(QMPConnection, WaitsForTheSocketWhileThePeerLives) {
+    test::TestRuntime test;
+    const test::LogCapture log;
+    const test::TemporaryDirectory directory;
+    const auto path = (directory / "none.sock").string();
+    const auto caught = [&](Duration timeout, std::function<bool()> isPeerAlive) {
+        const auto connection = std::make_shared<QMPConnection>(test.runtime());
+        return Scene::caught([&] { test.run(connection->connect(path, timeout, isPeerAlive)); });
+    };
+    int questions = 0;
+    const auto began = test.clock().now();
+    EXPECT_EQ(caught(seconds(10), [&] { return ++questions < 4; }).which(), Error::Case::peerExited);
+    EXPECT_EQ(questions, 4);
+    EXPECT_EQ(test.clock().now() - began, milliseconds(600));
+    const auto error = caught(seconds(2), {});
+    EXPECT_EQ(error.what(), "Could not connect to the VM control socket at " + path + ".");
+    EXPECT_EQ(test.clock().now() - began, milliseconds(600 + 2200));
+}
+
+TEST(QMPConnection, ASocketThatComesLateIsFound) {
+    test::TestRuntime test{test::TestRuntime::TimeMode::manual};
+    const test::LogCapture log;
+    const test::TemporaryDirectory directory;
+    const auto path = directory / "late.sock";
+    const auto connection = std::make_shared<QMPConnection>(test.runtime());
+    OneShot<void> outcome;
+    auto task = spawn(test.runtime().main.executor(), deliver(connection->connect(path.string(), seconds(1)), outcome), "test");
+    test.driveUntil([&] { return test.clock().pendingTimers() == 1; });
+    FakeQMPServer server(test.runtime(), path);
+    test.clock().advance(milliseconds(200));
+    test.driveUntil([&] { return outcome.isDecided(); });
+    EXPECT_NO_THROW(outcome.take());
+}
+
+TEST(QMPConnection, AFailedNegotiationIsToldAsItIs) {
+    Scene scene;
+    scene.server.answer = [](const JSON& command) {
+        return R"({"error": {"desc": "not now"}, "id": )" + command.at("id").dump() + "}\n";
+    };
+    EXPECT_STREQ(Scene::caught([&] { scene.connect(); }).what(), "not now");
+}
+
+TEST(QMPConnection, SocketPathsHaveALimit) {
+    test::TestRuntime test{test::TestRuntime::TimeMode::manual};
+    const test::LogCapture log;
+    const test::TemporaryDirectory directory;
+    const auto pathOf = [&](std::size_t length) {
+        const auto base = directory.path().string() + "/";
+        return base + std::string(length - base.size(), 's');
+    };
+    FakeQMPServer server(test.runtime(), pathOf(103));
+    const auto connection = std::make_shared<QMPConnection>(test.runtime());
+    EXPECT_NO_THROW(test.run(connection->connect(pathOf(103), seconds(1))));
+    const auto other = std::make_shared<QMPConnection>(test.runtime());
+    const auto error = Scene::caught([&] { test.run(other->connect(pathOf(104), seconds(1))); });
+    EXPECT_EQ(error.which(), Error::Case::socketPathTooLong);
+    EXPECT_EQ(error.what(), "The VM control socket path is too long (104 bytes, limit 104): " + pathOf(104));
+}
+
+}  // namespace
+}  // namespace dorvane

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// Snapshots in memory, with a limit to their number as a chain of disk layers has.
+#pragma once
+
+#include "core/DorvaneError.h"
+#include "core/VMOperationGate.h"
+#include "snapshots/VMSnapshotServiceProtocol.h"
+
+namespace dorvane::test {
+
+class FakeSnapshotService : public VMSnapshotServiceProtocol {
+  public:
+    /// Changes are refused unless the gate holds the machine.
+    explicit FakeSnapshotService(const VMOperationGate& gate) : gate_(gate) {}
+
+    VMSnapshotPointer add(const VMRecordPointer& vm, std::string name, VMSnapshotKind kind) {
+        auto snapshot = std::make_shared<VMSnapshot>();
+        snapshot->vmID = vm->id;
+        snapshot->name = std::move(name);
+        snapshot->createdAt = Date{} + std::chrono::seconds(nextSecond_++);
+        snapshot->kindRaw = kind == VMSnapshotKind::automatic ? "automatic" : "manual";
+        snapshot->logicalDiskSizeBytes = std::int64_t{64} << 30;
+        all.push_back(snapshot);
+        return snapshot;
+    }
+    std::vector<std::string> names() const {
+        std::vector<std::string> result;
+        for (const auto& snapshot : all) result.push_back(snapshot->name);
+        return result;
+    }
+
+    std::vector<VMSnapshotPointer> all;
+    std::vector<VMSnapshotPointer> restored;
+    std::size_t maximumDepth = 16;
+    std::exception_ptr takeFailure, listFailure, deleteFailure;
+
+    Task<std::vector<VMSnapshotPointer>> listSnapshots(VMRecordPointer vm) override {
+        if (listFailure) std::rethrow_exception(listFailure);
+        std::vector<VMSnapshotPointer> result;
+        for (const auto& snapshot : all)
+            if (snapshot->vmID == vm->id) result.push_back(snapshot);
+        co_return result;
+    }
+    Task<VMSnapshotPointer> takeSnapshot(VMRecordPointer vm, std::string name, bool includeRAM,
+                                         VMSnapshotKind kind) override {
+        requireHeld(*vm);
+        if (takeFailure) std::rethrow_exception(takeFailure);
+        if (all.size() >= maximumDepth)
+            throw DorvaneError::snapshotChainTooDeep(static_cast<std::int64_t>(all.size()));
+        auto snapshot = add(vm, std::move(name), kind);
+        snapshot->includesRAMState = includeRAM;
+        snapshot->takenWhileRunningRaw = vm->status == VMStatus::running;
+        co_return snapshot;
+    }
+    Task<void> restoreSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) override {
+        requireHeld(*vm);
+        restored.push_back(snapshot);
+        co_return;
+    }
+    Task<void> deleteSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) override {
+        requireHeld(*vm);
+        if (deleteFailure) std::rethrow_exception(deleteFailure);
+        std::erase(all, snapshot);
+        co_return;
+    }
+    Task<void> pruneAutomaticSnapshots(VMRecordPointer vm, int keeping) override {
+        // Takes the gate for each deletion itself, so nobody may hold it meanwhile.
+        gate_.requireFree(vm->id, vm->name);
+        int left = static_cast<int>(std::ranges::count_if(all, isAutomatic)) - keeping;
+        std::erase_if(all, [&](const auto& snapshot) { return isAutomatic(snapshot) && left-- > 0; });
+        co_return;
+    }
+
+  private:
+    static bool isAutomatic(const VMSnapshotPointer& snapshot) {
+        return snapshot->kind() == VMSnapshotKind::automatic;
+    }
+    void requireHeld(const VMRecord& vm) const {
+        if (!gate_.isBusy(vm.id)) throw std::logic_error("a snapshot was changed without the operation gate");
+    }
+
+    const VMOperationGate& gate_;
+    int nextSecond_ = 1767225600;
+};
+
+}  // namespace dorvane::test
