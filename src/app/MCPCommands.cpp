@@ -12,22 +12,20 @@ Task<JSON> immediately(JSON value) { co_return value; }
 
 JSON text(const std::string& value) { return {{"text", value}}; }
 
-std::string probeSentence(const MCPLoopbackProbe::Result::Kind& result) {
-    using Result = MCPLoopbackProbe::Result;
-    if (const auto* answered = std::get_if<Result::OK>(&result))
-        return localized("The MCP server answered with %d tools.", answered->toolCount);
-    if (const auto* unreachable = std::get_if<Result::Unreachable>(&result)) return unreachable->reason;
-    if (const auto* unexpected = std::get_if<Result::UnexpectedResponse>(&result)) return unexpected->reason;
-    return localized("The MCP server refused the token.");
+std::string probeSentence(const MCPLoopbackProbe::Result& result) {
+    using Kind = MCPLoopbackProbe::Result::Kind;
+    if (result.kind == Kind::ok) return localized("The MCP server answered with %d tools.", result.toolCount);
+    if (result.kind == Kind::unauthorized) return localized("The MCP server refused the token.");
+    return result.text;
 }
 
 Task<JSON> probe(AppState& app) {
     auto& server = app.mcpServerService();
     const auto result = co_await MCPLoopbackProbe::probe(app.runtime(), server.effectivePort(), server.endpointToken());
-    JSON shown{{"ok", std::holds_alternative<MCPLoopbackProbe::Result::OK>(result)}};
+    const bool ok = result.kind == MCPLoopbackProbe::Result::Kind::ok;
+    JSON shown{{"ok", ok}};
     shown["text"] = probeSentence(result);
-    if (const auto* answered = std::get_if<MCPLoopbackProbe::Result::OK>(&result))
-        shown["toolCount"] = answered->toolCount;
+    if (ok) shown["toolCount"] = result.toolCount;
     co_return shown;
 }
 

@@ -166,9 +166,7 @@ Task<void> MCPConnectionHost::converse(Self self, Connection connection) {
         if (auto* complete = std::get_if<Result::Complete>(&result)) {
             co_await answer(self, connection, std::move(complete->request));
         } else {
-            const bool unauthorized = std::holds_alternative<Result::Unauthorized>(result);
-            co_await refuse(self, connection,
-                            unauthorized ? MCPHTTPResponse::unauthorized() : MCPHTTPResponse::empty(400, "Bad Request"));
+            co_await refuse(self, connection, std::holds_alternative<Result::Unauthorized>(result));
         }
         co_return;
     }
@@ -183,7 +181,9 @@ Task<void> MCPConnectionHost::answer(Self self, Connection connection, HTTPReque
     dropArrivedBytes(*connection);
 }
 
-Task<void> MCPConnectionHost::refuse(Self self, Connection connection, MCPHTTPResponse response) {
+Task<void> MCPConnectionHost::refuse(Self self, Connection connection, bool isUnauthorized) {
+    const auto response =
+        isUnauthorized ? MCPHTTPResponse::unauthorized() : MCPHTTPResponse::empty(400, "Bad Request");
     const auto bytes = response.serialized();
     co_await connection->write(asBytes(bytes));
     // The client may still be sending the body that nobody wants; it is to see the answer nevertheless.

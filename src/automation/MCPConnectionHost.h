@@ -54,7 +54,7 @@ class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost>
     static Task<void> serve(Self self, Connection connection, std::unique_ptr<Slot> slot);
     static Task<void> converse(Self self, Connection connection);
     static Task<void> answer(Self self, Connection connection, HTTPRequestParser::Request request);
-    static Task<void> refuse(Self self, Connection connection, MCPHTTPResponse response);
+    static Task<void> refuse(Self self, Connection connection, bool isUnauthorized);
     static Task<void> endTasks(Self self);
 
     void openListener(std::uint16_t port, ListenerEvents events);

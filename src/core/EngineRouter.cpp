@@ -40,8 +40,8 @@ VMEngineProtocol& EngineRouter::requireEngineRunning(const UUID& id) const {
 }
 
 Task<void> EngineRouter::launch(UUID id, VMBundle bundle, VMAttachments attachments) {
-    const auto config =
-        co_await runtime_.background.run([file = bundle.configFile()] { return DorvaneVMConfig::read(file); });
+    const auto read = [file = bundle.configFile()] { return DorvaneVMConfig::read(file); };
+    const auto config = co_await runtime_.background.run(read);
     auto& engine = requireEngineFor(config.os);
     // Known from here on, so that questions asked during a long start find the engine.
     routes_[id] = &engine;

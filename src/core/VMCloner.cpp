@@ -38,7 +38,7 @@ Task<VMRecordPointer> VMCloner::clone(VMRecordPointer vm, std::string newName) {
     if (vm->status != VMStatus::stopped || !runControl_.isShutDown(*vm))
         throw cloneFailure(localized("Shut down the VM before cloning it."));
     library_.sync();
-    const Path target = with_.settings.storagePath() / newName;
+    const Path target = (with_.settings.storagePath() / newName).lexically_normal();
     const VMLibrary::Reservation reservation(library_, newName, target.string());
     if (isThere(target))
         throw cloneFailure(localized("A directory named '%@' already exists in storage.", newName));

@@ -90,7 +90,7 @@ Task<VMRecordPointer> VMCreator::create(std::string name, VMOSType os, VMConfigu
     request.validateRanges();
     library_.sync();
     const Path storagePath = request.storagePath ? Path(*request.storagePath) : with_.settings.storagePath();
-    const Path directory = storagePath / name;
+    const Path directory = (storagePath / name).lexically_normal();
     const VMLibrary::Reservation reservation(library_, name, directory.string());
     const bool isProvisioned = os == VMOSType::macOS && request.macProvisioning && with_.provisioningStore != nullptr;
     if (isProvisioned) with_.provisioningStore->validate(*request.macProvisioning);

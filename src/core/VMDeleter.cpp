@@ -23,9 +23,10 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     watcher_.forget(vm->id);
     co_await powerOff(vm);
     requireAlive(*vm);
+    std::optional<Path> trashed;
     {
         const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
-        co_await dispose(vm, permanently);
+        trashed = co_await dispose(vm, permanently);
         // The directory is gone: the record has to follow even when the caller has lost interest.
         co_await ignoreCancellation();
         access_.close(vm->id);
@@ -37,7 +38,7 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     if (permanently)
         logger.info("Deleted VM: %s (erased permanently)", vm->name);
     else
-        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name, "true");
+        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name, trashed.value_or("nothing was left").string());
 }
 
 Task<void> VMDeleter::powerOff(VMRecordPointer vm) {
@@ -58,7 +59,7 @@ Task<void> VMDeleter::powerOff(VMRecordPointer vm) {
     std::rethrow_exception(failure);
 }
 
-Task<void> VMDeleter::dispose(VMRecordPointer vm, bool permanently) {
+Task<std::optional<Path>> VMDeleter::dispose(VMRecordPointer vm, bool permanently) {
     const auto token = access_.begin(*vm);
     const Path directory = vm->vmPath;
     const auto work = [this, &directory, permanently]() -> std::optional<Path> {
@@ -66,13 +67,11 @@ Task<void> VMDeleter::dispose(VMRecordPointer vm, bool permanently) {
         if (!std::filesystem::exists(directory, ignored)) return std::nullopt;
         return with_.directoryDisposer.dispose(directory, permanently);
     };
-    std::optional<std::string> failure;
     try {
-        co_await with_.runtime.background.run(work);
+        co_return co_await with_.runtime.background.run(work);
     } catch (const std::exception& error) {
-        failure = error.what();
+        throw DorvaneError(DorvaneError::Case::vmDeleteFailed, error.what());
     }
-    if (failure) throw DorvaneError(DorvaneError::Case::vmDeleteFailed, *failure);
 }
 
 }  // namespace dorvane

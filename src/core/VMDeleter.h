@@ -25,7 +25,8 @@ class VMDeleter {
 
   private:
     Task<void> powerOff(VMRecordPointer vm);
-    Task<void> dispose(VMRecordPointer vm, bool permanently);
+    /// Where the directory went, if it went anywhere.
+    Task<std::optional<Path>> dispose(VMRecordPointer vm, bool permanently);
 
     const VMServiceCollaborators& with_;
     VMLibrary& library_;

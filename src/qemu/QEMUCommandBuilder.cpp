@@ -47,7 +47,8 @@ class Vector {
     bool hasInstaller() const { return attachments_.installerImagePath.has_value(); }
 
     void addName() {
-        const auto name = trimmed(bundle_.directoryURL.filename().native());
+        const auto directoryName = bundle_.name();
+        const auto name = trimmed(directoryName);
         add("-name", name.empty() ? "Dorvane" : QEMUCommandBuilder::escaped(name));
     }
 

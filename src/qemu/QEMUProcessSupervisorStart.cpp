@@ -46,7 +46,8 @@ Task<void> QEMUProcessSupervisor::start(QEMULaunch launch) {
         co_await ignoreCancellation();
         co_await failStart(failure);
     }
-    updateStatus(VMStatus::running);
+    // An event may have told more already.
+    if (status_ == VMStatus::starting) updateStatus(VMStatus::running);
     logger_.info("Launched QEMU VM %{public}s", name_);
 }
 
@@ -80,16 +81,18 @@ void QEMUProcessSupervisor::startChild(const QEMULaunch& launch) {
 
 Task<void> QEMUProcessSupervisor::connect(std::string socketPath) {
     const auto connection = std::make_shared<QMPConnection>(runtime_);
+    // Before connecting, so that not even the first event is missed.
+    const auto token = connection->observeEvents([weak = weak_from_this(), &main = runtime_.main](const auto& message) {
+        main.async([weak, message] {
+            if (const auto self = weak.lock(); self && message.event()) self->handle(*message.event());
+        });
+    });
     std::function<bool()> isPeerAlive = [child = child_] { return child->isRunning(); };
     co_await connection->connect(std::move(socketPath), qmpConnectTimeout, std::move(isPeerAlive));
     // A stop or an end of the child meanwhile has not seen this connection.
     if (isTerminated_ || didRequestStop_) throw QMPConnection::ConnectionError::peerExited();
     connection_ = connection;
-    eventToken_ = connection->observeEvents([weak = weak_from_this(), &main = runtime_.main](const QMPMessage& message) {
-        main.async([weak, message] {
-            if (const auto self = weak.lock(); self && message.event()) self->handle(*message.event());
-        });
-    });
+    eventToken_ = token;
 }
 
 Task<void> QEMUProcessSupervisor::failStart(std::exception_ptr error) {

@@ -61,7 +61,8 @@ TEST(MCPOrigin, allowsThisMachineAlone) {
         EXPECT_TRUE(isAllowedMCPOrigin(allowed)) << allowed;
     for (const auto* refused :
          {"null", "", "localhost", "http://localhost.example.org", "http://127.0.0.1.example.org", "http://LOCALHOST",
-          "http://localhost@example.org", "http://127.0.0.2", "http://", "http://local host", "file:///localhost"})
+          "http://localhost@example.org", "http://127.0.0.1@example.org", "http://127.0.0.1:80x", "http://[::1].example.org",
+         "http://127.0.0.2", "http://", "http://local host", "file:///localhost"})
         EXPECT_FALSE(isAllowedMCPOrigin(refused)) << refused;
 }
 

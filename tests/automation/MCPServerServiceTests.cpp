@@ -261,6 +261,7 @@ TEST_F(MCPServerServiceTest, survivesClientsThatVanishDuringACall) {
     }
     handler->release.set();
     host.driveUntil([&] { return handler->finished == 16; });
+    host.settle();
     EXPECT_EQ(exchange(post("/mcp/secret", "")), echoed("POST /mcp/secret "));
 }
 

@@ -158,10 +158,11 @@ TEST_F(MCPMachineToolsTest, startGoesAheadWithoutASnapshotOfABusyMachine) {
 
 TEST_F(MCPMachineToolsTest, aFailedStartLeavesNoSnapshotBehind) {
     vmService.add("A");
-    const DorvaneError failed(DorvaneError::Case::vmStartupFailed, "A", "no disk");
-    vmService.nextFailure = std::make_exception_ptr(failed);
-    EXPECT_EQ(failure("start_vm", R"({"vm":"A"})"), describedWithSuggestion(vmService.nextFailure = std::make_exception_ptr(failed)));
+    const auto failed = std::make_exception_ptr(DorvaneError(DorvaneError::Case::vmStartupFailed, "A", "no disk"));
+    vmService.nextFailure = failed;
+    EXPECT_EQ(failure("start_vm", R"({"vm":"A"})"), describedWithSuggestion(failed));
     EXPECT_TRUE(snapshots.all.empty());
+    vmService.nextFailure = failed;
     snapshots.deleteFailure = std::make_exception_ptr(std::runtime_error("disk is gone"));
     failure("start_vm", R"({"vm":"A"})");
     EXPECT_TRUE(log.contains("Could not remove the automatic snapshot after a failed start of A: disk is gone"));

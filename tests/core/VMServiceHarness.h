@@ -74,8 +74,9 @@ class FakeBootEvidence : public LinuxBootEvidenceInspecting {
   public:
     bool diskShowsBootableSystem(const Path& disk) const override {
         std::ifstream stream(disk);
-        std::string word;
-        return stream >> word && word == "installed";
+        std::string start(9, '\0');
+        stream.read(start.data(), 9);
+        return start == "installed";
     }
 };
 

@@ -11,6 +11,7 @@
 #include "base/JSON.h"
 #include "qemu/QMPLineBuffer.h"
 #include "qemu/UnixFDPassing.h"
+#include "runtime/Files.h"
 #include "runtime/ReadSource.h"
 #include "runtime/Runtime.h"
 #include "runtime/Sockets.h"
@@ -34,9 +35,6 @@ class FakeQMPServer {
 
     void send(const std::string& text) { UnixFDPassing::sendAll(client_->descriptor(), asBytes(text)); }
     void hangUp() { client_.reset(); }
-    /// Leaves what arrives in the socket's buffer.
-    void stopReading() { heldBack_ = FileDescriptor(::dup(client_->descriptor())), client_.reset(); }
-    bool hasClient() const { return client_ != nullptr; }
     bool sawEndOfStream() const { return sawEndOfStream_; }
 
     Answer answer = agree;
@@ -76,7 +74,6 @@ class FakeQMPServer {
     SerialQueue queue_;
     ReadSource listener_;
     std::unique_ptr<ReadSource> client_;
-    FileDescriptor heldBack_;
     QMPLineBuffer buffer_;
     bool sawEndOfStream_ = false;
 };

@@ -99,7 +99,7 @@ TEST(QEMUCapabilitiesCache, RunsTheBinaryWithItsEnvironment) {
     test::TestRuntime test{test::TestRuntime::TimeMode::manual};
     const test::TemporaryDirectory directory;
     const auto binary = directory / "qemu";
-    writeFileAtomically(binary, R"(#!/bin/sh
+    writeFileAtomically(binary, R"SH(#!/bin/sh
 case "$*" in
 --version) echo "QEMU emulator version $TOLD_VERSION (test)" ;;
 "-machine help") printf 'Supported machines are:\nvirt-9.0 x\nvirt-9.1 y\n' ;;
@@ -107,7 +107,7 @@ case "$*" in
 "-machine virt -device tpm-tis-device,help") printf 'options:\n  ppi=<bool>\n' ;;
 *) echo "unknown" >&2; exit 1 ;;
 esac
-)", 0755);
+)SH", 0755);
     QEMUCapabilitiesCache cache(test.runtime());
     const auto found = test.run(cache.capabilities(binary, {{"TOLD_VERSION", "9.1.5"}}));
     EXPECT_EQ(found.version, "9.1.5");

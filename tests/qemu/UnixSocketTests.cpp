@@ -110,7 +110,8 @@ class ControlData {
         header.cmsg_level = level;
         header.cmsg_type = type;
         std::memcpy(bytes_.data() + at, &header, sizeof header);
-        std::memcpy(bytes_.data() + at + CMSG_LEN(0), payload.data(), payload.size_bytes());
+        for (std::size_t i = 0; i < payload.size(); ++i)
+            std::memcpy(bytes_.data() + at + CMSG_LEN(i * sizeof(int)), &payload[i], sizeof(int));
     }
     void cutTo(std::size_t size) { bytes_.resize(size); }
     std::vector<FileDescriptor> read() {
@@ -126,7 +127,8 @@ class ControlData {
 
 TEST(UnixFDPassing, WalksControlDataWithoutLeavingIt) {
     const auto duplicate = [] { return ::fcntl(STDERR_FILENO, F_DUPFD, 50); };
-    const std::array first{duplicate(), duplicate()}, second{duplicate()};
+    const std::array first{duplicate(), duplicate()};
+    const std::array second{duplicate()};
     ControlData two;
     two.add(SOL_SOCKET, SCM_RIGHTS, first);
     two.add(SOL_SOCKET, SO_TIMESTAMP, std::array{1, 2});

@@ -63,7 +63,7 @@ TEST(WindowsSharesPortAllocator, PassesOverTakenPorts) {
 void expectBatchFile(const std::string& script) {
     for (std::size_t i = 0; i < script.size(); ++i) {
         ASSERT_LT(static_cast<unsigned char>(script[i]), 0x80);
-        if (script[i] == '\n') ASSERT_TRUE(i > 0 && script[i - 1] == '\r') << i;
+        ASSERT_TRUE(script[i] != '\n' || (i > 0 && script[i - 1] == '\r')) << i;
     }
     EXPECT_TRUE(script.starts_with("@echo off\r\n"));
 }

@@ -19,7 +19,8 @@ class FakeDisplayTransport : public GuestDisplayTransport {
         co_await outcome.wait();
     }
     void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) override {
-        events.push_back("pointer " + std::to_string(buttonMask) + " " + std::to_string(x) + "," + std::to_string(y));
+        events.push_back("pointer " + std::to_string(buttonMask) + " " + std::to_string(x) + "," +
+                         std::to_string(y));
     }
     void sendKey(const GuestKey& key, bool down) override {
         char text[32];

@@ -19,7 +19,11 @@ struct ZlibFailure {
 /// a pointer to its state.
 class InflateStream {
   public:
-    InflateStream() noexcept : result_(inflateInit(&stream_)) {}
+    InflateStream() noexcept : result_(inflateInit(&stream_)) {
+        // The check value stands at a stream's end, which these streams never reach; computing it all the same would cost
+        // more than inflating compressible data.
+        if (isInitialized()) inflateValidate(&stream_, 0);
+    }
     InflateStream(const InflateStream&) = delete;
     InflateStream& operator=(const InflateStream&) = delete;
     ~InflateStream() {

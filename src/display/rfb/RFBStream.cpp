@@ -12,6 +12,8 @@ namespace {
 // Below these a raw rectangle goes through the buffer: more spans would cost more than the copy saves.
 constexpr std::size_t minimumDirectBytes = 65'536;
 constexpr std::size_t minimumDirectRowBytes = 1'024;
+// After a rectangle received in place another is likely: only its header, and little else, goes through the buffer.
+constexpr std::size_t headerChunkBytes = 1'024;
 // More than any rectangle that can still become complete: the longest is a cursor with its mask.
 constexpr std::size_t maximumWaitingBytes = RFBRectangle::maximumBytes + RFBRectangle::maximumBytes / 8;
 
@@ -29,7 +31,8 @@ std::span<const iovec> RFBStream::prepare() {
     if (isDirect_) {
         prepareRaw();
     } else {
-        addSpan(buffer_.tail());
+        const auto tail = buffer_.tail();
+        addSpan(expectsLargeRaw_ ? tail.first(headerChunkBytes) : tail);
     }
     return {spans_.data(), spanCount_};
 }
@@ -49,6 +52,7 @@ void RFBStream::addSpan(std::span<std::uint8_t> memory) { spans_[spanCount_++] =
 void RFBStream::commit(std::size_t count) {
     if (isDirect_) {
         raw_->done += count;
+        expectsLargeRaw_ = true;
     } else {
         buffer_.commit(count);
     }
@@ -125,6 +129,7 @@ bool RFBStream::parseRectangle() {
     if (!rectangle) return beginRaw();
     std::visit([this](const auto& content) { apply(content); }, rectangle->content);
     buffer_.consume(reader.position());
+    expectsLargeRaw_ = false;
     endRectangle();
     return true;
 }

@@ -92,7 +92,8 @@ class RFBStream {
     ReceiveBuffer buffer_;
     std::array<iovec, maximumSpans> spans_{};
     std::size_t spanCount_ = 0;
-    bool isDirect_ = false;  // the spans lie in the framebuffer
+    bool isDirect_ = false;         // the spans lie in the framebuffer
+    bool expectsLargeRaw_ = false;  // the last rectangle was received so
     std::optional<RawBody> raw_;
     int pendingRectangles_ = 0;
     bool didTouchPixels_ = false;

@@ -10,18 +10,25 @@ constexpr auto agentConnectTimeout = seconds(10);
 
 std::optional<HostClipboardKind> kindOf(VDAgentClipboardFormat format) {
     switch (format) {
-        case VDAgentClipboardFormat::utf8Text: return HostClipboardKind::text;
-        case VDAgentClipboardFormat::png: return HostClipboardKind::image;
-        case VDAgentClipboardFormat::fileList: return HostClipboardKind::files;
-        default: return std::nullopt;
+        case VDAgentClipboardFormat::utf8Text:
+            return HostClipboardKind::text;
+        case VDAgentClipboardFormat::png:
+            return HostClipboardKind::image;
+        case VDAgentClipboardFormat::fileList:
+            return HostClipboardKind::files;
+        default:
+            return std::nullopt;
     }
 }
 
 VDAgentClipboardFormat formatOf(HostClipboardKind kind) {
     switch (kind) {
-        case HostClipboardKind::text: return VDAgentClipboardFormat::utf8Text;
-        case HostClipboardKind::image: return VDAgentClipboardFormat::png;
-        case HostClipboardKind::files: return VDAgentClipboardFormat::fileList;
+        case HostClipboardKind::text:
+            return VDAgentClipboardFormat::utf8Text;
+        case HostClipboardKind::image:
+            return VDAgentClipboardFormat::png;
+        case HostClipboardKind::files:
+            return VDAgentClipboardFormat::fileList;
     }
     return VDAgentClipboardFormat::none;
 }
@@ -58,15 +65,18 @@ void GuestAgentSession::open(const std::string& socketPath, Options options) {
     ++generation_;
     channel_ = making_->makeChannel(socketPath);
     channel_->onReady = onMain([](GuestAgentSession& self, std::uint32_t bits) { self.becameReady(bits); });
-    channel_->onMessage = onMain(
-        [](GuestAgentSession& self, const VDAgentIncomingMessage::Kind& message) { self.handleAgent(message); });
-    channel_->onDisconnect = onMain([](GuestAgentSession& self, const std::exception_ptr&) { self.channelEnded(); });
+    channel_->onMessage = onMain([](GuestAgentSession& self, const VDAgentIncomingMessage::Kind& message) {
+        self.handleAgent(message);
+    });
+    channel_->onDisconnect =
+        onMain([](GuestAgentSession& self, const std::exception_ptr&) { self.channelEnded(); });
     connectTask_ = spawn(runtime_.main.executor(), connectChannel(weak_from_this(), channel_, generation_),
                          "connectAgent");
 }
 
 Task<void> GuestAgentSession::connectChannel(std::weak_ptr<GuestAgentSession> session,
-                                             std::shared_ptr<VDAgentChannel> channel, std::uint64_t generation) {
+                                             std::shared_ptr<VDAgentChannel> channel,
+                                             std::uint64_t generation) {
     std::exception_ptr failure;
     try {
         co_await channel->connect(agentConnectTimeout);
@@ -98,7 +108,8 @@ void GuestAgentSession::startClipboard() {
     };
     clipboard_->onProvideImage = provide(HostClipboardKind::image);
     clipboard_->onProvideFiles = provide(HostClipboardKind::files);
-    clipboard_->onAnnounce = whileOpen([](GuestAgentSession& self, const auto& kinds) { self.announce(kinds); });
+    clipboard_->onAnnounce =
+        whileOpen([](GuestAgentSession& self, const auto& kinds) { self.announce(kinds); });
     clipboard_->onRequest = whileOpen([](GuestAgentSession& self, HostClipboardKind kind) {
         self.channel_->sendClipboardRequest(formatOf(kind));
     });
@@ -152,11 +163,14 @@ void GuestAgentSession::handleAgent(const VDAgentIncomingMessage::Kind& message)
 
 void GuestAgentSession::handleClipboardData(const VDAgentIncomingMessage::ClipboardData& data) {
     switch (data.format) {
-        case VDAgentClipboardFormat::utf8Text: return clipboard_->guestDidProvideText(data.content);
-        case VDAgentClipboardFormat::png: return clipboard_->guestDidProvideImage(data.content);
+        case VDAgentClipboardFormat::utf8Text:
+            return clipboard_->guestDidProvideText(data.content);
+        case VDAgentClipboardFormat::png:
+            return clipboard_->guestDidProvideImage(data.content);
         case VDAgentClipboardFormat::fileList:
             return logger_.info("客体发来了文件剪贴板内容,反方向没有实现,已丢弃");
-        default: return;
+        default:
+            return;
     }
 }
 
@@ -168,8 +182,12 @@ void GuestAgentSession::announce(const std::set<HostClipboardKind>& kinds) {
     if (!formats.empty()) channel_->sendClipboardGrab(formats);
     if (takesFiles || !kinds.contains(HostClipboardKind::files) || didWarnAboutOutdatedGuestTools_) return;
     didWarnAboutOutdatedGuestTools_ = true;
-    show({{}, localized("The guest tools inside Windows are out of date, so pasting files there does nothing. Close "
-                        "this window and run Install-Dorvane-Drivers in Windows"), true, true});
+    show({{},
+          localized(
+              "The guest tools inside Windows are out of date, so pasting files there does nothing. Close "
+              "this window and run Install-Dorvane-Drivers in Windows"),
+          true,
+          true});
 }
 
 void GuestAgentSession::channelEnded() {

@@ -10,8 +10,8 @@
 
 namespace dorvane {
 
-/// Main thread only; held by a shared pointer. Its failures are logged and never reach the display. Without a maker
-/// (a build without the agent protocol) it does nothing at all.
+/// Main thread only; held by a shared pointer. Its failures are logged and never reach the display. Without a
+/// maker (a build without the agent protocol) it does nothing at all.
 class GuestAgentSession : public std::enable_shared_from_this<GuestAgentSession> {
   public:
     struct Options {
@@ -22,7 +22,8 @@ class GuestAgentSession : public std::enable_shared_from_this<GuestAgentSession>
     };
 
     /// The arguments outlive it; both pointers may be null.
-    GuestAgentSession(const Runtime& runtime, GuestAgentChannelMaking* making, GuestToolsRegistering* registry)
+    GuestAgentSession(const Runtime& runtime, GuestAgentChannelMaking* making,
+                      GuestToolsRegistering* registry)
         : runtime_(runtime), making_(making), registry_(registry) {}
 
     /// Something of the published fields changed.
@@ -44,8 +45,8 @@ class GuestAgentSession : public std::enable_shared_from_this<GuestAgentSession>
     auto whileOpen(Action action);
     template <typename Action>
     auto onMain(Action action);
-    static Task<void> connectChannel(std::weak_ptr<GuestAgentSession> session, std::shared_ptr<VDAgentChannel> channel,
-                                     std::uint64_t generation);
+    static Task<void> connectChannel(std::weak_ptr<GuestAgentSession> session,
+                                     std::shared_ptr<VDAgentChannel> channel, std::uint64_t generation);
     void becameReady(std::uint32_t capabilities);
     void startClipboard();
     void startFileTransfers();

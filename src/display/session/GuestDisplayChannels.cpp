@@ -5,7 +5,8 @@ namespace dorvane {
 
 std::optional<GuestDisplayChannel> displayChannel(const GuestDisplaySource::Kind& source) {
     if (const auto* vnc = std::get_if<GuestDisplaySource::VNC>(&source)) return VNCChannel{vnc->socketPath};
-    if (const auto* dbus = std::get_if<GuestDisplaySource::DBus>(&source)) return DBusChannel{dbus->qmpSocketPath};
+    if (const auto* dbus = std::get_if<GuestDisplaySource::DBus>(&source))
+        return DBusChannel{dbus->qmpSocketPath};
     return std::nullopt;
 }
 

@@ -16,7 +16,8 @@ using FrameBox = HostFramebufferCapture::FrameBox;
 
 std::string description(CaptureError::Case which) {
     switch (which) {
-        case CaptureError::Case::timedOut: return localized("The VM display did not produce a frame in time.");
+        case CaptureError::Case::timedOut:
+            return localized("The VM display did not produce a frame in time.");
         case CaptureError::Case::encodingFailed:
             return localized("The captured frame could not be encoded as PNG.");
     }
@@ -26,7 +27,8 @@ std::string description(CaptureError::Case which) {
 /// Closes the transport on every way out.
 class ClosingTransport {
   public:
-    explicit ClosingTransport(std::shared_ptr<GuestDisplayTransport> transport) : transport_(std::move(transport)) {}
+    explicit ClosingTransport(std::shared_ptr<GuestDisplayTransport> transport)
+        : transport_(std::move(transport)) {}
     ClosingTransport(const ClosingTransport&) = delete;
     ClosingTransport& operator=(const ClosingTransport&) = delete;
     ~ClosingTransport() { transport_->close(); }
@@ -62,7 +64,8 @@ Task<FramePointer> HostFramebufferCapture::firstFrame(std::shared_ptr<GuestDispl
     deliverInto(box, *transport);
     const auto deadline = runtime_.clock.now() + timeout;
     const Executor executor = co_await asio::this_coro::executor;
-    // Beside the wait, not inside it: a connect that is slow to heed its cancellation must not hold the caller up.
+    // Beside the wait, not inside it: a connect that is slow to heed its cancellation must not hold the
+    // caller up.
     const auto connecting = spawn(executor, connectInto(box, transport, timeout), "capturePNG");
     std::optional<FramePointer> frame;
     std::exception_ptr failure;
@@ -84,7 +87,8 @@ Task<Bytes> HostFramebufferCapture::capturePNG(GuestDisplayChannel channel, Dura
         const ClosingTransport transport(transports_.makeTransport(channel));
         frame = co_await firstFrame(transport.get(), timeout);
     }
-    auto png = co_await runtime_.background.run([frame] { return encodePNG(*frame); });
+    const auto encode = [frame] { return encodePNG(*frame); };
+    auto png = co_await runtime_.background.run(encode);
     if (png.empty()) throw CaptureError(CaptureError::Case::encodingFailed);
     co_return png;
 }

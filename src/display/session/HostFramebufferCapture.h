@@ -9,8 +9,8 @@
 
 namespace dorvane {
 
-/// Opens a transport of its own for a moment, takes the first frame and closes it: nothing of an open display is
-/// used or disturbed. Callable on the main thread or a serial queue.
+/// Opens a transport of its own for a moment, takes the first frame and closes it: nothing of an open display
+/// is used or disturbed. Callable on the main thread or a serial queue.
 class HostFramebufferCapture : public HostFramebufferCapturing {
   public:
     class CaptureError : public std::runtime_error {

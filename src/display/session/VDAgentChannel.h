@@ -10,8 +10,8 @@
 
 namespace dorvane {
 
-/// The callbacks are set before `connect` and run on the channel's own queue. Operations may be called from any
-/// thread; sends keep their order and are dropped once the channel has ended.
+/// The callbacks are set before `connect` and run on the channel's own queue. Operations may be called from
+/// any thread; sends keep their order and are dropped once the channel has ended.
 class VDAgentChannel {
   public:
     virtual ~VDAgentChannel() = default;

@@ -14,7 +14,14 @@ namespace dorvane {
 enum class VDAgentClipboardFormat : std::uint32_t { none, utf8Text, png, bmp, tiff, jpg, fileList };
 
 enum class VDAgentFileTransferStatus : std::uint32_t {
-    canSendData, cancelled, error, success, notEnoughSpace, sessionLocked, agentNotConnected, disabled,
+    canSendData,
+    cancelled,
+    error,
+    success,
+    notEnoughSpace,
+    sessionLocked,
+    agentNotConnected,
+    disabled,
 };
 
 /// The bit by which this system's own guest tools say that they take lists of files from the clipboard.
@@ -52,8 +59,8 @@ struct VDAgentIncomingMessage {
     struct ClipboardRelease {
         bool operator==(const ClipboardRelease&) const = default;
     };
-    using Kind = std::variant<Capabilities, ClipboardGrab, ClipboardRequest, ClipboardData, FileTransferStatus, Ignored,
-                              ClipboardRelease>;
+    using Kind = std::variant<Capabilities, ClipboardGrab, ClipboardRequest, ClipboardData,
+                              FileTransferStatus, Ignored, ClipboardRelease>;
 };
 
 }  // namespace dorvane

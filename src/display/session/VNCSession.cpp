@@ -47,10 +47,12 @@ VNCSession::~VNCSession() {
     disconnect();
 }
 
-/// A callback that may come on any thread and acts on the main one, while the present connection is still in use.
+/// A callback that may come on any thread and acts on the main one, while the present connection is still in
+/// use.
 template <typename Action>
 auto VNCSession::onMain(Action action) {
-    return [weak = weak_from_this(), &main = runtime_.main, generation = generation_, action](auto... arguments) {
+    return [weak = weak_from_this(), &main = runtime_.main, generation = generation_,
+            action](auto... arguments) {
         main.async([=] {
             const auto self = weak.lock();
             if (self && self->generation_ == generation) action(*self, arguments...);
@@ -75,8 +77,8 @@ void VNCSession::connect(Target target) {
     }
     listenTo(*connection_);
     isConnecting_ = true;
-    connectTask_ = spawn(runtime_.main.executor(), connectTransport(weak_from_this(), connection_, generation),
-                         "connectDisplay");
+    connectTask_ = spawn(runtime_.main.executor(),
+                         connectTransport(weak_from_this(), connection_, generation), "connectDisplay");
     if (lastConnect_->agentSocketPath) agent_->open(*lastConnect_->agentSocketPath, lastConnect_->agent);
     changed();
 }
@@ -100,7 +102,8 @@ void VNCSession::listenTo(GuestDisplayTransport& transport) {
 }
 
 Task<void> VNCSession::connectTransport(std::weak_ptr<VNCSession> session,
-                                        std::shared_ptr<GuestDisplayTransport> transport, std::uint64_t generation) {
+                                        std::shared_ptr<GuestDisplayTransport> transport,
+                                        std::uint64_t generation) {
     std::exception_ptr failure;
     try {
         co_await transport->connect(connectTimeout);
@@ -135,7 +138,8 @@ void VNCSession::connectFailed(const std::exception_ptr& error) {
 
 void VNCSession::connectionWasLost(const std::exception_ptr& error) {
     isConnected_ = false;
-    failureReason_ = error ? localizedDescription(error) : localized("The connection to the VM display was closed.");
+    failureReason_ =
+        error ? localizedDescription(error) : localized("The connection to the VM display was closed.");
     logger_.error("画面连接中断: %{public}s", *failureReason_);
     if (reconnectAttempts_ < maximumReconnectAttempts) scheduleReconnect();
     changed();
@@ -197,11 +201,12 @@ void VNCSession::pasteFiles(const std::vector<Path>& files) {
     agent_->enqueue(files);
 }
 
-/// The user pasted with Command held, which the guest sees as its Windows key: going up by itself, it would open the
-/// Start menu. A tap of Control in between prevents that.
+/// The user pasted with Command held, which the guest sees as its Windows key: going up by itself, it would
+/// open the Start menu. A tap of Control in between prevents that.
 void VNCSession::suppressStartMenu() {
-    const bool isCommandHeld = std::ranges::any_of(
-        pressedKeys_, [](const GuestKey& key) { return key.keysym == leftSuper || key.keysym == rightSuper; });
+    const bool isCommandHeld = std::ranges::any_of(pressedKeys_, [](const GuestKey& key) {
+        return key.keysym == leftSuper || key.keysym == rightSuper;
+    });
     if (isCommandHeld) sendKeyCombination({leftControl});
 }
 

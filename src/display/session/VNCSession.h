@@ -18,8 +18,8 @@ namespace dorvane {
 ///   connection lost, or a retry fails → retrying after 1, 2 and 4 seconds, then failed
 ///   disconnect()              → idle; nothing of the old connection is heard any more
 ///
-/// Main thread only. Made with std::make_shared; a view may drop it, or call it, from inside a signal. Dropping it
-/// disconnects.
+/// Main thread only. Made with std::make_shared; a view may drop it, or call it, from inside a signal.
+/// Dropping it disconnects.
 class VNCSession : public std::enable_shared_from_this<VNCSession> {
   public:
     struct Size {
@@ -34,9 +34,10 @@ class VNCSession : public std::enable_shared_from_this<VNCSession> {
         GuestAgentSession::Options agent;
     };
 
-    /// `agents` and `guestTools` may be null: then there is no clipboard and no file drop. All outlive the session.
-    VNCSession(const Runtime& runtime, GuestDisplayTransportMaking& transports, GuestAgentChannelMaking* agents,
-               GuestToolsRegistering* guestTools);
+    /// `agents` and `guestTools` may be null: then there is no clipboard and no file drop. All outlive the
+    /// session.
+    VNCSession(const Runtime& runtime, GuestDisplayTransportMaking& transports,
+               GuestAgentChannelMaking* agents, GuestToolsRegistering* guestTools);
     ~VNCSession();
     VNCSession(const VNCSession&) = delete;
     VNCSession& operator=(const VNCSession&) = delete;
@@ -76,7 +77,8 @@ class VNCSession : public std::enable_shared_from_this<VNCSession> {
     template <typename Action>
     auto onMain(Action action);
     static Task<void> connectTransport(std::weak_ptr<VNCSession> session,
-                                       std::shared_ptr<GuestDisplayTransport> transport, std::uint64_t generation);
+                                       std::shared_ptr<GuestDisplayTransport> transport,
+                                       std::uint64_t generation);
     void show(FramePointer frame);
     void connectFailed(const std::exception_ptr& error);
     void connectionWasLost(const std::exception_ptr& error);

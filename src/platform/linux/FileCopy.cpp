@@ -74,8 +74,8 @@ std::size_t copyThroughBuffer(const OpenPair& pair, off_t at, std::size_t count,
 }
 
 bool isUnsupported(int number) {
-    return number == EXDEV || number == EOPNOTSUPP || number == ENOSYS || number == EINVAL || number == EBADF ||
-           number == EPERM || number == ETXTBSY;
+    return number == EXDEV || number == EOPNOTSUPP || number == ENOSYS || number == EINVAL ||
+           number == EBADF || number == EPERM || number == ETXTBSY;
 }
 
 void copyStretch(const OpenPair& pair, off_t begin, off_t end, bool& kernelCopies, Bytes& buffer) {
@@ -83,8 +83,8 @@ void copyStretch(const OpenPair& pair, off_t begin, off_t end, bool& kernelCopie
         const auto count = static_cast<std::size_t>(end - begin);
         if (kernelCopies) {
             off_t in = begin, out = begin;
-            const auto copied =
-                ::copy_file_range(pair.source.get(), &in, pair.target.get(), &out, std::min(count, kernelCopyBytes), 0);
+            const auto copied = ::copy_file_range(pair.source.get(), &in, pair.target.get(), &out,
+                                                  std::min(count, kernelCopyBytes), 0);
             if (copied < 0 && errno == EINTR) continue;
             if (copied > 0) {
                 begin += copied;
@@ -151,10 +151,14 @@ void copyAny(const Path& from, const Path& to) {
     struct stat info {};
     if (::lstat(from.c_str(), &info) != 0) throw FileError("read", from, errno);
     switch (info.st_mode & S_IFMT) {
-        case S_IFREG: return copyFile(from, to);
-        case S_IFDIR: return copyFolder(from, to);
-        case S_IFLNK: return copyLink(from, to);
-        default: throw FileError("copy", from, ENOTSUP);
+        case S_IFREG:
+            return copyFile(from, to);
+        case S_IFDIR:
+            return copyFolder(from, to);
+        case S_IFLNK:
+            return copyLink(from, to);
+        default:
+            throw FileError("copy", from, ENOTSUP);
     }
 }
 

@@ -7,8 +7,8 @@
 namespace dorvane {
 
 /// See `FileManager::copyItem`. Permissions, modification times and the user's extended attributes come along
-/// (the attributes where both sides have them). What is neither file, folder nor link is refused (ENOTSUP), and so
-/// is a copy into itself (EINVAL).
+/// (the attributes where both sides have them). What is neither file, folder nor link is refused (ENOTSUP),
+/// and so is a copy into itself (EINVAL).
 void copyFileTree(const Path& from, const Path& to);
 
 }  // namespace dorvane

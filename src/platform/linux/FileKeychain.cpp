@@ -87,7 +87,8 @@ void FileKeychain::remove(const std::string& service, const std::string& account
         if (items[service].empty()) items.erase(service);
         store(items);
     } catch (const std::exception& error) {
-        logger_.error("Could not remove a password from %{public}s: %{public}s", file_.string(), error.what());
+        logger_.error("Could not remove a password from %{public}s: %{public}s", file_.string(),
+                      error.what());
     }
 }
 

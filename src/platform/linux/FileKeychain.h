@@ -11,9 +11,10 @@
 
 namespace dorvane {
 
-/// One JSON object: service to account to base64. The file is read for each operation, so that programs started
-/// side by side agree. A file that others may read is closed to them first; one that belongs to somebody else is
-/// not trusted; one that can't be understood reads as empty and is set aside before a new one is written.
+/// One JSON object: service to account to base64. The file is read for each operation, so that programs
+/// started side by side agree. A file that others may read is closed to them first; one that belongs to
+/// somebody else is not trusted; one that can't be understood reads as empty and is set aside before a new
+/// one is written.
 class FileKeychain : public KeychainHelper {
   public:
     explicit FileKeychain(Path file) : file_(std::move(file)) {}

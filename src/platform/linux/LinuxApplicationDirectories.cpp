@@ -62,7 +62,8 @@ bool fitsSockets(const Path& directory) {
     return directory.native().size() + longestSocketSuffix.size() <= maximumSocketPathBytes;
 }
 
-/// A folder in a place where everybody may write: the same one at each start, unless somebody else has taken it.
+/// A folder in a place where everybody may write: the same one at each start, unless somebody else has taken
+/// it.
 Path privateDirectory(const Path& base) {
     const auto usual = base / (std::string(folderName) + "-" + std::to_string(::geteuid()));
     ::mkdir(usual.c_str(), 0700);
@@ -73,7 +74,8 @@ Path privateDirectory(const Path& base) {
 
 Path runtimeDirectory(const Environment& environment) {
     const auto session = absolutePath(environment, "XDG_RUNTIME_DIR");
-    if (session && belongsToUserAlone(*session) && fitsSockets(*session / folderName)) return *session / folderName;
+    if (session && belongsToUserAlone(*session) && fitsSockets(*session / folderName))
+        return *session / folderName;
     const auto temporary = absolutePath(environment, "TMPDIR");
     if (temporary && ::access(temporary->c_str(), W_OK) == 0) {
         auto directory = privateDirectory(*temporary);
@@ -95,14 +97,18 @@ ApplicationDirectories linuxApplicationDirectories(const Environment& environmen
     directories.applicationSupport = dataHome(environment) / folderName;
     directories.configuration = configurationHome / folderName;
     directories.caches = absolutePath(environment, "XDG_CACHE_HOME").value_or(home / ".cache") / folderName;
-    directories.state = absolutePath(environment, "XDG_STATE_HOME").value_or(home / ".local/state") / folderName;
-    directories.documents = absolutePath(environment, "XDG_DOCUMENTS_DIR")
-                                .value_or(chosenDocuments(configurationHome, home).value_or(home / "Documents"));
+    directories.state =
+        absolutePath(environment, "XDG_STATE_HOME").value_or(home / ".local/state") / folderName;
+    directories.documents =
+        absolutePath(environment, "XDG_DOCUMENTS_DIR")
+            .value_or(chosenDocuments(configurationHome, home).value_or(home / "Documents"));
     directories.runtime = runtimeDirectory(environment);
     directories.temporary = directories.runtime;
     return directories;
 }
 
-std::filesystem::path linuxHomeTrash(const Environment& environment) { return dataHome(environment) / "Trash"; }
+std::filesystem::path linuxHomeTrash(const Environment& environment) {
+    return dataHome(environment) / "Trash";
+}
 
 }  // namespace dorvane

@@ -33,16 +33,19 @@ void LinuxDefaultsStore::load() {
 
 void LinuxDefaultsStore::refuse(int number) {
     loadError_ = number;
-    problem_ = localized("The settings in %@ could not be read (%@). Defaults are used, and changes are not kept.",
-                         file_.string(), errnoText(number));
+    problem_ =
+        localized("The settings in %@ could not be read (%@). Defaults are used, and changes are not kept.",
+                  file_.string(), errnoText(number));
     logger_.error("%{public}s", *problem_);
 }
 
 void LinuxDefaultsStore::startOver(const std::string& reason) {
     try {
         const auto aside = setAside(file_);
-        problem_ = localized("The settings file was damaged, so Dorvane started with default settings. The damaged "
-                             "file was kept as %@.", aside.string());
+        problem_ = localized(
+            "The settings file was damaged, so Dorvane started with default settings. The damaged "
+            "file was kept as %@.",
+            aside.string());
         logger_.error("%{public}s is damaged and was kept as %{public}s: %{public}s", file_.string(),
                       aside.string(), reason);
     } catch (const FileError& error) {

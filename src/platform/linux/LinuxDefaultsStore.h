@@ -13,8 +13,8 @@ namespace dorvane {
 /// The file is read once, here, and written whole at each change. It belongs to one process: changes that
 /// another one makes are not seen. Only the user may read it.
 ///
-/// A file that is no JSON object is set aside under another name and the store begins empty; a file that can't be
-/// read at all stays where it is, and every `set` throws until the next start.
+/// A file that is no JSON object is set aside under another name and the store begins empty; a file that
+/// can't be read at all stays where it is, and every `set` throws until the next start.
 class LinuxDefaultsStore : public DefaultsStore {
   public:
     /// `file` need not exist, nor its directory. Never throws.

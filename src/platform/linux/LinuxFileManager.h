@@ -7,8 +7,9 @@
 
 namespace dorvane {
 
-/// There is no mark that every backup program on Linux honours; the extended attribute "user.xdg.robots.backup"
-/// with the value "false" is the one that freedesktop.org names. Where it can't be kept, setting it throws.
+/// There is no mark that every backup program on Linux honours; the extended attribute
+/// "user.xdg.robots.backup" with the value "false" is the one that freedesktop.org names. Where it can't be
+/// kept, setting it throws.
 class LinuxFileManager : public FileManager {
   public:
     explicit LinuxFileManager(Path homeTrash) : trash_(std::move(homeTrash)) {}

@@ -27,7 +27,8 @@ constexpr std::size_t genericMachineIdentifierBytes = 16;
 bool isWireless(const std::string& interface) {
     std::error_code ignored;
     const auto folder = Path("/sys/class/net") / interface;
-    return std::filesystem::exists(folder / "wireless", ignored) || std::filesystem::exists(folder / "phy80211", ignored);
+    return std::filesystem::exists(folder / "wireless", ignored) ||
+           std::filesystem::exists(folder / "phy80211", ignored);
 }
 
 bool isEthernet(const ifaddrs& entry) {
@@ -41,7 +42,8 @@ bool isEthernet(const ifaddrs& entry) {
 OperatingSystemVersion LinuxHostSystem::version() const {
     struct utsname info {};
     OperatingSystemVersion result;
-    if (::uname(&info) == 0) std::sscanf(info.release, "%d.%d.%d", &result.major, &result.minor, &result.patch);
+    if (::uname(&info) == 0)
+        std::sscanf(info.release, "%d.%d.%d", &result.major, &result.minor, &result.patch);
     return result;
 }
 
@@ -84,6 +86,8 @@ std::string LinuxHostSystem::randomMACAddress() const {
 }
 
 Bytes LinuxHostSystem::newMacMachineIdentifier() const { return randomBytes(macMachineIdentifierBytes); }
-Bytes LinuxHostSystem::newGenericMachineIdentifier() const { return randomBytes(genericMachineIdentifierBytes); }
+Bytes LinuxHostSystem::newGenericMachineIdentifier() const {
+    return randomBytes(genericMachineIdentifierBytes);
+}
 
 }  // namespace dorvane

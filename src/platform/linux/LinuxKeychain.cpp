@@ -30,8 +30,10 @@ void LinuxKeychain::open() {
             reason = error.what();
         }
     }
-    logger_.error("No secret service is usable (%{public}s); passwords are kept in %{public}s, which only this user "
-                  "can read", reason, file_.path().string());
+    logger_.error(
+        "No secret service is usable (%{public}s); passwords are kept in %{public}s, which only this user "
+        "can read",
+        reason, file_.path().string());
 }
 
 std::optional<Bytes> LinuxKeychain::read(const std::string& service, const std::string& account) {
@@ -53,8 +55,9 @@ bool LinuxKeychain::save(const std::string& service, const std::string& account,
             file_.remove(service, account);
             return true;
         } catch (const std::exception& error) {
-            logger_.error("Could not save a password in the secret service, so it goes to %{public}s: %{public}s",
-                          file_.path().string(), error.what());
+            logger_.error(
+                "Could not save a password in the secret service, so it goes to %{public}s: %{public}s",
+                file_.path().string(), error.what());
         }
     }
     return file_.save(service, account, secret);

@@ -8,8 +8,8 @@ namespace dorvane {
 
 class SecretService;
 
-/// Which store it is, is found out at the first use and holds for the life of the process. A password that the
-/// desktop's store doesn't take goes to the file, and one in the file is always the newer: saving to the
+/// Which store it is, is found out at the first use and holds for the life of the process. A password that
+/// the desktop's store doesn't take goes to the file, and one in the file is always the newer: saving to the
 /// desktop's store takes it out of the file.
 class LinuxKeychain : public KeychainHelper {
   public:

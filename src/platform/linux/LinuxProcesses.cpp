@@ -88,10 +88,13 @@ std::optional<Path> LinuxProcesses::executablePath(int pid) const {
 std::optional<int> LinuxProcesses::peerPID(int socket) const {
     struct ucred peer {};
     socklen_t size = sizeof peer;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 0) return std::nullopt;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 0)
+        return std::nullopt;
     return peer.pid;
 }
 
-std::string LinuxProcesses::shortened(const std::string& program) const { return program.substr(0, shortNameBytes); }
+std::string LinuxProcesses::shortened(const std::string& program) const {
+    return program.substr(0, shortNameBytes);
+}
 
 }  // namespace dorvane

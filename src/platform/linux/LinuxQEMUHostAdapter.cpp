@@ -2,6 +2,8 @@
 #include "platform/linux/LinuxQEMUHostAdapter.h"
 
 #include <algorithm>
+#include <array>
+#include <functional>
 
 #include "base/Text.h"
 #include "qemu/QEMUMachineVersion.h"
@@ -28,6 +30,15 @@ Arguments partsOf(std::string_view value) {
         if (isEscaped) parts.back() += value[++i];
     }
     return parts;
+}
+
+std::string unescaped(std::string_view value) {
+    std::string result;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        result += value[i];
+        if (value.substr(i, 2) == ",,") ++i;
+    }
+    return result;
 }
 
 std::string nameOf(const std::string& part) { return part.substr(0, part.find('=')); }
@@ -74,6 +85,7 @@ class Translation {
         if (option == "-audiodev") return add(option, audioValue(value));
         if (option == "-device") return add(option, deviceValue(value));
         if (option == "-display") return add(option, displayValue(value));
+        if (option == "-serial") return add(option, serialValue(value));
         if (option == "-drive" && isInstaller(value)) hasInstaller_ = true;
         add(option, value);
     }
@@ -134,6 +146,11 @@ class Translation {
         auto parts = partsOf(value);
         keepProperties(parts, [this](const auto& name) { return name != "gl" || usesGL(); });
         return joined(parts, ",");
+    }
+
+    /// QEMU takes what follows "file:" here as it stands, so that a doubled comma would be part of the name.
+    static std::string serialValue(const std::string& value) {
+        return value.starts_with("file:") ? unescaped(value) : value;
     }
 
     static bool isInstaller(const std::string& drive) {

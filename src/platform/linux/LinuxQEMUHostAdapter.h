@@ -16,6 +16,7 @@ namespace dorvane {
 ///                                             and a plain D-Bus display
 /// virt-N.M newer than the binary's newest     that newest
 /// properties that the binary doesn't list     dropped, of the machine and of the inspected devices
+/// -serial file: with escaped commas           without: QEMU takes this one path literally
 /// (added)                                     no limit to the bandwidth of a saved state
 /// (added without an installer)                no wait in the firmware's menu
 ///

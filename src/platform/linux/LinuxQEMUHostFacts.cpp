@@ -29,7 +29,9 @@ bool isPlaybackDevice(const Path& path) {
     return name.starts_with("pcm") && name.ends_with("p") && isAccessible(path);
 }
 
-bool isRenderNode(const Path& path) { return path.filename().string().starts_with("renderD") && canOpen(path); }
+bool isRenderNode(const Path& path) {
+    return path.filename().string().starts_with("renderD") && canOpen(path);
+}
 
 /// The session's socket of that name, or a server that the variable names.
 bool hasServer(const Environment& environment, const char* variable, const Path& socketName) {

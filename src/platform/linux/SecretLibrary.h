@@ -6,7 +6,8 @@
 
 namespace dorvane {
 
-// The libraries' public types, as far as their callers see them (libsecret 0.18 and later, GLib 2.26 and later).
+// The libraries' public types, as far as their callers see them (libsecret 0.18 and later, GLib 2.26 and
+// later).
 struct GError {
     unsigned domain;
     int code;
@@ -25,12 +26,12 @@ struct SecretSchema {
     void* moreReserved[7];
 };
 
-constexpr int sessionBus = 2;                 // G_BUS_TYPE_SESSION
-constexpr int openSession = 1 << 1;           // SECRET_SERVICE_OPEN_SESSION
+constexpr int sessionBus = 2;                  // G_BUS_TYPE_SESSION
+constexpr int openSession = 1 << 1;            // SECRET_SERVICE_OPEN_SESSION
 constexpr auto defaultCollection = "default";  // SECRET_COLLECTION_DEFAULT
 
-/// Opened only in sessions that have a message bus, so that no other start pays for these libraries, and a host
-/// without them still runs. They stay loaded: GLib can't be unloaded.
+/// Opened only in sessions that have a message bus, so that no other start pays for these libraries, and a
+/// host without them still runs. They stay loaded: GLib can't be unloaded.
 struct SecretLibrary {
     /// Throws SecretServiceError when the library, or an operation in it, is missing.
     SecretLibrary();
@@ -43,7 +44,8 @@ struct SecretLibrary {
     void (*g_dbus_connection_set_exit_on_close)(void* connection, int exitOnClose);
     void* (*secret_service_get_sync)(int flags, GCancellable*, GError**);
     void (*secret_service_disconnect)();
-    void* (*secret_collection_for_alias_sync)(void* service, const char* alias, int flags, GCancellable*, GError**);
+    void* (*secret_collection_for_alias_sync)(void* service, const char* alias, int flags, GCancellable*,
+                                              GError**);
     int (*secret_collection_get_locked)(void* collection);
     SecretValue* (*secret_value_new)(const char* secret, std::ptrdiff_t length, const char* contentType);
     const char* (*secret_value_get)(SecretValue*, std::size_t* length);

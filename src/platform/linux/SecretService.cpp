@@ -19,7 +19,8 @@ using Owned = std::unique_ptr<T, void (*)(T*)>;
 /// What one call into the library needs besides its arguments: the right to end it, and its error.
 class Call {
   public:
-    explicit Call(const SecretLibrary& library) : library_(library), cancellable_(library.g_cancellable_new()) {}
+    explicit Call(const SecretLibrary& library)
+        : library_(library), cancellable_(library.g_cancellable_new()) {}
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
     ~Call() {
@@ -40,8 +41,9 @@ class Call {
     GError* error_ = nullptr;
 };
 
-/// Runs `work` on a thread of its own and waits for it no longer than `limit`. The library heeds a cancellation in
-/// most places only, so a thread that is late is left to itself: `work` holds whatever it uses.
+/// Runs `work` on a thread of its own and waits for it no longer than `limit`. The library heeds a
+/// cancellation in most places only, so a thread that is late is left to itself: `work` holds whatever it
+/// uses.
 template <typename Work>
 auto runLimited(const std::shared_ptr<const SecretLibrary>& library, Duration limit, Work work) {
     const auto call = std::make_shared<Call>(*library);
@@ -76,8 +78,8 @@ SecretService::Connection::Connection(std::shared_ptr<const SecretLibrary> opene
     library->g_dbus_connection_set_exit_on_close(bus.get(), 0);
     service.reset(library->secret_service_get_sync(openSession, call.cancellable(), call.error()));
     call.check();
-    const Owned<void> collection(library->secret_collection_for_alias_sync(service.get(), defaultCollection, 0,
-                                                                           call.cancellable(), call.error()),
+    const Owned<void> collection(library->secret_collection_for_alias_sync(
+                                     service.get(), defaultCollection, 0, call.cancellable(), call.error()),
                                  library->g_object_unref);
     call.check();
     if (!collection) throw SecretServiceError("there is no default keyring");
@@ -104,7 +106,8 @@ std::optional<Bytes> SecretService::read(const std::string& service, const std::
         call.check();
         if (!value) return std::nullopt;
         std::size_t size = 0;
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(library.secret_value_get(value.get(), &size));
+        const auto* bytes =
+            reinterpret_cast<const std::uint8_t*>(library.secret_value_get(value.get(), &size));
         return Bytes(bytes, bytes + size);
     };
     return runLimited(connection_->library, timeLimit_, work);
@@ -119,8 +122,8 @@ void SecretService::save(const std::string& service, const std::string& account,
             library.secret_value_unref);
         const auto label = "Dorvane: " + service;
         library.secret_password_store_binary_sync(&schema, defaultCollection, label.c_str(), value.get(),
-                                                  call.cancellable(), call.error(), "service", service.c_str(),
-                                                  "account", account.c_str(), nullptr);
+                                                  call.cancellable(), call.error(), "service",
+                                                  service.c_str(), "account", account.c_str(), nullptr);
         call.check();
     };
     runLimited(connection_->library, timeLimit_, work);
@@ -128,8 +131,8 @@ void SecretService::save(const std::string& service, const std::string& account,
 
 void SecretService::remove(const std::string& service, const std::string& account) const {
     const auto work = [held = connection_, service, account](const SecretLibrary& library, Call& call) {
-        library.secret_password_clear_sync(&schema, call.cancellable(), call.error(), "service", service.c_str(),
-                                           "account", account.c_str(), nullptr);
+        library.secret_password_clear_sync(&schema, call.cancellable(), call.error(), "service",
+                                           service.c_str(), "account", account.c_str(), nullptr);
         call.check();
     };
     runLimited(connection_->library, timeLimit_, work);

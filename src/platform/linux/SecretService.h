@@ -16,11 +16,12 @@ class SecretServiceError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Never asks the user anything: a store that is locked counts as absent. Every operation ends within the time
-/// limit. Safe on any thread; all throw SecretServiceError.
+/// Never asks the user anything: a store that is locked counts as absent. Every operation ends within the
+/// time limit. Safe on any thread; all throw SecretServiceError.
 class SecretService {
   public:
-    /// Throws when no bus answers, no service stands behind it, or its default collection is absent or locked.
+    /// Throws when no bus answers, no service stands behind it, or its default collection is absent or
+    /// locked.
     explicit SecretService(Duration timeLimit);
     ~SecretService();
     SecretService(const SecretService&) = delete;

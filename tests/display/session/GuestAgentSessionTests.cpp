@@ -35,7 +35,8 @@ struct FakeChannel : VDAgentChannel {
         lines.push_back("send request " + std::to_string(static_cast<int>(format)));
     }
     void sendClipboard(Format format, ByteView content) override {
-        lines.push_back("send data " + std::to_string(static_cast<int>(format)) + " " + std::string(asText(content)));
+        lines.push_back("send data " + std::to_string(static_cast<int>(format)) + " " +
+                        std::string(asText(content)));
     }
     void close() override { lines.emplace_back("close channel"); }
 
@@ -56,8 +57,12 @@ struct FakeClipboard : ClipboardBridging {
     void guestRequests(HostClipboardKind kind) override {
         lines.push_back("guest requests " + std::to_string(static_cast<int>(kind)));
     }
-    void guestDidProvideText(ByteView text) override { lines.push_back("guest text " + std::string(asText(text))); }
-    void guestDidProvideImage(ByteView png) override { lines.push_back("guest image " + std::string(asText(png))); }
+    void guestDidProvideText(ByteView text) override {
+        lines.push_back("guest text " + std::string(asText(text)));
+    }
+    void guestDidProvideImage(ByteView png) override {
+        lines.push_back("guest image " + std::string(asText(png)));
+    }
     void guestDidRelease() override { lines.emplace_back("guest releases"); }
     Lines& lines;
 };
@@ -72,7 +77,8 @@ struct FakeTransfer : FileTransferring {
     }
     void cancel() override {
         lines.emplace_back("cancel");
-        if (onItemFinished) onItemFinished({}, std::make_exception_ptr(std::runtime_error("Transfer cancelled.")));
+        if (onItemFinished)
+            onItemFinished({}, std::make_exception_ptr(std::runtime_error("Transfer cancelled.")));
     }
     void agentDisconnected() override { lines.emplace_back("agent disconnected"); }
     Lines& lines;
@@ -199,7 +205,8 @@ TEST_F(GuestAgentSessionTest, outdatedToolsAreToldOnceAndGetNoFiles) {
     EXPECT_EQ(lines(), (Lines{"send grab 1"}));
     ASSERT_TRUE(session_->fileDrop());
     EXPECT_EQ(session_->fileDrop()->message,
-              "The guest tools inside Windows are out of date, so pasting files there does nothing. Close this window "
+              "The guest tools inside Windows are out of date, so pasting files there does nothing. Close "
+              "this window "
               "and run Install-Dorvane-Drivers in Windows");
     session_->dismissFileDrop();
     session_->disconnect();

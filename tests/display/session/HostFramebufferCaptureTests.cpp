@@ -36,7 +36,8 @@ TEST(PNGEncoder, keepsEveryPixelAndDropsTheFourthByte) {
     FrameImage image{3, 2, {}};
     Bytes expected;
     for (std::uint8_t i = 0; i < 6; ++i) {
-        const std::uint8_t blue = i, green = static_cast<std::uint8_t>(40 * i), red = static_cast<std::uint8_t>(255 - i);
+        const std::uint8_t blue = i, green = static_cast<std::uint8_t>(40 * i),
+                           red = static_cast<std::uint8_t>(255 - i);
         image.pixels.insert(image.pixels.end(), {blue, green, red, 0x7F});
         expected.insert(expected.end(), {red, green, blue});
     }
@@ -58,9 +59,10 @@ class HostFramebufferCaptureTest : public testing::Test {
     /// Captures while `script` plays the guest.
     Bytes capture(const std::function<void(FakeDisplayTransport&)>& script) {
         OneShot<Bytes> outcome;
-        const auto handle = spawn(host_.runtime().main.executor(),
-                                  deliver(capture_.capturePNG(GuestDisplayChannel(VNCChannel{"/v"}), seconds(3)), outcome),
-                                  "capture");
+        const auto handle =
+            spawn(host_.runtime().main.executor(),
+                  deliver(capture_.capturePNG(GuestDisplayChannel(VNCChannel{"/v"}), seconds(3)), outcome),
+                  "capture");
         host_.settle();
         script(transports_.latest());
         host_.settle();
@@ -134,12 +136,13 @@ TEST_F(HostFramebufferCaptureTest, frameWithoutPixelsCanNotBeEncoded) {
 }
 
 TEST_F(HostFramebufferCaptureTest, cancelledCaptureClosesItsTransport) {
-    auto handle = spawn(host_.runtime().main.executor(),
-                        [](HostFramebufferCapture& capture) -> Task<void> {
-                            GuestDisplaySource::Kind source = GuestDisplaySource::VNC{"/v", std::nullopt};
-                            co_await capture.capturePNG(std::move(source), seconds(3));
-                        }(capture_),
-                        "capture");
+    auto handle = spawn(
+        host_.runtime().main.executor(),
+        [](HostFramebufferCapture& capture) -> Task<void> {
+            GuestDisplaySource::Kind source = GuestDisplaySource::VNC{"/v", std::nullopt};
+            co_await capture.capturePNG(std::move(source), seconds(3));
+        }(capture_),
+        "capture");
     host_.settle();
     handle = TaskHandle();
     host_.settle();

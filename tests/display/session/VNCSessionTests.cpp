@@ -165,14 +165,16 @@ TEST_F(VNCSessionTest, noKeyStaysDownInTheGuest) {
     connect();
     auto& guest = transports_.latest();
     session_->sendKeyCombination({command, letterA});
-    EXPECT_EQ(guest.events, (std::vector<std::string>{"key ffeb down", "key 61 down", "key 61 up", "key ffeb up"}));
+    EXPECT_EQ(guest.events,
+              (std::vector<std::string>{"key ffeb down", "key 61 down", "key 61 up", "key ffeb up"}));
     guest.events.clear();
     session_->sendKey(shift, true);
     session_->sendKey(letterA, true);
     session_->sendKey(letterA, false);
     session_->releaseHeldKeys();
     session_->releaseHeldKeys();
-    EXPECT_EQ(guest.events, (std::vector<std::string>{"key ffe1 down", "key 61 down", "key 61 up", "key ffe1 up"}));
+    EXPECT_EQ(guest.events,
+              (std::vector<std::string>{"key ffe1 down", "key 61 down", "key 61 up", "key ffe1 up"}));
     guest.events.clear();
     session_->sendKey(shift, true);
     session_->disconnect();

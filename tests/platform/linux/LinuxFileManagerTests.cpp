@@ -89,8 +89,9 @@ TEST_P(Copying, bringsAWholeFolderWithLinksAndClosedFolders) {
     EXPECT_EQ(statusOf(target("clone") / "Snapshots").st_mode & 07777, 0500U);
 }
 
-INSTANTIATE_TEST_SUITE_P(, Copying, testing::Bool(),
-                         [](const auto& each) { return each.param ? "acrossFileSystems" : "onOneFileSystem"; });
+INSTANTIATE_TEST_SUITE_P(, Copying, testing::Bool(), [](const auto& each) {
+    return each.param ? "acrossFileSystems" : "onOneFileSystem";
+});
 
 TEST(LinuxFileManager, copyKeepsTheUsersAttributes) {
     const TemporaryDirectory folder;
@@ -142,8 +143,8 @@ TEST(LinuxFileManager, fullDiskIsTold) {
         FAIL() << "a full disk went unnoticed";
     } catch (const FileError& error) {
         EXPECT_EQ(error.number(), ENOSPC);
-        EXPECT_EQ(std::string(error.what()), "Could not write " + (disk / "big").string() +
-                                                 ": No space left on device");
+        EXPECT_EQ(std::string(error.what()),
+                  "Could not write " + (disk / "big").string() + ": No space left on device");
     }
 }
 

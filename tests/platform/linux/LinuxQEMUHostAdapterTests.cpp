@@ -85,6 +85,7 @@ TEST(LinuxQEMUHostAdapter, TranslatesByTheTable) {
         {"-display dbus,p2p=on,gl=es", workstation(), "11.1", "-display dbus,p2p=on,gl=es"},
         {"-display dbus,p2p=on,gl=es", workstation(), "7.2", "-display dbus,p2p=on"},
         {"-display none", {}, "11.1", "-display none"},
+        {"-serial file:/a,,b,,,,c", {}, "11.1", "-serial file:/a,b,,c"},
 
         {tpm, {}, "11.1", tpm},
         {tpm, {}, "10.0", "-device tpm-tis-device,tpmdev=tpm0"},

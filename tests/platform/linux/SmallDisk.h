@@ -12,7 +12,8 @@ namespace dorvane::test {
 class SmallDisk {
   public:
     SmallDisk()
-        : isMounted_(::mount("tmpfs", folder_.path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=256k") == 0) {}
+        : isMounted_(::mount("tmpfs", folder_.path().c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=256k") ==
+                     0) {}
     SmallDisk(const SmallDisk&) = delete;
     SmallDisk& operator=(const SmallDisk&) = delete;
     ~SmallDisk() {

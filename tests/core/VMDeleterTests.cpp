@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/VMServiceHarness.h"
+
+namespace dorvane::test {
+namespace {
+
+class VMDeleterTest : public VMServiceTest {
+  protected:
+    VMRecordPointer vm = addVM("alpha");
+};
+
+TEST_F(VMDeleterTest, movesToTheTrashOrErases) {
+    const auto snapshot = std::make_shared<VMSnapshot>();
+    snapshot->vmID = vm->id;
+    context.insert(snapshot);
+    run(service.deleteVM(vm, false));
+    EXPECT_TRUE(std::filesystem::exists(folder.path() / "Trash" / "alpha" / "config.json"));
+    EXPECT_TRUE(service.vms().empty());
+    EXPECT_TRUE(context.fetchSnapshots(vm->id).empty());
+    EXPECT_TRUE(log.contains("Deleted VM: alpha (moved to Trash: " + (folder / "Trash").string() + "/alpha)"));
+
+    const auto other = addVM("beta");
+    run(service.deleteVM(other, true));
+    EXPECT_FALSE(std::filesystem::exists(other->vmPath));
+    EXPECT_TRUE(log.contains("Deleted VM: beta (erased permanently)"));
+    EXPECT_EQ(failureOf(service.deleteVM(other, true)), DorvaneError::vmNotFound(other->id));
+}
+
+TEST_F(VMDeleterTest, powersARunningMachineOffFirst) {
+    run(service.startVM(vm));
+    run(service.deleteVM(vm, true));
+    EXPECT_EQ(engine.calls.back(), "forced stop");
+    EXPECT_FALSE(engine.hasRunningVMs());
+    host.settle();
+    EXPECT_TRUE(context.fetchRecords().empty()) << "late reports don't bring the record back";
+}
+
+TEST_F(VMDeleterTest, aMachineThatWillNotStopStaysAndIsStillWatched) {
+    run(service.startVM(vm));
+    engine.failNext("forced stop", "it hangs");
+    EXPECT_EQ(failureOf(service.deleteVM(vm, true)).text(), "it hangs");
+    EXPECT_TRUE(vm->bundle().isValid());
+    engine.report(vm->id, VMStatus::paused);
+    host.settle();
+    EXPECT_EQ(vm->status, VMStatus::paused);
+}
+
+TEST_F(VMDeleterTest, aDirectoryThatCannotGoKeepsItsRecord) {
+    vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso");
+    files.failTrash = true;
+    const auto error = failureOf(service.deleteVM(vm, false));
+    EXPECT_EQ(error.which(), Case::vmDeleteFailed);
+    EXPECT_NE(error.text().find("Permission denied"), std::string::npos);
+    EXPECT_EQ(service.vms().size(), 1u);
+    EXPECT_TRUE(resources.open.empty());
+    EXPECT_FALSE(gate.isBusy(vm->id));
+}
+
+TEST_F(VMDeleterTest, aDirectoryThatIsGoneAlreadyIsNoFailure) {
+    std::filesystem::remove_all(vm->vmPath);
+    run(service.deleteVM(vm, false));
+    EXPECT_TRUE(context.fetchRecords().empty());
+}
+
+}  // namespace
+}  // namespace dorvane::test
