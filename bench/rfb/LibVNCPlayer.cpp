@@ -35,7 +35,7 @@ double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCou
     client->format.redShift = 16;
     client->format.greenShift = 8;
     client->format.blueShift = 0;
-    // No message of the client is marked as supported, so the library sends no update requests into the file.
+    // No message of the client is marked as supported, so the library sends no update requests.
     client->sock = fd;
     const auto start = threadSeconds();
     for (std::size_t i = 0; i < messageCount; ++i)

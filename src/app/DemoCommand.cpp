@@ -27,14 +27,15 @@ Task<VMRecordPointer> createDemo(AppState& app, const HostServices& host, Path i
     auto& service = app.makeSharedVMService();
     const auto vm = co_await service.createVM(demoName, VMOSType::windows, configuration);
     const auto disk = vm->bundle().qcow2Disk();
+    const auto replaceDisk = [&files = host.files, image, disk] {
+        const Path staged = disk.string() + ".new";
+        std::filesystem::remove(staged);
+        files.copyItem(image, staged);
+        std::filesystem::rename(staged, disk);
+    };
     std::exception_ptr failure;
     try {
-        co_await host.runtime.background.run([&files = host.files, image, disk] {
-            const Path staged = disk.string() + ".new";
-            std::filesystem::remove(staged);
-            files.copyItem(image, staged);
-            std::filesystem::rename(staged, disk);
-        });
+        co_await host.runtime.background.run(replaceDisk);
     } catch (...) {
         failure = std::current_exception();
     }

@@ -73,10 +73,12 @@ class Service {
           keychain_(environment_.contains("DBUS_SESSION_BUS_ADDRESS"), directories_.applicationSupport / "secrets.json"),
           files_(linuxHomeTrash(environment_)),
           host_{process_.runtime(), defaults_, keychain_, directories_, files_, processes_, system_, hostAdapter_,
-                qemuPackageRoots(directories_), environment_, version} {}
+                qemuPackageRoots(directories_), environment_, version},
+          storage_(request.storage) {}
 
     int run() {
         makePrivateDirectory(directories_.runtime);
+        if (storage_) std::filesystem::create_directories(*storage_);
         app_ = std::make_unique<AppState>(host_, *modelContext_);
         const SignalWatcher signals(process_.runtime().main.executor(), {SIGTERM, SIGINT}, [this](int) { quit(); });
         auto starting = spawn(process_.runtime().main.executor(), start(), "start sequence");
@@ -135,6 +137,7 @@ class Service {
     LinuxQEMUHostAdapter hostAdapter_{LinuxQEMUHostFacts::probe(environment_)};
     HostServices host_;
     Logger logger_{"Service"};
+    std::optional<Path> storage_;
     std::unique_ptr<AppState> app_;
     std::unique_ptr<ControlServer> controlServer_;
     TaskHandle quitting_;

@@ -26,6 +26,17 @@ Task<void> coverInstallerBootPrompt(std::weak_ptr<QEMUProcessSupervisor> weak, C
     }
 }
 
+/// Without the words that every failed start begins with.
+std::string reasonOf(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const DorvaneError& failure) {
+        return failure.text();
+    } catch (...) {
+        return localizedDescription(error);
+    }
+}
+
 }  // namespace
 
 Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachments) {
@@ -118,7 +129,7 @@ Task<void> QEMUEngine::didFailToStart(UUID id, SupervisorPointer supervisor, boo
     std::function<bool()> hasEnded = [supervisor] { return supervisor->isTerminated(); };
     co_await pollUntil(runtime_.clock, endTimeout, endInterval, std::move(hasEnded));
     const auto& bundle = supervisor->bundle();
-    const auto reason = localizedDescription(error);
+    const auto reason = reasonOf(error);
     if (supervisor->didRequestStop()) {
         logger_.info("恢复 %{public}s 途中被停止,保留挂起现场", bundle.name());
         std::rethrow_exception(error);

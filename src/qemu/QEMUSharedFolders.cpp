@@ -90,8 +90,7 @@ Task<void> QEMUSharedFolders::publish(UUID id, DorvaneVMConfig& config, VMBundle
 
 Task<int> QEMUSharedFolders::startServer(UUID id, WindowsSharesConfig settings, std::vector<GuestFileShare> shares) {
     if (!makeServer_)
-        throw DorvaneError(DorvaneError::Case::invalidConfiguration,
-                           localized("This build cannot share folders with Windows guests yet."));
+        throw std::runtime_error(localized("This build cannot share folders with Windows guests yet."));
     GuestFileServerConfiguration configuration;
     configuration.vmID = id;
     configuration.token = settings.token;

@@ -22,10 +22,11 @@ bool fileExists(const Path& path) {
 
 Task<void> QEMUStaleInstance::clear(QEMURuntimeDirectory directory) const {
     const auto socket = directory.qmpSocket();
-    bool isFree = !fileExists(socket);
-    if (!isFree) isFree = co_await stopOverQMP(socket);
-    if (!isFree) isFree = co_await stopByPID(socket);
-    if (isFree) directory.removeLeftoverSockets();
+    if (!fileExists(socket)) co_return;
+    const bool isGone = co_await stopOverQMP(socket);
+    if (!isGone) co_await stopByPID(socket);
+    // Also a stranger's: the new QEMU needs the name, and nobody may reach the old listener in its place.
+    directory.removeLeftoverSockets();
 }
 
 Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
@@ -51,18 +52,16 @@ Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
     co_return wasRemoved;
 }
 
-Task<bool> QEMUStaleInstance::stopByPID(Path socket) const {
+Task<void> QEMUStaleInstance::stopByPID(Path socket) const {
     using Kind = UnixSocketPeer::Probe::Kind;
     const UnixSocketPeer peer(processes_, runtime_.clock);
     const auto probe = peer.probe(socket.string());
-    if (probe.kind == Kind::absent) co_return true;
     if (probe.kind == Kind::listening) {
         logger_.info("遗留的 QEMU(pid %{public}d)不响应 QMP,按 pid 停掉", probe.pid);
-        const bool isGone = co_await peer.terminate(probe.pid, "qemu-system", terminationGrace);
-        if (isGone) co_return true;
+        co_await peer.terminate(probe.pid, "qemu-system", terminationGrace);
+    } else if (probe.kind == Kind::unknown) {
+        logger_.error("%{public}s 上有进程在听但认不出是谁,保留 socket", socket.string());
     }
-    logger_.error("%{public}s 上有进程在听但认不出是谁,保留 socket", socket.string());
-    co_return false;
 }
 
 }  // namespace dorvane

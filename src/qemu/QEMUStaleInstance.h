@@ -15,13 +15,13 @@ class QEMUStaleInstance {
         : runtime_(runtime), processes_(processes) {}
 
     /// Stops it, by QMP or else by its process id, and removes its sockets. A listener that isn't known to be a QEMU
-    /// keeps its socket file.
+    /// is left alone, but loses the socket's name.
     Task<void> clear(QEMURuntimeDirectory directory) const;
 
   private:
+    /// Whether its socket has gone.
     Task<bool> stopOverQMP(Path socket) const;
-    /// Whether nobody listens any more.
-    Task<bool> stopByPID(Path socket) const;
+    Task<void> stopByPID(Path socket) const;
 
     const Runtime& runtime_;
     const Processes& processes_;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qemu/QMPLineBuffer.h"
 
+#include <utility>
+
 namespace dorvane {
 
 std::vector<std::string> QMPLineBuffer::append(ByteView bytes) {

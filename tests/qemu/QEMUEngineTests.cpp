@@ -430,14 +430,14 @@ TEST(QEMUEngine, ClearsWhatAnEarlierSessionLeft) {
     EXPECT_TRUE(scene.log.contains("发现上次会话遗留的 QEMU"));
     scene.stop(vm);
 
-    // Somebody else's socket stays; the launch goes on, and the emulator makes its own.
+    // Somebody else who listens there is left alone, and the launch goes on.
     fs::create_directories(scene.directory(vm));
     const auto foreign = listenUnixSocket(socket.string());
     scene.processes.peer = 4711;
     scene.processes.table[4711].name = "bash";
     scene.launch(vm);
-    EXPECT_TRUE(scene.log.contains("上有进程在听但认不出是谁,保留 socket"));
-    EXPECT_TRUE(scene.processes.signals.empty());
+    EXPECT_TRUE(scene.log.contains("遗留的 QEMU(pid 4711)不响应 QMP,按 pid 停掉"));
+    EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
 }
 
 }  // namespace

@@ -10,8 +10,8 @@ namespace dorvane {
 namespace {
 
 // Below these a raw rectangle goes through the buffer: more spans would cost more than the copy saves.
-constexpr std::size_t minimumDirectBytes = 65'536;
-constexpr std::size_t minimumDirectRowBytes = 1'024;
+constexpr std::size_t minimumDirectBytes = 16'384;
+constexpr std::size_t minimumDirectRowBytes = 2'048;
 // After a rectangle received in place another is likely: only its header, and little else, goes through the buffer.
 constexpr std::size_t headerChunkBytes = 1'024;
 // More than any rectangle that can still become complete: the longest is a cursor with its mask.
@@ -32,7 +32,7 @@ std::span<const iovec> RFBStream::prepare() {
         prepareRaw();
     } else {
         const auto tail = buffer_.tail();
-        addSpan(expectsLargeRaw_ ? tail.first(headerChunkBytes) : tail);
+        addSpan(expectsLargeRaw_ && !raw_ ? tail.first(headerChunkBytes) : tail);
     }
     return {spans_.data(), spanCount_};
 }

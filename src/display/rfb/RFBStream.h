@@ -82,7 +82,7 @@ class RFBStream {
     template <typename Decoder>
     void decode(Decoder& decoder, const RFBRectangleHeader& header, ByteView payload);
 
-    static constexpr std::size_t maximumSpans = 64;
+    static constexpr std::size_t maximumSpans = 256;
 
     RFBFramebuffer& framebuffer_;
     RFBStreamHandler& handler_;
