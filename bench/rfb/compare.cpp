@@ -4,24 +4,18 @@
 //
 //   compare [--rounds N] FILE...
 //
-// Both read the same bytes from a Unix socket, as from a server, into a 32-bit framebuffer; another thread writes them.
-// Only the reading thread's CPU time counts, in user and kernel mode. The two pictures are compared at the end; a
-// difference is a failure.
-#include <sys/socket.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
+// The bytes come from memory, where reading is one copy for both, and then through a Unix socket as from a server, with
+// the kernel's time counted. Both draw into a 32-bit framebuffer. The two pictures are compared; a difference is a
+// failure.
 #include <algorithm>
 #include <cstdio>
 #include <map>
-#include <thread>
 
 #include "display/rfb/RFBStream.h"
 #include "rfb/LibVNCPlayer.h"
 #include "rfb/Recording.h"
+#include "rfb/Source.h"
 #include "rfb/ThreadTime.h"
-#include "runtime/FileDescriptor.h"
-#include "runtime/SystemError.h"
 
 namespace dorvane::bench {
 namespace {
@@ -67,51 +61,14 @@ Census count(const Recording& recording) {
     return census;
 }
 
-double play(const Recording& recording, int fd, RFBFramebuffer& framebuffer) {
+double play(const Recording& recording, Source& source, RFBFramebuffer& framebuffer) {
     Silence handler;
     framebuffer.resize(recording.width, recording.height);
     RFBStream stream(framebuffer, handler);
     const auto start = threadSeconds();
-    for (;;) {
-        const auto spans = stream.prepare();
-        const auto count = ::readv(fd, spans.data(), static_cast<int>(spans.size()));
-        if (count <= 0) break;
-        stream.commit(std::size_t(count));
-    }
+    while (const auto count = source.readv(stream.prepare())) stream.commit(count);
     return threadSeconds() - start;
 }
-
-/// A socket from which the recording can be read, once.
-class Feed {
-  public:
-    explicit Feed(const Recording& recording) {
-        int ends[2];
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw POSIXError(errno);
-        reader_ = FileDescriptor(ends[0]);
-        writer_ = FileDescriptor(ends[1]);
-        ::setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
-        thread_ = std::jthread([this, &recording] { write(recording.stream); });
-    }
-    ~Feed() { reader_.reset(); }
-
-    int descriptor() const { return reader_.get(); }
-
-  private:
-    static constexpr int bufferBytes = 8'388'608;  // as the product asks for
-    static constexpr std::size_t chunkBytes = 262'144;
-
-    void write(ByteView bytes) {
-        while (!bytes.empty()) {
-            const auto count = ::send(writer_.get(), bytes.data(), std::min(chunkBytes, bytes.size()), MSG_NOSIGNAL);
-            if (count <= 0) return;
-            bytes = bytes.subspan(std::size_t(count));
-        }
-        writer_.reset();
-    }
-
-    FileDescriptor reader_, writer_;
-    std::jthread thread_;
-};
 
 bool showTheSame(ByteView own, const Bytes& other) {
     for (std::size_t i = 0; i < own.size(); ++i)
@@ -131,34 +88,60 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// Whether both showed the same.
-bool compare(const std::string& file, int rounds) {
-    const auto recording = Recording::load(file);
-    const auto census = count(recording);
-    RFBFramebuffer framebuffer;
-    Bytes screen(std::size_t(recording.width) * std::size_t(recording.height) * 4);
-    std::vector<double> own, other, ratios;
-    for (int round = -1; round < rounds; ++round) {
-        double times[2];
-        for (const int turn : {round & 1, ~round & 1}) {
-            const Feed feed(recording);
-            times[turn] = turn == 0 ? play(recording, feed.descriptor(), framebuffer)
-                                    : playWithLibVNC(recording, feed.descriptor(), census.messages, screen);
-        }
-        if (round < 0) continue;  // the first warms caches and pages
-        own.push_back(times[0]);
-        other.push_back(times[1]);
-        ratios.push_back(times[0] / times[1]);
+/// CPU seconds of both, round by round.
+struct Result {
+    std::vector<double> own, other;
+
+    void print(const char* name, double megapixels) const {
+        std::vector<double> ratios;
+        for (std::size_t i = 0; i < own.size(); ++i) ratios.push_back(own[i] / other[i]);
+        std::printf("  %s %7.3f / %7.3f ms/Mpx = %.3f", name, median(own) * 1e3 / megapixels,
+                    median(other) * 1e3 / megapixels, median(ratios));
     }
-    const auto megapixels = double(census.pixels) / 1e6;
-    const bool same = showTheSame(framebuffer.pixels(), screen);
-    std::printf("%-28s %7.1f Mpx %6zu rects %5zu updates | own %7.3f  libvncclient %7.3f ms/Mpx | ratio %.3f%s\n",
-                std::filesystem::path(file).stem().c_str(), megapixels, census.rectangles, census.messages,
-                median(own) * 1e3 / megapixels, median(other) * 1e3 / megapixels, median(ratios),
-                same ? "" : "  DIFFERENT PICTURES");
-    std::printf("%-28s encodings%s\n", "", describe(census).c_str());
-    return same;
-}
+};
+
+class Comparison {
+  public:
+    explicit Comparison(const std::string& file)
+        : name_(std::filesystem::path(file).stem()), recording_(Recording::load(file)), census_(count(recording_)),
+          screen_(std::size_t(recording_.width) * std::size_t(recording_.height) * 4) {}
+
+    /// Whether both showed the same.
+    bool run(int rounds) {
+        const auto memory = measure(memorySource, rounds), socket = measure(socketSource, rounds);
+        const auto megapixels = double(census_.pixels) / 1e6;
+        const bool same = showTheSame(framebuffer_.pixels(), screen_);
+        std::printf("%-22s %6.1f Mpx %6zu rects %4zu updates", name_.c_str(), megapixels, census_.rectangles,
+                    census_.messages);
+        memory.print("| memory", megapixels);
+        socket.print("| socket", megapixels);
+        std::printf("%s\n%22s encodings%s\n", same ? "" : "  DIFFERENT PICTURES", "", describe(census_).c_str());
+        return same;
+    }
+
+  private:
+    Result measure(std::unique_ptr<Source> (*open)(ByteView), int rounds) {
+        Result result;
+        for (int round = -1; round < rounds; ++round) {
+            double times[2];
+            for (const int turn : {round & 1, ~round & 1}) {
+                const auto source = open(recording_.stream);
+                times[turn] = turn == 0 ? play(recording_, *source, framebuffer_)
+                                        : playWithLibVNC(recording_, source->descriptor(), census_.messages, screen_);
+            }
+            if (round < 0) continue;  // the first warms caches and pages
+            result.own.push_back(times[0]);
+            result.other.push_back(times[1]);
+        }
+        return result;
+    }
+
+    std::string name_;
+    Recording recording_;
+    Census census_;
+    RFBFramebuffer framebuffer_;
+    Bytes screen_;
+};
 
 }  // namespace
 }  // namespace dorvane::bench
@@ -172,7 +155,7 @@ int main(int count, char** arguments) {
     }
     try {
         bool allSame = true;
-        for (const auto& file : files) allSame = dorvane::bench::compare(file, rounds) && allSame;
+        for (const auto& file : files) allSame = dorvane::bench::Comparison(file).run(rounds) && allSame;
         return allSame ? 0 : 1;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "compare: %s\n", error.what());

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include "automation/MCPAuthToken.h"
-#include "automation/ReceiveDeadline.h"
 #include "runtime/Sockets.h"
 #include "runtime/Timeout.h"
 
@@ -12,11 +11,27 @@ namespace dorvane {
 namespace {
 
 constexpr std::size_t receiveSize = 65536;
+/// Enough for most requests.
+constexpr std::size_t firstReceiveSize = 4096;
 /// Between two tries to accept while the process has no descriptors left.
 constexpr auto acceptRetryInterval = milliseconds(100);
 
 bool isPassing(int number) {
     return number == EMFILE || number == ENFILE || number == ENOBUFS || number == ENOMEM;
+}
+
+/// What has arrived already. A client sends its request at once, so that most connections need no waiting at all.
+ByteView receiveNow(StreamConnection& connection, Bytes& into) {
+    into.resize(firstReceiveSize);
+    const auto count = ::recv(connection.descriptor(), into.data(), into.size(), MSG_DONTWAIT);
+    into.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return into;
+}
+
+/// How many bytes the system took without waiting.
+std::size_t sendNow(StreamConnection& connection, std::string_view bytes) {
+    const auto sent = ::send(connection.descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent > 0 ? static_cast<std::size_t>(sent) : 0;
 }
 
 void endSending(StreamConnection& connection) { ::shutdown(connection.descriptor(), SHUT_WR); }
@@ -55,6 +70,7 @@ MCPConnectionHost::MCPConnectionHost(const Runtime& runtime, std::shared_ptr<Loc
                                      Responder responder)
     : runtime_(runtime),
       networkQueue_(runtime.makeQueue("com.dorvane.app.mcp-server")),
+      deadlines_(std::make_shared<ReceiveDeadlines>(networkQueue_, runtime.clock, receiveDeadline)),
       tokenForNetwork_(std::move(token)),
       responder_(std::move(responder)) {}
 
@@ -149,35 +165,52 @@ Task<void> MCPConnectionHost::serve(Self self, Connection connection, std::uniqu
 
 Task<void> MCPConnectionHost::converse(Self self, Connection connection) {
     using Result = HTTPRequestParser::ParseResult;
-    ReceiveDeadline deadline(self->networkQueue_, self->runtime_.clock, receiveDeadline, connection);
+    ReceiveDeadline deadline(self->deadlines_, connection);
     HTTPRequestParser parser([host = self.get()](const std::string& path, const HTTPRequestParser::Headers& headers) {
         return host->authorizes(path, headers);
     });
     Bytes received;
-    for (;;) {
+    auto result = parser.append(receiveNow(*connection, received));
+    while (std::holds_alternative<Result::NeedMoreData>(result)) {
         received.clear();
         const auto count = co_await connection->read(received, receiveSize);
-        auto result = parser.append(received);
-        if (std::holds_alternative<Result::NeedMoreData>(result)) {
-            if (count == 0) co_return;
-            continue;
-        }
-        deadline.setDone();
-        if (auto* complete = std::get_if<Result::Complete>(&result)) {
-            co_await answer(self, connection, std::move(complete->request));
-        } else {
-            co_await refuse(self, connection, std::holds_alternative<Result::Unauthorized>(result));
-        }
-        co_return;
+        if (count == 0) co_return;
+        result = parser.append(received);
     }
+    deadline.setDone();
+    if (auto* complete = std::get_if<Result::Complete>(&result))
+        co_await answer(self, connection, std::move(complete->request));
+    else
+        co_await refuse(self, connection, std::holds_alternative<Result::Unauthorized>(result));
+}
+
+Task<std::optional<MCPHTTPResponse>> MCPConnectionHost::call(Self self, HTTPRequestParser::Request request) {
+    OneShot<std::optional<MCPHTTPResponse>> outcome;
+    auto task = deliver(self->responder_(std::move(request)), outcome);
+    auto running = spawn(self->runtime_.main.executor(), std::move(task), "MCP request");
+    std::exception_ptr failure;
+    std::optional<MCPHTTPResponse> response;
+    try {
+        response = co_await outcome.wait();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        running.cancel();
+        co_await ignoreCancellation();
+        co_await running.finished();
+        std::rethrow_exception(failure);
+    }
+    running.detach();
+    co_return response;
 }
 
 Task<void> MCPConnectionHost::answer(Self self, Connection connection, HTTPRequestParser::Request request) {
-    auto call = self->responder_(std::move(request));
-    const auto response = co_await onExecutor(self->runtime_.main.executor(), std::move(call));
+    const auto response = co_await call(self, std::move(request));
     if (!response) co_return;
     const auto bytes = response->serialized();
-    co_await connection->write(asBytes(bytes));
+    const auto sent = sendNow(*connection, bytes);
+    if (sent < bytes.size()) co_await connection->write(asBytes(bytes).subspan(sent));
     dropArrivedBytes(*connection);
 }
 

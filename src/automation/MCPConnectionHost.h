@@ -10,6 +10,7 @@
 #include "automation/HTTPRequestParser.h"
 #include "automation/LockedString.h"
 #include "automation/MCPHTTPResponse.h"
+#include "automation/ReceiveDeadline.h"
 #include "runtime/Runtime.h"
 #include "runtime/StreamConnection.h"
 #include "runtime/TaskHandle.h"
@@ -53,6 +54,7 @@ class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost>
     static Task<void> acceptConnections(Self self, std::shared_ptr<StreamListener> listener, ListenerEvents events);
     static Task<void> serve(Self self, Connection connection, std::unique_ptr<Slot> slot);
     static Task<void> converse(Self self, Connection connection);
+    static Task<std::optional<MCPHTTPResponse>> call(Self self, HTTPRequestParser::Request request);
     static Task<void> answer(Self self, Connection connection, HTTPRequestParser::Request request);
     static Task<void> refuse(Self self, Connection connection, bool isUnauthorized);
     static Task<void> endTasks(Self self);
@@ -64,6 +66,7 @@ class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost>
 
     const Runtime& runtime_;
     const SerialQueue networkQueue_;
+    const std::shared_ptr<ReceiveDeadlines> deadlines_;
     const std::shared_ptr<LockedString> tokenForNetwork_;
     const Responder responder_;
 

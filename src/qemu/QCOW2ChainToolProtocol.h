@@ -15,8 +15,8 @@ class QCOW2ChainToolProtocol {
   public:
     virtual ~QCOW2ChainToolProtocol() = default;
 
-    /// The backing file's name as the image's header has it; absent when there is none. Also works on an image that
-    /// a running QEMU holds.
+    /// The backing file's name as the image's header has it; absent when there is none. Also works on an
+    /// image that a running QEMU holds.
     virtual std::optional<std::string> backingPath(const Path& image) const = 0;
     virtual void createOverlay(const Path& overlay, const std::string& backingPath) const = 0;
     /// In bytes, as the guest sees it. Also works on an image that a running QEMU holds.

@@ -30,7 +30,8 @@ std::set<std::string> listedSet(std::string_view text) {
 std::set<std::string> listedProperties(std::string_view text) {
     std::set<std::string> names;
     for (const auto& word : listedWords(text))
-        if (const auto equals = word.find('='); equals != std::string::npos) names.insert(word.substr(0, equals));
+        if (const auto equals = word.find('='); equals != std::string::npos)
+            names.insert(word.substr(0, equals));
     return names;
 }
 

@@ -12,19 +12,20 @@ namespace dorvane {
 
 /// What the binary printed, by what it was asked. A text that could not be had is empty.
 struct QEMUHelpTexts {
-    std::string version;            // --version
-    std::string machines;           // -machine help
-    std::string machineProperties;  // -machine virt,help
-    std::string accelerators;       // -accel help
-    std::string displays;           // -display help
-    std::string audioDrivers;       // -audiodev help
-    std::string devices;            // -device help
+    std::string version;                                  // --version
+    std::string machines;                                 // -machine help
+    std::string machineProperties;                        // -machine virt,help
+    std::string accelerators;                             // -accel help
+    std::string displays;                                 // -display help
+    std::string audioDrivers;                             // -audiodev help
+    std::string devices;                                  // -device help
     std::map<std::string, std::string> deviceProperties;  // -device NAME,help, by name
 
     bool operator==(const QEMUHelpTexts&) const = default;
 };
 
-/// A plain value. Unreadable text gives empty sets, never an error; what isn't listed is taken as not offered.
+/// A plain value. Unreadable text gives empty sets, never an error; what isn't listed is taken as not
+/// offered.
 struct QEMUCapabilities {
     /// The devices of the command line whose properties differ from release to release.
     static const std::vector<std::string>& inspectedDevices();

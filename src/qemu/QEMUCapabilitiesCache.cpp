@@ -31,7 +31,8 @@ const std::vector<Question>& questions() {
 /// Empty when there is no answer in time.
 Task<std::string> ask(const Runtime& runtime, ProcessCommand command) {
     const auto asked = command.executable.string() + " " + command.arguments.back();
-    const auto output = co_await withTimeout(runtime.clock, questionTimeout, runProcess(runtime, std::move(command)));
+    const auto output =
+        co_await withTimeout(runtime.clock, questionTimeout, runProcess(runtime, std::move(command)));
     if (output) co_return std::string(asText(output->standardOutput));
     Logger("QEMUCapabilities").error("%{public}s gave no answer in time", asked);
     co_return std::string();
@@ -59,7 +60,7 @@ Task<QEMUHelpTexts> readHelp(const Runtime& runtime, Path executable, Environmen
 }  // namespace
 
 QEMUCapabilitiesCache::QEMUCapabilitiesCache(const Runtime& runtime)
-    : QEMUCapabilitiesCache(runtime, [&runtime](Path executable, Environment additions) {
+    : QEMUCapabilitiesCache([&runtime](Path executable, Environment additions) {
           return readHelp(runtime, std::move(executable), std::move(additions));
       }) {}
 

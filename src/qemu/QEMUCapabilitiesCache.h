@@ -17,18 +17,17 @@ class QEMUCapabilitiesCache {
     /// Runs the binary for its help texts; `additions` go over this process's environment.
     using HelpReader = std::function<Task<QEMUHelpTexts>(Path executable, Environment additions)>;
 
-    QEMUCapabilitiesCache(const Runtime& runtime, HelpReader reader) : runtime_(runtime), reader_(std::move(reader)) {}
+    explicit QEMUCapabilitiesCache(HelpReader reader) : reader_(std::move(reader)) {}
     /// Runs the binary itself.
     explicit QEMUCapabilitiesCache(const Runtime& runtime);
 
-    /// Throws FileError when there is no such file and POSIXError when it can't be started. What did not even tell its
-    /// version is not kept.
+    /// Throws FileError when there is no such file and POSIXError when it can't be started. What did not even
+    /// tell its version is not kept.
     Task<QEMUCapabilities> capabilities(Path executable, Environment additions);
 
   private:
     using Key = std::tuple<Path, std::uintmax_t, std::filesystem::file_time_type>;
 
-    const Runtime& runtime_;
     HelpReader reader_;
     std::map<Key, QEMUCapabilities> known_;
 };

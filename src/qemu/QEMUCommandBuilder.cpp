@@ -114,7 +114,8 @@ class Vector {
         if (config_.network && config_.network->mode == NetworkConfig::Mode::isolated)
             parts.emplace_back("restrict=on");
         const auto forward = [&parts](const std::optional<int>& hostPort, const std::string& guestPort) {
-            if (hostPort) parts.push_back("hostfwd=tcp:127.0.0.1:" + std::to_string(*hostPort) + "-:" + guestPort);
+            if (hostPort)
+                parts.push_back("hostfwd=tcp:127.0.0.1:" + std::to_string(*hostPort) + "-:" + guestPort);
         };
         forward(paths_.sshHostPort, "22");
         forward(paths_.rdpHostPort, "3389");
@@ -154,15 +155,18 @@ class Vector {
 
     void addHelperDisks() {
         if (paths_.guestDriversImage)
-            addUSBStorage("if=none,id=drivers,media=cdrom,readonly=on,file=" + escapedPath(*paths_.guestDriversImage),
-                          "drive=drivers,serial=DORVANEDRIVERS01");
+            addUSBStorage(
+                "if=none,id=drivers,media=cdrom,readonly=on,file=" + escapedPath(*paths_.guestDriversImage),
+                "drive=drivers,serial=DORVANEDRIVERS01");
         if (paths_.sharesDiskDirectory)
             addUSBStorage("if=none,id=shares,format=raw,readonly=on,file.driver=vvfat,file.dir=" +
                               escapedPath(*paths_.sharesDiskDirectory) + ",file.label=DORVANE",
                           "drive=shares,serial=DORVANESHARES001");
     }
 
-    void addMonitor(const Path& socket) { add("-qmp", "unix:" + escapedPath(socket) + ",server=on,wait=off"); }
+    void addMonitor(const Path& socket) {
+        add("-qmp", "unix:" + escapedPath(socket) + ",server=on,wait=off");
+    }
 
     void addMonitors() {
         addMonitor(paths_.qmpSocket);
@@ -199,7 +203,8 @@ class Vector {
 
 }  // namespace
 
-std::vector<std::string> QEMUCommandBuilder::buildArguments(const DorvaneVMConfig& config, const VMBundle& bundle,
+std::vector<std::string> QEMUCommandBuilder::buildArguments(const DorvaneVMConfig& config,
+                                                            const VMBundle& bundle,
                                                             const VMAttachments& attachments,
                                                             const QEMURuntimePaths& paths) {
     return Vector(config, bundle, attachments, paths).build();

@@ -13,8 +13,8 @@
 namespace dorvane {
 
 /// Pure: reads no file, never fails, and gives the same vector for the same inputs, in the same order; the
-/// fingerprint of a suspended machine relies on it. The vector is the one for the product's own QEMU build on its
-/// first host; QEMUHostAdapter translates it for others.
+/// fingerprint of a suspended machine relies on it. The vector is the one for the product's own QEMU build on
+/// its first host; QEMUHostAdapter translates it for others.
 struct QEMUCommandBuilder {
     /// Without the executable's name in front.
     static std::vector<std::string> buildArguments(const DorvaneVMConfig& config, const VMBundle& bundle,

@@ -9,8 +9,9 @@
 
 namespace dorvane {
 
-/// A pure translation, applied to the vector of QEMUCommandBuilder before anything else sees it: the fingerprint of a
-/// suspended machine is taken from what comes out. The stored machine description is never changed by it.
+/// A pure translation, applied to the vector of QEMUCommandBuilder before anything else sees it: the
+/// fingerprint of a suspended machine is taken from what comes out. The stored machine description is never
+/// changed by it.
 class QEMUHostAdapter {
   public:
     virtual ~QEMUHostAdapter() = default;
@@ -25,7 +26,8 @@ class QEMUHostAdapter {
 /// For the host that the command line is written for.
 class IdentityHostAdapter : public QEMUHostAdapter {
   public:
-    std::vector<std::string> adapt(std::vector<std::string> arguments, const QEMUCapabilities&) const override {
+    std::vector<std::string> adapt(std::vector<std::string> arguments,
+                                   const QEMUCapabilities&) const override {
         return arguments;
     }
     bool needsCapabilities() const override { return false; }

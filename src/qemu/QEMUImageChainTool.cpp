@@ -24,7 +24,8 @@ std::vector<std::string> rebaseArguments(std::vector<std::string> start, const P
 
 }  // namespace
 
-std::optional<QEMUImageChainTool> QEMUImageChainTool::locate(const std::optional<QEMURuntimeResources>& resources) {
+std::optional<QEMUImageChainTool> QEMUImageChainTool::locate(
+    const std::optional<QEMURuntimeResources>& resources) {
     if (!resources || !std::filesystem::exists(resources->imageTool)) return std::nullopt;
     return QEMUImageChainTool(resources->imageTool);
 }
@@ -51,7 +52,8 @@ std::uint64_t QEMUImageChainTool::virtualSize(const Path& image) const {
     }
 }
 
-void QEMUImageChainTool::createOverlayWithoutOpeningBacking(const Path& overlay, const std::string& backingPath,
+void QEMUImageChainTool::createOverlayWithoutOpeningBacking(const Path& overlay,
+                                                            const std::string& backingPath,
                                                             std::uint64_t virtualSizeBytes) const {
     run({"create", "-q", "-u", "-f", "qcow2", "-b", backingPath, "-B", "qcow2", overlay.string(),
          std::to_string(virtualSizeBytes)});

@@ -24,7 +24,8 @@ class QEMUImageChainTool : public QCOW2ChainToolProtocol {
     std::uint64_t virtualSize(const Path& image) const override;
     void createOverlayWithoutOpeningBacking(const Path& overlay, const std::string& backingPath,
                                             std::uint64_t virtualSizeBytes) const override;
-    void retargetBackingUnsafe(const Path& image, const std::optional<std::string>& backingPath) const override;
+    void retargetBackingUnsafe(const Path& image,
+                               const std::optional<std::string>& backingPath) const override;
     void rebase(const Path& image, const std::optional<std::string>& backingPath) const override;
     void commit(const Path& overlay) const override;
     void resize(const Path& image, std::uint64_t sizeBytes) const override;

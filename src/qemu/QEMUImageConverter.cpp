@@ -76,7 +76,8 @@ class OutputReader : public std::enable_shared_from_this<OutputReader> {
     bool readError() {
         const auto chunk = read(error_);
         const auto room = maximumErrorBytes - errorBytes_.size();
-        errorBytes_.insert(errorBytes_.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(std::min(room, chunk.size())));
+        errorBytes_.insert(errorBytes_.end(), chunk.begin(),
+                           chunk.begin() + static_cast<std::ptrdiff_t>(std::min(room, chunk.size())));
         return !chunk.empty();
     }
 
@@ -124,16 +125,20 @@ std::optional<double> percentBefore(std::string_view text) {
 
 std::optional<double> QEMUImageConverter::lastProgress(std::string_view output) {
     constexpr std::string_view tail = "/100%)";
-    for (auto at = output.rfind(tail); at != std::string_view::npos && at > 0; at = output.rfind(tail, at - 1))
-        if (const auto percent = percentBefore(output.substr(0, at))) return std::clamp(*percent / 100, 0.0, 1.0);
+    for (auto at = output.rfind(tail); at != std::string_view::npos && at > 0;
+         at = output.rfind(tail, at - 1))
+        if (const auto percent = percentBefore(output.substr(0, at)))
+            return std::clamp(*percent / 100, 0.0, 1.0);
     return std::nullopt;
 }
 
 Task<void> QEMUImageConverter::convertToQcow2(const Runtime& runtime, Path tool, Path source,
                                               std::string sourceFormat, Path destination, Progress progress) {
-    if (!std::filesystem::exists(tool)) throw failed(localized("The disk image tool is missing from this build."));
+    if (!std::filesystem::exists(tool))
+        throw failed(localized("The disk image tool is missing from this build."));
     ProcessCommand command{tool};
-    command.arguments = {"convert", "-p",    "-f", sourceFormat, "-O", "qcow2", source.string(), destination.string()};
+    command.arguments = {"convert",           "-p", "-f", sourceFormat, "-O", "qcow2", source.string(),
+                         destination.string()};
     command.standardOutput = command.standardError = StandardStream::pipe;
     const auto child = ChildProcess::start(command);
     const auto reader = std::make_shared<OutputReader>(runtime, std::move(progress));
@@ -143,7 +148,8 @@ Task<void> QEMUImageConverter::convertToQcow2(const Runtime& runtime, Path tool,
     if (status.isSuccess()) co_return;
     if (status.wasSignaled()) throw CancellationError();
     const std::string words(trimmed(errorOutput));
-    throw failed(words.empty() ? localized("The disk conversion exited with status %d.", status.code) : words);
+    throw failed(words.empty() ? localized("The disk conversion exited with status %d.", status.code)
+                               : words);
 }
 
 }  // namespace dorvane

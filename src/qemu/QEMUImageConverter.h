@@ -17,12 +17,13 @@ struct QEMUImageConverter {
     using Progress = std::function<void(double)>;
 
     /// Runs "qemu-img convert" and returns when it has succeeded. A cancellation ends the tool and throws
-    /// CancellationError once it has gone. Throws vmImportFailed with the tool's words, POSIXError when it can't be
-    /// started. What was written to `destination` stays for the caller to remove.
+    /// CancellationError once it has gone. Throws vmImportFailed with the tool's words, POSIXError when it
+    /// can't be started. What was written to `destination` stays for the caller to remove.
     static Task<void> convertToQcow2(const Runtime& runtime, Path tool, Path source, std::string sourceFormat,
                                      Path destination, Progress progress);
 
-    /// The last progress that the tool's output tells, such as 0.425 for "(42.50/100%)"; absent when it tells none.
+    /// The last progress that the tool's output tells, such as 0.425 for "(42.50/100%)"; absent when it tells
+    /// none.
     static std::optional<double> lastProgress(std::string_view output);
 };
 

@@ -6,7 +6,8 @@
 
 namespace dorvane {
 
-void QEMUImageTool::run(const Path& tool, std::vector<std::string> arguments, const std::string& failureReason) {
+void QEMUImageTool::run(const Path& tool, std::vector<std::string> arguments,
+                        const std::string& failureReason) {
     ProcessCommand command{tool, std::move(arguments)};
     command.standardError = StandardStream::inherit;
     if (!ChildProcess::start(command)->waitBlocking().isSuccess())

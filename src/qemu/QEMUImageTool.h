@@ -10,8 +10,8 @@
 namespace dorvane {
 
 struct QEMUImageTool {
-    /// Runs the tool to its end, its output discarded; blocks the calling thread. Throws POSIXError when it can't be
-    /// started and vmCreationFailed with `failureReason` when it fails.
+    /// Runs the tool to its end, its output discarded; blocks the calling thread. Throws POSIXError when it
+    /// can't be started and vmCreationFailed with `failureReason` when it fails.
     static void run(const Path& tool, std::vector<std::string> arguments, const std::string& failureReason);
 };
 

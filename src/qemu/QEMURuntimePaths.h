@@ -10,8 +10,8 @@
 
 namespace dorvane {
 
-/// A plain value made by the launch. Presence or absence of a field is the launch's decision; the command line
-/// follows it. Socket names are one letter, so that each path fits the limit of a Unix socket.
+/// A plain value made by the launch. Presence or absence of a field is the launch's decision; the command
+/// line follows it. Socket names are one letter, so that each path fits the limit of a Unix socket.
 struct QEMURuntimePaths {
     Path executable;    // started by the supervisor, not part of the command line
     Path firmwareCode;  // UEFI code image
@@ -25,8 +25,8 @@ struct QEMURuntimePaths {
     std::optional<Path> swtpmExecutable;  // started by the supervisor
     std::optional<Path> serialLog;
     std::optional<Path> guestDriversImage;
-    std::optional<int> sshHostPort;  // loopback port forwarded to guest port 22
-    std::optional<int> rdpHostPort;  // loopback port forwarded to guest port 3389
+    std::optional<int> sshHostPort;      // loopback port forwarded to guest port 22
+    std::optional<int> rdpHostPort;      // loopback port forwarded to guest port 3389
     std::optional<Path> systemDiskPath;  // absent: "disk.qcow2" of the bundle
     std::vector<std::string> traceEvents;
     std::optional<Path> traceLog;

@@ -2,7 +2,6 @@
 #include "qemu/QEMUStaleInstance.h"
 
 #include "qemu/QMPConnection.h"
-#include "qemu/UnixSocketPeer.h"
 
 namespace dorvane {
 namespace {
@@ -23,16 +22,18 @@ bool fileExists(const Path& path) {
 Task<void> QEMUStaleInstance::clear(QEMURuntimeDirectory directory) const {
     const auto socket = directory.qmpSocket();
     if (!fileExists(socket)) co_return;
-    const bool isGone = co_await stopOverQMP(socket);
-    if (!isGone) co_await stopByPID(socket);
+    // Asked first: a QEMU that hangs has room for few connections, and a socket that nobody listens on needs no
+    // wait for an answer.
+    const UnixSocketPeer peer(processes_, runtime_.clock);
+    const auto listener = peer.probe(socket.string());
+    bool isGone = listener.kind == UnixSocketPeer::Probe::Kind::absent;
+    if (!isGone) isGone = co_await stopOverQMP(socket);
+    if (!isGone) co_await stopByPID(socket, listener);
     // Also a stranger's: the new QEMU needs the name, and nobody may reach the old listener in its place.
     directory.removeLeftoverSockets();
 }
 
 Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
-    const UnixSocketPeer peer(processes_, runtime_.clock);
-    // A file that nobody listens on needs no wait for an answer.
-    if (peer.probe(socket.string()).kind == UnixSocketPeer::Probe::Kind::absent) co_return true;
     const auto connection = std::make_shared<QMPConnection>(runtime_);
     try {
         co_await connection->connect(socket.string(), connectTimeout);
@@ -52,16 +53,14 @@ Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
     co_return wasRemoved;
 }
 
-Task<void> QEMUStaleInstance::stopByPID(Path socket) const {
-    using Kind = UnixSocketPeer::Probe::Kind;
-    const UnixSocketPeer peer(processes_, runtime_.clock);
-    const auto probe = peer.probe(socket.string());
-    if (probe.kind == Kind::listening) {
-        logger_.info("遗留的 QEMU(pid %{public}d)不响应 QMP,按 pid 停掉", probe.pid);
-        co_await peer.terminate(probe.pid, "qemu-system", terminationGrace);
-    } else if (probe.kind == Kind::unknown) {
+Task<void> QEMUStaleInstance::stopByPID(Path socket, UnixSocketPeer::Probe listener) const {
+    if (listener.kind == UnixSocketPeer::Probe::Kind::unknown) {
         logger_.error("%{public}s 上有进程在听但认不出是谁,保留 socket", socket.string());
+        co_return;
     }
+    logger_.info("遗留的 QEMU(pid %{public}d)不响应 QMP,按 pid 停掉", listener.pid);
+    const UnixSocketPeer peer(processes_, runtime_.clock);
+    co_await peer.terminate(listener.pid, "qemu-system", terminationGrace);
 }
 
 }  // namespace dorvane

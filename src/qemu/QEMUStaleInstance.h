@@ -4,6 +4,7 @@
 
 #include "platform/Processes.h"
 #include "qemu/QEMURuntimeDirectory.h"
+#include "qemu/UnixSocketPeer.h"
 #include "runtime/Logger.h"
 #include "runtime/Runtime.h"
 
@@ -21,7 +22,7 @@ class QEMUStaleInstance {
   private:
     /// Whether its socket has gone.
     Task<bool> stopOverQMP(Path socket) const;
-    Task<void> stopByPID(Path socket) const;
+    Task<void> stopByPID(Path socket, UnixSocketPeer::Probe listener) const;
 
     const Runtime& runtime_;
     const Processes& processes_;

@@ -26,7 +26,8 @@ bool stateMatches(const VMBundle& bundle, const DorvaneVMConfig& config) {
 
 }  // namespace
 
-QEMUSuspendDecision::Outcome QEMUSuspendDecision::decide(const VMBundle& bundle, const DorvaneVMConfig& config,
+QEMUSuspendDecision::Outcome QEMUSuspendDecision::decide(const VMBundle& bundle,
+                                                         const DorvaneVMConfig& config,
                                                          const QEMUSuspendFingerprint& current) {
     if (!bundle.hasSavedState() || !stateMatches(bundle, config)) return Outcome::discard;
     const auto text = sidecarText(bundle.savedStateDevices());

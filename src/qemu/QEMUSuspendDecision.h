@@ -9,8 +9,8 @@
 namespace dorvane {
 
 struct QEMUSuspendDecision {
-    /// `discard`: the state is unusable, boot cold. `hardwareChanged`: keep it and tell the user, who can undo the
-    /// change.
+    /// `discard`: the state is unusable, boot cold. `hardwareChanged`: keep it and tell the user, who can
+    /// undo the change.
     enum class Outcome { discard, resume, hardwareChanged };
 
     /// Reads the bundle's small files; never throws.

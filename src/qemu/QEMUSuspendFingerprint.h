@@ -11,8 +11,8 @@
 
 namespace dorvane {
 
-/// QEMU can load a memory image only into a machine with the same devices, and an image that one binary wrote can't
-/// be trusted in another.
+/// QEMU can load a memory image only into a machine with the same devices, and an image that one binary wrote
+/// can't be trusted in another.
 struct QEMUSuspendFingerprint {
     std::string devices;
     std::string engine;

@@ -69,7 +69,8 @@ QMPMessage QMPCodec::decode(std::string_view line) {
                                   textMember(*error, "desc").value_or("Unknown QMP error")}};
     if (auto name = textMember(object, "event")) {
         const auto data = object.find("data");
-        return {QMPMessage::Event{*name, data != object.end() ? QMPValue::objectFromJSON(*data) : QMPObject{}}};
+        return {
+            QMPMessage::Event{*name, data != object.end() ? QMPValue::objectFromJSON(*data) : QMPObject{}}};
     }
     if (const auto answer = object.find("return"); answer != object.end())
         return {QMPMessage::Result{id, payloadOf(*answer)}};

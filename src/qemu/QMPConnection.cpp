@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <utility>
 
 #include "qemu/QMPCodec.h"
 #include "qemu/UnixFDPassing.h"
@@ -40,7 +41,8 @@ QMPConnection::~QMPConnection() {
     for (auto& [id, waiting] : pending_) waiting.answer.fail(Error::connectionClosed());
 }
 
-Task<void> QMPConnection::connect(std::string socketPath, Duration timeout, std::function<bool()> isPeerAlive) {
+Task<void> QMPConnection::connect(std::string socketPath, Duration timeout,
+                                  std::function<bool()> isPeerAlive) {
     const auto self = shared_from_this();
     if (socketPath.size() > maximumSocketPathBytes)
         throw Error::socketPathTooLong(socketPath, maximumSocketPathBytes + 1);
@@ -81,7 +83,8 @@ void QMPConnection::readAvailable() {
     if (count < 1) return disconnect();
     for (const auto& line : buffer_.append({bytes.data(), static_cast<std::size_t>(count)})) dispatch(line);
     if (!buffer_.isOverflowing()) return;
-    logger_.error("A QMP line is longer than %lld bytes; closing the connection", QMPLineBuffer::maximumPendingBytes);
+    logger_.error("A QMP line is longer than %lld bytes; closing the connection",
+                  QMPLineBuffer::maximumPendingBytes);
     disconnect();
 }
 
@@ -94,9 +97,11 @@ void QMPConnection::dispatch(const std::string& line) {
         return;
     }
     if (message.event() != nullptr) return deliver(message);
-    if (const auto* result = std::get_if<QMPMessage::Result>(&message.kind); result != nullptr && result->id) {
+    if (const auto* result = std::get_if<QMPMessage::Result>(&message.kind);
+        result != nullptr && result->id) {
         if (const auto answer = takePending(*result->id)) answer->succeed(result->payload);
-    } else if (const auto* error = std::get_if<QMPMessage::Error>(&message.kind); error != nullptr && error->id) {
+    } else if (const auto* error = std::get_if<QMPMessage::Error>(&message.kind);
+               error != nullptr && error->id) {
         if (const auto answer = takePending(*error->id)) answer->fail(Error::commandFailed(error->message));
     }
 }
@@ -107,7 +112,8 @@ void QMPConnection::deliver(const QMPMessage& event) {
             handler(event);
         } catch (...) {
             // An observer's failure is not the connection's.
-            logger_.error("An observer of QMP events failed: %{public}s", errorText(std::current_exception()));
+            logger_.error("An observer of QMP events failed: %{public}s",
+                          errorText(std::current_exception()));
         }
     }
 }
@@ -195,8 +201,9 @@ QMPConnection::ConnectionError::ConnectionError(Case which, const std::string& d
     : std::runtime_error(description), which_(which) {}
 
 Error Error::socketPathTooLong(const std::string& path, std::size_t limit) {
-    return {Case::socketPathTooLong, localized("The VM control socket path is too long (%lld bytes, limit %lld): %@",
-                                               path.size(), limit, path)};
+    return {Case::socketPathTooLong,
+            localized("The VM control socket path is too long (%lld bytes, limit %lld): %@", path.size(),
+                      limit, path)};
 }
 
 Error Error::socketUnavailable(const std::string& path) {

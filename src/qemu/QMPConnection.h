@@ -17,9 +17,9 @@
 
 namespace dorvane {
 
-/// Used once: made as a shared_ptr, connected, closed. All operations may be called from any thread; the state is
-/// touched only on the queue "com.dorvane.qmp". Commands are matched to answers by id and several may be in flight.
-/// When the last owner drops it, it closes without telling its observers.
+/// Used once: made as a shared_ptr, connected, closed. All operations may be called from any thread; the
+/// state is touched only on the queue "com.dorvane.qmp". Commands are matched to answers by id and several
+/// may be in flight. When the last owner drops it, it closes without telling its observers.
 class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
   public:
     class ConnectionError;
@@ -32,14 +32,15 @@ class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
 
     /// Tries the socket every 200 ms until `timeout` has passed, then negotiates capabilities. Throws
     /// ConnectionError: socketPathTooLong at once; socketUnavailable at the deadline; peerExited when
-    /// `isPeerAlive` (called on the caller's executor) says no after a failed try; what "qmp_capabilities" gives.
+    /// `isPeerAlive` (called on the caller's executor) says no after a failed try; what "qmp_capabilities"
+    /// gives.
     Task<void> connect(std::string socketPath, Duration timeout, std::function<bool()> isPeerAlive = {});
 
-    /// Sends a command and returns its answer's payload (a list stands under "_items"). Arguments that are null or
-    /// an empty object are left out. The descriptor in `passing` goes along; it stays open and the caller's, to be
-    /// closed after this returned. Throws ConnectionError: commandFailed with QEMU's words, commandTimedOut (QEMU
-    /// may still perform the command), connectionClosed. A cancelled caller gets CancellationError; a command
-    /// already sent is not taken back.
+    /// Sends a command and returns its answer's payload (a list stands under "_items"). Arguments that are
+    /// null or an empty object are left out. The descriptor in `passing` goes along; it stays open and the
+    /// caller's, to be closed after this returned. Throws ConnectionError: commandFailed with QEMU's words,
+    /// commandTimedOut (QEMU may still perform the command), connectionClosed. A cancelled caller gets
+    /// CancellationError; a command already sent is not taken back.
     Task<QMPObject> execute(std::string command, JSON arguments, Duration timeout, int passing = -1);
 
     /// The handler runs on the queue, for events only, and must not block. Its last event is named
@@ -47,11 +48,12 @@ class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
     UUID observeEvents(EventHandler handler);
     void removeObserver(UUID id);
 
-    /// Ends the connection and returns when it has: commands in flight fail with connectionClosed, observers see the
-    /// last event. Twice does nothing.
+    /// Ends the connection and returns when it has: commands in flight fail with connectionClosed, observers
+    /// see the last event. Twice does nothing.
     Task<void> close();
-    /// The same begun by a synchronous caller, who needn't wait: an operation begun later finds the connection closed,
-    /// and an observer removed before sees nothing of it. The object lives until it is done.
+    /// The same begun by a synchronous caller, who needn't wait: an operation begun later finds the
+    /// connection closed, and an observer removed before sees nothing of it. The object lives until it is
+    /// done.
     void closeNow();
 
   private:
@@ -62,7 +64,8 @@ class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
     };
     struct Command;
 
-    Task<FileDescriptor> openSocket(std::string socketPath, Duration timeout, std::function<bool()> isPeerAlive);
+    Task<FileDescriptor> openSocket(std::string socketPath, Duration timeout,
+                                    std::function<bool()> isPeerAlive);
     void beginReading(FileDescriptor fd);
     void readAvailable();
     void dispatch(const std::string& line);
@@ -86,7 +89,12 @@ class QMPConnection : public std::enable_shared_from_this<QMPConnection> {
 class QMPConnection::ConnectionError : public std::runtime_error {
   public:
     enum class Case {
-        socketPathTooLong, socketUnavailable, commandFailed, commandTimedOut, peerExited, connectionClosed,
+        socketPathTooLong,
+        socketUnavailable,
+        commandFailed,
+        commandTimedOut,
+        peerExited,
+        connectionClosed,
     };
 
     static ConnectionError socketPathTooLong(const std::string& path, std::size_t limit);

@@ -11,11 +11,12 @@ namespace dorvane {
 
 class QMPLineBuffer {
   public:
-    /// QEMU's answers may be long, and nothing bounds a line in the protocol; beyond this the peer is not QEMU.
+    /// QEMU's answers may be long, and nothing bounds a line in the protocol; beyond this the peer is not
+    /// QEMU.
     static constexpr std::size_t maximumPendingBytes = 64 << 20;
 
-    /// Adds bytes and returns the complete lines now held, in order, each without its line feed; empty ones are
-    /// dropped.
+    /// Adds bytes and returns the complete lines now held, in order, each without its line feed; empty ones
+    /// are dropped.
     std::vector<std::string> append(ByteView bytes);
     /// Bytes that have arrived and not yet ended in a line feed.
     std::size_t pendingBytes() const { return buffer_.size(); }

@@ -17,7 +17,8 @@ class QMPValue;
 using QMPObject = std::map<std::string, QMPValue>;
 using QMPArray = std::vector<QMPValue>;
 
-/// A plain value, compared by kind and content. A boolean is never read as an integer nor the other way round.
+/// A plain value, compared by kind and content. A boolean is never read as an integer nor the other way
+/// round.
 class QMPValue {
   public:
     enum class Kind { string, integer, boolean, object, array, null };

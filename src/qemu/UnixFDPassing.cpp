@@ -36,7 +36,8 @@ std::size_t sendSome(int fd, ByteView rest, Bytes& control) {
         message.msg_control = control.data();
         message.msg_controllen = control.size();
     }
-    // A peer that has gone shows as EPIPE and not as a signal; one that reads nothing can't hold this thread here.
+    // A peer that has gone shows as EPIPE and not as a signal; one that reads nothing can't hold this thread
+    // here.
     const auto count = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (count > 0) return static_cast<std::size_t>(count);
     const int number = count < 0 ? errno : EPIPE;

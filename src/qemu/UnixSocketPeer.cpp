@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qemu/UnixSocketPeer.h"
 
-#include <csignal>
-#include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <csignal>
+#include <cstring>
 
 #include "runtime/Sockets.h"
 #include "runtime/Task.h"

@@ -35,12 +35,13 @@ class UnixSocketPeer {
     /// One connect that never waits; a socket file stays where it is.
     Probe probe(const std::string& path) const;
     std::optional<std::string> processName(int pid) const;
-    /// SIGTERM, after `grace` SIGKILL, each only while the process's name still begins with the prefix: a process
-    /// id may have been reused. Returns whether the process is known to be gone. A cancellation does not stop it.
+    /// SIGTERM, after `grace` SIGKILL, each only while the process's name still begins with the prefix: a
+    /// process id may have been reused. Returns whether the process is known to be gone. A cancellation does
+    /// not stop it.
     Task<bool> terminate(int pid, std::string expectingNamePrefix, Duration grace) const;
 
-    /// A connected, non-blocking descriptor. Never waits: a listener whose backlog is full counts as a failure
-    /// (EAGAIN). Throws POSIXError; ENAMETOOLONG for a path beyond the limit.
+    /// A connected, non-blocking descriptor. Never waits: a listener whose backlog is full counts as a
+    /// failure (EAGAIN). Throws POSIXError; ENAMETOOLONG for a path beyond the limit.
     static FileDescriptor connectWithoutWaiting(const std::string& path);
     static Signaller systemSignaller();
 

@@ -159,12 +159,9 @@ TEST_F(InterruptedRefreshTest, aReconfigurationMeanwhileIsNotUndone) {
 }
 
 TEST_F(InterruptedRefreshTest, aMachineBroughtInMeanwhileGetsNoSecondRecord) {
-    refreshWith([&] {
-        makeBundle("alpha");
-        insert("alpha", storage / "alpha");
-    });
-    run(service.refreshVMList());
-    EXPECT_EQ(service.vms().size(), 1u);
+    makeBundle("alpha");
+    refreshWith([&] { insert("alpha", storage / "alpha"); });
+    EXPECT_EQ(context.fetchRecords().size(), 1u);
 }
 
 TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {

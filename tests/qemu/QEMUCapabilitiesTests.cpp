@@ -23,12 +23,33 @@ struct Release {
 
 TEST(QEMUCapabilities, ReadsRealReleases) {
     const std::vector<Release> table{
-        {"7.2", "7.2.22", "virt-7.2", "virt-2.6", {"none", "egl-headless", "curses", "spice-app", "dbus"},
-         {"none", "alsa", "dbus", "oss", "pa", "sndio", "spice", "wav"}, false, false, false},
-        {"10.0", "10.0.13", "virt-10.0", "virt-2.6", {"none", "egl-headless", "curses", "dbus"},
-         {"none", "alsa", "dbus", "oss", "pa", "pipewire", "wav"}, false, false, true},
-        {"11.1", "11.1.3", "virt-11.1", "virt-5.2", {"none", "egl-headless", "dbus"},
-         {"none", "alsa", "dbus", "pa", "wav"}, true, true, true},
+        {"7.2",
+         "7.2.22",
+         "virt-7.2",
+         "virt-2.6",
+         {"none", "egl-headless", "curses", "spice-app", "dbus"},
+         {"none", "alsa", "dbus", "oss", "pa", "sndio", "spice", "wav"},
+         false,
+         false,
+         false},
+        {"10.0",
+         "10.0.13",
+         "virt-10.0",
+         "virt-2.6",
+         {"none", "egl-headless", "curses", "dbus"},
+         {"none", "alsa", "dbus", "oss", "pa", "pipewire", "wav"},
+         false,
+         false,
+         true},
+        {"11.1",
+         "11.1.3",
+         "virt-11.1",
+         "virt-5.2",
+         {"none", "egl-headless", "dbus"},
+         {"none", "alsa", "dbus", "pa", "wav"},
+         true,
+         true,
+         true},
     };
     for (const auto& release : table) {
         SCOPED_TRACE(release.name);
@@ -39,7 +60,8 @@ TEST(QEMUCapabilities, ReadsRealReleases) {
         EXPECT_EQ(found.accelerators, std::set<std::string>{"tcg"});
         EXPECT_EQ(found.displays, release.displays);
         EXPECT_EQ(found.audioDrivers, release.audioDrivers);
-        EXPECT_THAT(found.devices, IsSupersetOf({"nvme", "virtio-gpu-pci", "virtio-gpu-gl-pci", "ramfb", "usb-storage"}));
+        EXPECT_THAT(found.devices,
+                    IsSupersetOf({"nvme", "virtio-gpu-pci", "virtio-gpu-gl-pci", "ramfb", "usb-storage"}));
         EXPECT_TRUE(found.machineProperties.contains("highmem"));
         EXPECT_EQ(found.machineProperties.contains("virtio-mmio-transports"), release.hasTransports);
         EXPECT_EQ(found.mayHaveProperty("tpm-tis-device", "ppi"), release.hasPPI);
@@ -53,7 +75,9 @@ TEST(QEMUCapabilities, ReadsStrangeTextAsLittle) {
     EXPECT_EQ(QEMUCapabilities::parse({}), QEMUCapabilities{});
     QEMUHelpTexts texts;
     texts.version = "version ";
-    texts.machines = "virt-9.9\nvirt-9.2 first line is no entry\n virt-10.0\r\nvirt-x.1\nvirt-1\nvirt-99999.0\n\nvirt-11.0";
+    texts.machines =
+        "virt-9.9\nvirt-9.2 first line is no entry\n "
+        "virt-10.0\r\nvirt-x.1\nvirt-1\nvirt-99999.0\n\nvirt-11.0";
     texts.devices = "name \"\nname \"a\"\nnamed \"b\"";
     texts.machineProperties = "options:\n  =x\n  none\n  a=<b>=c";
     const auto found = QEMUCapabilities::parse(texts);
@@ -66,7 +90,8 @@ TEST(QEMUCapabilities, ReadsStrangeTextAsLittle) {
 TEST(QEMUMachineVersion, ComparesAsNumbers) {
     EXPECT_GT(QEMUMachineVersion::parse("virt-10.0"), QEMUMachineVersion::parse("virt-9.2"));
     EXPECT_EQ(QEMUMachineVersion::parse("virt-11.1")->machineType(), "virt-11.1");
-    for (const char* text : {"virt", "virt-", "virt-1", "virt-.1", "virt-1.", "virt--1.2", "virt-1.-2", "virt-1.2.3", "xvirt-1.2"})
+    for (const char* text : {"virt", "virt-", "virt-1", "virt-.1", "virt-1.", "virt--1.2", "virt-1.-2",
+                             "virt-1.2.3", "xvirt-1.2"})
         EXPECT_EQ(QEMUMachineVersion::parse(text), std::nullopt) << text;
 }
 
@@ -77,7 +102,7 @@ TEST(QEMUCapabilitiesCache, AsksABinaryOnceUntilItIsReplaced) {
     writeFileAtomically(binary, "one");
     int questions = 0;
     QEMUHelpTexts texts;
-    QEMUCapabilitiesCache cache(test.runtime(), [&](const Path&, const Environment&) -> Task<QEMUHelpTexts> {
+    QEMUCapabilitiesCache cache([&](const Path&, const Environment&) -> Task<QEMUHelpTexts> {
         ++questions;
         return [](QEMUHelpTexts answer) -> Task<QEMUHelpTexts> { co_return answer; }(texts);
     });
@@ -107,7 +132,8 @@ case "$*" in
 "-machine virt -device tpm-tis-device,help") printf 'options:\n  ppi=<bool>\n' ;;
 *) echo "unknown" >&2; exit 1 ;;
 esac
-)SH", 0755);
+)SH",
+                        0755);
     QEMUCapabilitiesCache cache(test.runtime());
     const auto found = test.run(cache.capabilities(binary, {{"TOLD_VERSION", "9.1.5"}}));
     EXPECT_EQ(found.version, "9.1.5");

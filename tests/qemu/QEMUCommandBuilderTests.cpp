@@ -52,8 +52,8 @@ std::string lines(const std::vector<std::string>& arguments) {
     return text;
 }
 
-std::string built(const DorvaneVMConfig& config, const QEMURuntimePaths& paths, const VMAttachments& attachments = {},
-                  const Path& directory = "/vms/Win 11") {
+std::string built(const DorvaneVMConfig& config, const QEMURuntimePaths& paths,
+                  const VMAttachments& attachments = {}, const Path& directory = "/vms/Win 11") {
     return lines(QEMUCommandBuilder::buildArguments(config, VMBundle(directory), attachments, paths));
 }
 

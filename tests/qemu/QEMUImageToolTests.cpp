@@ -23,7 +23,9 @@ struct FakeTool {
 
     explicit FakeTool(const std::string& script = "") { behave(script); }
     void behave(const std::string& script) {
-        writeFileAtomically(path, "#!/bin/sh\nprintf '<%s>' \"$@\" > '" + (directory / "arguments").string() + "'\n" + script, 0755);
+        writeFileAtomically(
+            path, "#!/bin/sh\nprintf '<%s>' \"$@\" > '" + (directory / "arguments").string() + "'\n" + script,
+            0755);
     }
     std::string arguments() { return readTextFile(directory / "arguments"); }
     QEMUImageChainTool chain() { return QEMUImageChainTool(path); }
@@ -64,8 +66,8 @@ TEST(QEMUImageChainTool, RunsEachOperationWithItsVector) {
         operation();
         EXPECT_EQ(fake.arguments(), expected);
     }
-    for (const char* line : {"Rebasing /i onto b", "Rebasing /i onto (none)", "Committing /o into its backing file",
-                             "Resizing /i to 7 bytes"})
+    for (const char* line : {"Rebasing /i onto b", "Rebasing /i onto (none)",
+                             "Committing /o into its backing file", "Resizing /i to 7 bytes"})
         EXPECT_TRUE(fake.log.contains(line)) << line;
 }
 
@@ -77,7 +79,8 @@ TEST(QEMUImageChainTool, ReadsTheLayout) {
         bool isObject = true;
     };
     const std::vector<Row> table{
-        {R"({"backing-filename": "base.qcow2", "virtual-size": 18446744073709551615})", "base.qcow2", UINT64_MAX},
+        {R"({"backing-filename": "base.qcow2", "virtual-size": 18446744073709551615})", "base.qcow2",
+         UINT64_MAX},
         {R"({"virtual-size": 0})", std::nullopt, 0},
         {R"({"backing-filename": 5, "virtual-size": "1"})", std::nullopt, std::nullopt},
         {R"({"virtual-size": true})", std::nullopt, std::nullopt},
@@ -86,7 +89,8 @@ TEST(QEMUImageChainTool, ReadsTheLayout) {
         {"", std::nullopt, std::nullopt, false},
         {"{\"a\": \"\\377\"", std::nullopt, std::nullopt, false},
     };
-    const DorvaneError unreadable(DorvaneError::Case::vmSnapshotFailed, "Could not read the disk image layout.");
+    const DorvaneError unreadable(DorvaneError::Case::vmSnapshotFailed,
+                                  "Could not read the disk image layout.");
     FakeTool fake;
     for (const auto& row : table) {
         SCOPED_TRACE(row.output);
@@ -105,7 +109,8 @@ TEST(QEMUImageChainTool, ReadsTheLayout) {
 TEST(QEMUImageChainTool, TellsTheToolsOwnWords) {
     FakeTool fake("echo '  no such image ' >&2; exit 1");
     const auto error = caught([&] { fake.chain().commit("/o"); });
-    EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmSnapshotFailed, "The disk image tool failed: no such image"));
+    EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmSnapshotFailed,
+                                  "The disk image tool failed: no such image"));
     EXPECT_TRUE(fake.log.contains("qemu-img commit failed: no such image"));
     fake.behave("kill -KILL $$");
     EXPECT_THROW(fake.chain().commit("/o"), DorvaneError);
@@ -136,9 +141,14 @@ TEST(QEMUImageTool, FailsWithTheCallersReason) {
 
 TEST(QEMUImageConverter, ReadsTheLastProgress) {
     const std::vector<std::pair<std::string, std::optional<double>>> table{
-        {"    (42.50/100%)\r", 0.425}, {"(100.00/100%)\n", 1.0}, {"(1.00/100%)\r(7/100%)", 0.07},
-        {"(250/100%)", 1.0}, {"(5/100%) (x/100%) (.5/100%) (5./100%) (1.2.3/100%) 8/100%) (/100%)", 0.05},
-        {"", std::nullopt}, {"(42.50/100", std::nullopt}, {"/100%)", std::nullopt}};
+        {"    (42.50/100%)\r", 0.425},
+        {"(100.00/100%)\n", 1.0},
+        {"(1.00/100%)\r(7/100%)", 0.07},
+        {"(250/100%)", 1.0},
+        {"(5/100%) (x/100%) (.5/100%) (5./100%) (1.2.3/100%) 8/100%) (/100%)", 0.05},
+        {"", std::nullopt},
+        {"(42.50/100", std::nullopt},
+        {"/100%)", std::nullopt}};
     for (const auto& [text, value] : table) EXPECT_EQ(QEMUImageConverter::lastProgress(text), value) << text;
 }
 
@@ -155,7 +165,8 @@ struct Conversion {
 };
 
 TEST(QEMUImageConverter, ReportsProgressAndWhatRemainsAtTheEnd) {
-    Conversion conversion("printf '    (0.00/100%%)\\r'; sleep 0.05; printf '(37.25/100%%)\\r(100.00/100%%)\\n'");
+    Conversion conversion(
+        "printf '    (0.00/100%%)\\r'; sleep 0.05; printf '(37.25/100%%)\\r(100.00/100%%)\\n'");
     conversion.test.run(conversion.task());
     EXPECT_EQ(conversion.fake.arguments(), "<convert><-p><-f><parallels><-O><qcow2></in></out>");
     ASSERT_FALSE(conversion.progress.empty());
@@ -164,22 +175,27 @@ TEST(QEMUImageConverter, ReportsProgressAndWhatRemainsAtTheEnd) {
 }
 
 TEST(QEMUImageConverter, FailuresCarryTheToolsWordsOrItsStatus) {
-    const auto failure = [](const std::string& text) { return DorvaneError(DorvaneError::Case::vmImportFailed, text); };
+    const auto failure = [](const std::string& text) {
+        return DorvaneError(DorvaneError::Case::vmImportFailed, text);
+    };
     Conversion talking("head -c 200000 /dev/zero | tr '\\0' '\\n' >&2; exit 1");
-    EXPECT_EQ(caught([&] { talking.test.run(talking.task()); }), failure("The disk conversion exited with status 1."));
+    EXPECT_EQ(caught([&] { talking.test.run(talking.task()); }),
+              failure("The disk conversion exited with status 1."));
     Conversion silent("echo ' bad image ' >&2; exit 2");
     EXPECT_EQ(caught([&] { silent.test.run(silent.task()); }), failure("bad image"));
     Conversion killed("echo 'half way' >&2; kill -TERM $$");
     EXPECT_THROW(killed.test.run(killed.task()), CancellationError);
     Conversion missing("");
     std::filesystem::remove(missing.fake.path);
-    EXPECT_EQ(caught([&] { missing.test.run(missing.task()); }), missingTool(DorvaneError::Case::vmImportFailed));
+    EXPECT_EQ(caught([&] { missing.test.run(missing.task()); }),
+              missingTool(DorvaneError::Case::vmImportFailed));
 }
 
 TEST(QEMUImageConverter, ACancellationEndsTheTool) {
     Conversion conversion("printf '(1.00/100%%)\\r'; exec sleep 60");
     OneShot<void> outcome;
-    auto handle = spawn(conversion.test.runtime().main.executor(), deliver(conversion.task(), outcome), "test");
+    auto handle =
+        spawn(conversion.test.runtime().main.executor(), deliver(conversion.task(), outcome), "test");
     conversion.test.driveUntil([&] { return !conversion.progress.empty(); });
     handle.cancel();
     conversion.test.driveUntil([&] { return outcome.isDecided(); });

@@ -21,8 +21,8 @@ DorvaneVMConfig config() {
     return result;
 }
 
-std::string digest(const DorvaneVMConfig& machine, const VMAttachments& attachments = {}, const Path& runtime = "/r",
-                   int port = 47100) {
+std::string digest(const DorvaneVMConfig& machine, const VMAttachments& attachments = {},
+                   const Path& runtime = "/r", int port = 47100) {
     QEMURuntimePaths paths;
     paths.qmpSocket = runtime / "q.sock";
     paths.vdagentSocket = runtime / "a.sock";
@@ -33,8 +33,9 @@ std::string digest(const DorvaneVMConfig& machine, const VMAttachments& attachme
 }
 
 TEST(QEMUSuspendFingerprint, DigestsWhatTheGuestSees) {
-    EXPECT_EQ(QEMUSuspendFingerprint::deviceDigest({"-name", "-m", "-m", "2M", "-x", "-device", "a,b", "-cpu"}),
-              SHA256::hex("-m -m\n-device a,b"));
+    EXPECT_EQ(
+        QEMUSuspendFingerprint::deviceDigest({"-name", "-m", "-m", "2M", "-x", "-device", "a,b", "-cpu"}),
+        SHA256::hex("-m -m\n-device a,b"));
     EXPECT_EQ(QEMUSuspendFingerprint::deviceDigest({}), SHA256::hex(""));
 
     const auto same = digest(config());
@@ -62,7 +63,8 @@ TEST(QEMUSuspendFingerprint, KeepsItsTextForm) {
     const QEMUSuspendFingerprint value{"aa", "bb=cc"};
     EXPECT_EQ(value.serialized(), "devices=aa\nengine=bb=cc\n");
     EXPECT_EQ(QEMUSuspendFingerprint::parse(value.serialized()), value);
-    EXPECT_EQ(QEMUSuspendFingerprint::parse("noise\n\nengine=e\nmore=1\ndevices="), (QEMUSuspendFingerprint{"", "e"}));
+    EXPECT_EQ(QEMUSuspendFingerprint::parse("noise\n\nengine=e\nmore=1\ndevices="),
+              (QEMUSuspendFingerprint{"", "e"}));
     for (const char* text : {"", "devices=a", "engine=a\n", "devices a\nengine=b"})
         EXPECT_EQ(QEMUSuspendFingerprint::parse(text), std::nullopt) << text;
 }

@@ -15,7 +15,8 @@ using Case = QMPCodec::DecodeError::Case;
 
 TEST(QMPCodec, EncodesWhatIsThere) {
     EXPECT_EQ(QMPCodec::encode("cont", nullptr, std::nullopt), "{\"execute\":\"cont\"}\n");
-    EXPECT_EQ(QMPCodec::encode("cont", JSON::object(), "dorvane-1"), "{\"execute\":\"cont\",\"id\":\"dorvane-1\"}\n");
+    EXPECT_EQ(QMPCodec::encode("cont", JSON::object(), "dorvane-1"),
+              "{\"execute\":\"cont\",\"id\":\"dorvane-1\"}\n");
     EXPECT_EQ(QMPCodec::encode("getfd", {{"fdname", "a\nb"}}, "dorvane-2"),
               "{\"arguments\":{\"fdname\":\"a\\nb\"},\"execute\":\"getfd\",\"id\":\"dorvane-2\"}\n");
 }
@@ -38,7 +39,8 @@ TEST(QMPCodec, DecodesEveryShapeByTheFirstKeyThatFits) {
         {R"({"event":"E","data":[1]})", {QMPMessage::Event{"E", {}}}},
         {R"({"event":5,"return":5,"id":"a"})", {QMPMessage::Result{"a", {}}}},
         {R"({"return":[],"id":"a"})", {QMPMessage::Result{"a", {{"_items", QMPArray{}}}}}},
-        {R"({"return":[{"a":null},-2.9,"é"],"id":"a"})" "\r",
+        {R"({"return":[{"a":null},-2.9,"é"],"id":"a"})"
+         "\r",
          {QMPMessage::Result{"a", {{"_items", QMPArray{QMPObject{{"a", nullptr}}, -2, "é"}}}}}},
     };
     for (const auto& [line, message] : table) EXPECT_EQ(QMPCodec::decode(line), message) << line;
@@ -47,10 +49,15 @@ TEST(QMPCodec, DecodesEveryShapeByTheFirstKeyThatFits) {
 TEST(QMPCodec, RefusesTheRest) {
     const std::string deep = std::string(600, '[') + std::string(600, ']');
     const std::vector<std::pair<std::string, Case>> table{
-        {"", Case::notJSON},          {"[1]", Case::notJSON},       {"{\"return\":", Case::notJSON},
-        {"{} {}", Case::notJSON},     {"{\"return\":\"\xff\"}", Case::notJSON},
-        {"{\"return\":" + deep + "}", Case::notJSON},               {"{}", Case::unrecognizedShape},
-        {"{\"error\":\"x\"}", Case::unrecognizedShape},             {"{\"event\":null}", Case::unrecognizedShape},
+        {"", Case::notJSON},
+        {"[1]", Case::notJSON},
+        {"{\"return\":", Case::notJSON},
+        {"{} {}", Case::notJSON},
+        {"{\"return\":\"\xff\"}", Case::notJSON},
+        {"{\"return\":" + deep + "}", Case::notJSON},
+        {"{}", Case::unrecognizedShape},
+        {"{\"error\":\"x\"}", Case::unrecognizedShape},
+        {"{\"event\":null}", Case::unrecognizedShape},
     };
     for (const auto& [line, which] : table) {
         try {
@@ -65,10 +72,18 @@ TEST(QMPCodec, RefusesTheRest) {
 TEST(QMPValue, NumbersAreTruncatedAndClampedAndNeverBooleans) {
     using Integers = std::numeric_limits<std::int64_t>;
     const std::vector<std::pair<std::string, std::int64_t>> table{
-        {"0", 0}, {"-7", -7}, {"2.99", 2}, {"-2.99", -2}, {"9223372036854775807", Integers::max()},
-        {"18446744073709551615", Integers::max()}, {"1e300", Integers::max()}, {"-1e300", Integers::min()},
-        {"9223372036854775808.0", Integers::max()}, {"-9223372036854775808.0", Integers::min()}};
-    for (const auto& [text, number] : table) EXPECT_EQ(QMPValue::fromJSON(parseJSON(text)), QMPValue(number)) << text;
+        {"0", 0},
+        {"-7", -7},
+        {"2.99", 2},
+        {"-2.99", -2},
+        {"9223372036854775807", Integers::max()},
+        {"18446744073709551615", Integers::max()},
+        {"1e300", Integers::max()},
+        {"-1e300", Integers::min()},
+        {"9223372036854775808.0", Integers::max()},
+        {"-9223372036854775808.0", Integers::min()}};
+    for (const auto& [text, number] : table)
+        EXPECT_EQ(QMPValue::fromJSON(parseJSON(text)), QMPValue(number)) << text;
     EXPECT_NE(QMPValue(true), QMPValue(1));
     EXPECT_EQ(QMPValue(true).integer(), std::nullopt);
     EXPECT_EQ(QMPValue(1).boolean(), std::nullopt);
@@ -81,7 +96,8 @@ TEST(QMPLineBuffer, GivesTheSameLinesHoweverTheyArrive) {
         QMPLineBuffer buffer;
         std::vector<std::string> lines;
         for (std::size_t at = 0; at < stream.size(); at += chunk)
-            for (auto& line : buffer.append(asBytes(std::string_view(stream).substr(at, chunk)))) lines.push_back(line);
+            for (auto& line : buffer.append(asBytes(std::string_view(stream).substr(at, chunk))))
+                lines.push_back(line);
         EXPECT_EQ(lines, expected) << "in chunks of " << chunk;
         EXPECT_EQ(buffer.pendingBytes(), 5U);
         EXPECT_FALSE(buffer.isOverflowing());

@@ -32,7 +32,8 @@ struct Scene {
         return test.run(connection->execute(std::move(command), std::move(arguments), seconds(10), passing));
     }
     void observe() {
-        connection->observeEvents([this](const QMPMessage& message) { events.push_back(message.event()->name); });
+        connection->observeEvents(
+            [this](const QMPMessage& message) { events.push_back(message.event()->name); });
     }
     /// A command whose outcome the test looks at later.
     OneShot<QMPObject> begin(std::string command, Duration timeout) {
@@ -61,7 +62,9 @@ struct Scene {
 TEST(QMPConnection, NegotiatesAndNumbersItsCommands) {
     Scene scene;
     scene.connect();
-    scene.server.answer = [](const JSON& command) { return FakeQMPServer::result(command, R"({"status": "running"})"); };
+    scene.server.answer = [](const JSON& command) {
+        return FakeQMPServer::result(command, R"({"status": "running"})");
+    };
     EXPECT_EQ(scene.execute("query-status", {{"a", 1}}), (QMPObject{{"status", "running"}}));
     EXPECT_EQ(scene.server.commands[0], parseJSON(R"({"execute": "qmp_capabilities", "id": "dorvane-1"})"));
     EXPECT_EQ(scene.server.commands[1],
@@ -75,8 +78,9 @@ TEST(QMPConnection, MatchesAnswersByIdHoweverTheyArrive) {
     scene.server.answer = [](const JSON&) { return std::nullopt; };
     const auto first = scene.begin("first", seconds(10));
     const auto second = scene.begin("second", seconds(10));
-    for (const char* piece : {"{\"return\": [", "3], \"id\": \"dorvane-3\"}\r\nnonsense\n{\"event\": \"STOP\"}\n{\"ret",
-                              "urn\": {}}\n{\"return\": {\"n\": 2}, \"id\": \"dorvane-2\"}\r\n"}) {
+    for (const char* piece :
+         {"{\"return\": [", "3], \"id\": \"dorvane-3\"}\r\nnonsense\n{\"event\": \"STOP\"}\n{\"ret",
+          "urn\": {}}\n{\"return\": {\"n\": 2}, \"id\": \"dorvane-2\"}\r\n"}) {
         scene.server.send(piece);
         scene.test.settle();
     }
@@ -90,7 +94,8 @@ TEST(QMPConnection, TellsQEMUsOwnWords) {
     Scene scene;
     scene.connect();
     scene.server.answer = [](const JSON& command) {
-        return R"({"error": {"class": "GenericError", "desc": "no such device"}, "id": )" + command.at("id").dump() + "}\n";
+        return R"({"error": {"class": "GenericError", "desc": "no such device"}, "id": )" +
+               command.at("id").dump() + "}\n";
     };
     const auto error = Scene::caught([&] { scene.execute("device_del"); });
     EXPECT_EQ(error.which(), Error::Case::commandFailed);
@@ -120,7 +125,8 @@ TEST(QMPConnection, PassesADescriptorThatStaysTheCallers) {
     const FileDescriptor mine(pair[0]), other(pair[1]);
     scene.execute("getfd", {{"fdname", "d"}}, mine.get());
     ASSERT_EQ(scene.server.descriptors.size(), 1U);
-    struct stat sent {}, received {};
+    struct stat sent {
+    }, received{};
     ASSERT_EQ(::fstat(mine.get(), &sent), 0);
     ASSERT_EQ(::fstat(scene.server.descriptors[0].get(), &received), 0);
     EXPECT_EQ(sent.st_ino, received.st_ino);
@@ -134,7 +140,8 @@ TEST(QMPConnection, AHangUpEndsEverythingOnce) {
     Scene scene;
     scene.connect();
     scene.observe();
-    const auto removed = scene.connection->observeEvents([](const QMPMessage&) { ADD_FAILURE() << "was removed"; });
+    const auto removed =
+        scene.connection->observeEvents([](const QMPMessage&) { ADD_FAILURE() << "was removed"; });
     scene.connection->removeObserver(removed);
     scene.connection->observeEvents([](const QMPMessage&) { throw std::runtime_error("careless"); });
     scene.server.answer = [](const JSON&) { return std::nullopt; };
@@ -221,7 +228,8 @@ TEST(QMPConnection, ASocketThatComesLateIsFound) {
     const auto path = directory / "late.sock";
     const auto connection = std::make_shared<QMPConnection>(test.runtime());
     OneShot<void> outcome;
-    auto task = spawn(test.runtime().main.executor(), deliver(connection->connect(path.string(), seconds(1)), outcome), "test");
+    auto task = spawn(test.runtime().main.executor(),
+                      deliver(connection->connect(path.string(), seconds(1)), outcome), "test");
     test.driveUntil([&] { return test.clock().pendingTimers() == 1; });
     FakeQMPServer server(test.runtime(), path);
     test.clock().advance(milliseconds(200));

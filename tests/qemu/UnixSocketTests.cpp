@@ -206,7 +206,8 @@ TEST(UnixSocketPeer, AnOverlongPathIsNeverCut) {
 
 TEST(UnixSocketPeer, TerminatesOnlyWhatStillHasTheName) {
     PeerScene scene;
-    scene.processes.table = {{10, {"qemu-system-aar"}}, {11, {"bash"}}, {12, {"qemu-system-aar", true}}, {13, {"swtpm", true}}};
+    scene.processes.table = {
+        {10, {"qemu-system-aar"}}, {11, {"bash"}}, {12, {"qemu-system-aar", true}}, {13, {"swtpm", true}}};
 
     EXPECT_TRUE(scene.terminate(10, "qemu-system-aarch64"));
     EXPECT_FALSE(scene.terminate(11, "qemu-system"));
@@ -230,9 +231,10 @@ TEST(UnixSocketPeer, TerminatesOnlyWhatStillHasTheName) {
 TEST(UnixSocketPeer, ACancellationDoesNotStopTheStopping) {
     PeerScene scene;
     scene.processes.table = {{12, {"qemu-system-aar", true}}};
-    auto handle = spawn(scene.test.runtime().main.executor(),
-                        [](PeerScene& s) -> Task<void> { co_await s.peer.terminate(12, "qemu-system", seconds(5)); }(scene),
-                        "test");
+    auto handle = spawn(
+        scene.test.runtime().main.executor(),
+        [](PeerScene& s) -> Task<void> { co_await s.peer.terminate(12, "qemu-system", seconds(5)); }(scene),
+        "test");
     scene.test.driveUntil([&] { return !scene.processes.signals.empty(); });
     handle.cancel();
     scene.test.driveUntil([&] { return handle.isFinished(); });

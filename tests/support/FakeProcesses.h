@@ -40,7 +40,8 @@ class FakeProcesses : public Processes {
     bool signal(int pid, int number) {
         if (number != 0 && table.contains(pid)) signals.emplace_back(pid, number);
         const bool wasThere = table.contains(pid);
-        if (wasThere && (number == SIGKILL || (number == SIGTERM && !table[pid].ignoresSIGTERM))) table.erase(pid);
+        if (wasThere && (number == SIGKILL || (number == SIGTERM && !table[pid].ignoresSIGTERM)))
+            table.erase(pid);
         return wasThere;
     }
 

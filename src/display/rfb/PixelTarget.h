@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where decoded pixels go, and the two ways in which packed colours become 32-bit pixels.
+// Where decoded pixels go, and single pixels on their way there.
 #pragma once
 
 #include <bit>
@@ -36,13 +36,6 @@ inline std::uint32_t loadRGB(const std::uint8_t* p) { return __builtin_bswap32(l
 
 inline void fillPixels(std::uint8_t* out, std::size_t count, std::uint32_t pixel) {
     for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, pixel);
-}
-/// `count` pixels from three bytes each; one byte beyond the last must be readable.
-inline void expandBGR(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, loadBGR(in + i * 3));
-}
-inline void expandRGB(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, loadRGB(in + i * 3));
 }
 
 }  // namespace dorvane

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "base/Localized.h"
+#include "display/rfb/PixelExpansion.h"
 #include "display/rfb/TightControl.h"
 #include "display/rfb/TightFilters.h"
 
@@ -18,6 +19,7 @@ constexpr std::size_t pieceBytes = 65'536;
 constexpr std::size_t windowBytes = 262'144;
 // Room beyond the data: zlib's fast loop runs only with 258 bytes to spare, and too much output is noticed.
 constexpr std::size_t spareBytes = 1'024;
+static_assert(spareBytes >= expansionSlackBytes);
 
 DecodeError sizeMismatch(std::size_t expected, std::size_t actual) {
     return {Case::sizeMismatch,
@@ -117,7 +119,7 @@ void TightDecoder::readPalette(RFBByteReader& reader, unsigned count) {
 
 void TightDecoder::expandStored(const Form& form, RFBByteReader& reader, PixelTarget target) {
     const auto data = required(reader.slice(form.dataSize()));
-    // Copied to where a fourth byte may be read after the last pixel.
+    // Copied to where something may be read beyond the last pixel.
     std::copy(data.begin(), data.end(), inflated_.get());
     expandRows(form, 0, form.rowBytes == 0 ? 0 : form.height, target);
 }

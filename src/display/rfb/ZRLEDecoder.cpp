@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "base/Localized.h"
+#include "display/rfb/PixelExpansion.h"
 
 namespace dorvane {
 namespace {
@@ -16,8 +17,6 @@ constexpr std::size_t windowBytes = 65'536;
 // Palette run-length with 127 colours and plain runs of one pixel are the longest forms of a 64 by 64 tile; more only
 // comes in an invalid one, which ends early.
 constexpr std::size_t maximumTileBytes = 1 + 127 * 3 + 4'096 * 4 + 64;
-// A colour is read as four bytes, the last of which may lie beyond the data.
-constexpr std::size_t spareBytes = 16;
 
 constexpr std::uint8_t solid = 1, largestPacked = 16, plainRuns = 128, smallestPaletteRuns = 130;
 
@@ -55,7 +54,7 @@ unsigned unpackRow(unsigned bits, const std::uint8_t* in, std::uint8_t* out, std
 
 }  // namespace
 
-ZRLEDecoder::ZRLEDecoder() : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + spareBytes)) {}
+ZRLEDecoder::ZRLEDecoder() : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + expansionSlackBytes)) {}
 
 Bytes ZRLEDecoder::decode(int width, int height, ByteView payload) {
     Bytes pixels(std::size_t(width) * std::size_t(height) * 4);

@@ -16,27 +16,26 @@ using Arguments = std::vector<std::string>;
 constexpr auto acceleratedDisplayDevice = "virtio-gpu-gl-pci";
 constexpr auto basicDisplayDevice = "virtio-gpu-pci";
 
-/// An option's value as its comma-separated parts. A doubled comma is an escaped one and stays inside its part, so
-/// that putting the parts together again gives the same text.
+/// An option's value as its comma-separated parts. A doubled comma is an escaped one and stays inside its
+/// part, so that putting the parts together again gives the same text.
 Arguments partsOf(std::string_view value) {
     Arguments parts{""};
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        const bool isEscaped = value.substr(i, 2) == ",,";
-        if (value[i] == ',' && !isEscaped) {
+    while (!value.empty()) {
+        const std::size_t count = value.starts_with(",,") ? 2 : 1;
+        if (count == 1 && value.front() == ',')
             parts.emplace_back();
-            continue;
-        }
-        parts.back() += value[i];
-        if (isEscaped) parts.back() += value[++i];
+        else
+            parts.back() += value.substr(0, count);
+        value.remove_prefix(count);
     }
     return parts;
 }
 
 std::string unescaped(std::string_view value) {
     std::string result;
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        result += value[i];
-        if (value.substr(i, 2) == ",,") ++i;
+    while (!value.empty()) {
+        result += value.front();
+        value.remove_prefix(value.starts_with(",,") ? 2 : 1);
     }
     return result;
 }
@@ -45,7 +44,8 @@ std::string nameOf(const std::string& part) { return part.substr(0, part.find('=
 
 /// Drops the properties behind the first part that `isKept` refuses.
 void keepProperties(Arguments& parts, const std::function<bool(const std::string& name)>& isKept) {
-    parts.erase(std::remove_if(parts.begin() + 1, parts.end(), [&](const auto& part) { return !isKept(nameOf(part)); }),
+    parts.erase(std::remove_if(parts.begin() + 1, parts.end(),
+                               [&](const auto& part) { return !isKept(nameOf(part)); }),
                 parts.end());
 }
 
@@ -56,14 +56,9 @@ class Translation {
         : facts_(facts), capabilities_(capabilities) {}
 
     Arguments translate(const Arguments& arguments) {
-        for (std::size_t i = 0; i < arguments.size(); ++i) {
-            if (i + 1 == arguments.size()) {
-                result_.push_back(arguments[i]);
-                break;
-            }
-            translate(arguments[i], arguments[i + 1]);
-            ++i;
-        }
+        // Every option of the vector has a value.
+        for (std::size_t i = 0; i + 1 < arguments.size(); i += 2) translate(arguments[i], arguments[i + 1]);
+        if (arguments.size() % 2 != 0) result_.push_back(arguments.back());
         // At its default a save of memory takes three times as long.
         add("-global", "migration.x-max-bandwidth=1T");
         // The firmware's menu otherwise waits for seconds; an installer's boot prompt needs that time.
@@ -81,7 +76,8 @@ class Translation {
         if (option == "-machine") return addMachine(value);
         // The accelerator has been added with the machine.
         if (option == "-accel" && value.starts_with("hvf")) return;
-        if (option == "-cpu" && value == "host") return add(option, usesKVM() ? "host" : "max,pauth-impdef=on");
+        if (option == "-cpu" && value == "host")
+            return add(option, usesKVM() ? "host" : "max,pauth-impdef=on");
         if (option == "-audiodev") return add(option, audioValue(value));
         if (option == "-device") return add(option, deviceValue(value));
         if (option == "-display") return add(option, displayValue(value));
@@ -123,8 +119,8 @@ class Translation {
     }
 
     std::string audioDriver() const {
-        const std::array<std::pair<const char*, bool>, 3> preferred{{
-            {"pipewire", facts_.hasPipeWire}, {"pa", facts_.hasPulseAudio}, {"alsa", facts_.hasALSA}}};
+        const std::array<std::pair<const char*, bool>, 3> preferred{
+            {{"pipewire", facts_.hasPipeWire}, {"pa", facts_.hasPulseAudio}, {"alsa", facts_.hasALSA}}};
         for (const auto& [name, isThere] : preferred)
             if (isThere && capabilities_.audioDrivers.contains(name)) return name;
         return "none";
@@ -134,7 +130,8 @@ class Translation {
         auto parts = partsOf(value);
         if (parts.front() == acceleratedDisplayDevice && !usesGL()) {
             parts.front() = basicDisplayDevice;
-            keepProperties(parts, [](const auto& name) { return name == "edid" || name == "xres" || name == "yres"; });
+            keepProperties(
+                parts, [](const auto& name) { return name == "edid" || name == "xres" || name == "yres"; });
         }
         keepProperties(parts, [&](const auto& name) {
             return name == "id" || capabilities_.mayHaveProperty(parts.front(), name);

@@ -8,11 +8,13 @@
 namespace dorvane {
 
 /// In the vector                               on this host
-/// accelerator hvf                             kvm when the host is arm64 and /dev/kvm opens, else tcg,thread=multi;
+/// accelerator hvf                             kvm when the host is arm64 and /dev/kvm opens, else
+/// tcg,thread=multi;
 ///                                             always as an -accel of its own
 /// -cpu host                                   stays with kvm, else max,pauth-impdef=on
-/// coreaudio                                   pipewire, pa or alsa, whichever the binary and the session have, or none
-/// virtio-gpu-gl-pci, gl=es                    with a render node and a binary that has them, else the basic device
+/// coreaudio                                   pipewire, pa or alsa, whichever the binary and the session
+/// have, or none virtio-gpu-gl-pci, gl=es                    with a render node and a binary that has them,
+/// else the basic device
 ///                                             and a plain D-Bus display
 /// virt-N.M newer than the binary's newest     that newest
 /// properties that the binary doesn't list     dropped, of the machine and of the inspected devices

@@ -11,9 +11,10 @@ using namespace dorvane;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     auto pieces = split(asText({data, size}), '\0');
-    constexpr std::array fields{&QEMUHelpTexts::version,      &QEMUHelpTexts::machines, &QEMUHelpTexts::machineProperties,
-                                &QEMUHelpTexts::accelerators, &QEMUHelpTexts::displays, &QEMUHelpTexts::audioDrivers,
-                                &QEMUHelpTexts::devices};
+    constexpr std::array fields{
+        &QEMUHelpTexts::version,      &QEMUHelpTexts::machines, &QEMUHelpTexts::machineProperties,
+        &QEMUHelpTexts::accelerators, &QEMUHelpTexts::displays, &QEMUHelpTexts::audioDrivers,
+        &QEMUHelpTexts::devices};
     pieces.resize(fields.size() + 1);
     QEMUHelpTexts texts;
     for (std::size_t i = 0; i < fields.size(); ++i) texts.*fields[i] = pieces[i];

@@ -34,8 +34,10 @@ QEMUCapabilities capabilitiesOf(const std::string& release) {
 /// "-option value" words of one line, adapted, without what every vector gets at its end.
 std::string adapted(const std::string& line, const Facts& facts, const std::string& release) {
     auto result = LinuxQEMUHostAdapter(facts).adapt(split(line, ' '), capabilitiesOf(release));
-    const std::vector<std::string> ending{"-global", "migration.x-max-bandwidth=1T", "-boot", "menu=on,splash-time=0"};
-    if (result.size() < ending.size() || !std::equal(ending.rbegin(), ending.rend(), result.rbegin())) return "no ending";
+    const std::vector<std::string> ending{"-global", "migration.x-max-bandwidth=1T", "-boot",
+                                          "menu=on,splash-time=0"};
+    if (result.size() < ending.size() || !std::equal(ending.rbegin(), ending.rend(), result.rbegin()))
+        return "no ending";
     result.resize(result.size() - ending.size());
     return joined(result, " ");
 }
@@ -47,7 +49,8 @@ TEST(LinuxQEMUHostAdapter, TranslatesByTheTable) {
         std::string release, out;
     };
     const std::string basic = "-machine virt-11.1,accel=hvf,highmem=on,virtio-mmio-transports=0";
-    const std::string accelerated = "-machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel hvf,ipa-granule-size=0x1000";
+    const std::string accelerated =
+        "-machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel hvf,ipa-granule-size=0x1000";
     const std::string gpu = "-device virtio-gpu-gl-pci,edid=on,xres=1,yres=2,blob=true,hostmem=8G,neptune=on";
     const std::string tpm = "-device tpm-tis-device,tpmdev=tpm0,ppi=off";
     Facts kvmOnIntel, pulse, alsa;
@@ -59,7 +62,10 @@ TEST(LinuxQEMUHostAdapter, TranslatesByTheTable) {
         {basic, {}, "10.0", "-machine virt-10.0,highmem=on -accel tcg,thread=multi"},
         {basic, {}, "7.2", "-machine virt-7.2,highmem=on -accel tcg,thread=multi"},
         {basic, {}, "", "-machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel tcg,thread=multi"},
-        {accelerated, {}, "11.1", "-machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel tcg,thread=multi"},
+        {accelerated,
+         {},
+         "11.1",
+         "-machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel tcg,thread=multi"},
         {basic, kvmOnIntel, "10.0", "-machine virt-10.0,highmem=on -accel tcg,thread=multi"},
         {basic, armWithKVM(), "10.0", "-machine virt-10.0,highmem=on -accel kvm"},
         {accelerated, armWithKVM(), "10.0", "-machine virt-10.0,highmem=on -accel kvm"},
@@ -90,13 +96,21 @@ TEST(LinuxQEMUHostAdapter, TranslatesByTheTable) {
         {tpm, {}, "11.1", tpm},
         {tpm, {}, "10.0", "-device tpm-tis-device,tpmdev=tpm0"},
         {tpm, {}, "", tpm},
-        {"-device virtio-gpu-pci,edid=on,xres=1,yres=2", {}, "7.2", "-device virtio-gpu-pci,edid=on,xres=1,yres=2"},
-        {"-device nvme,drive=sysdisk,serial=dorvane,bootindex=1", {}, "7.2",
+        {"-device virtio-gpu-pci,edid=on,xres=1,yres=2",
+         {},
+         "7.2",
+         "-device virtio-gpu-pci,edid=on,xres=1,yres=2"},
+        {"-device nvme,drive=sysdisk,serial=dorvane,bootindex=1",
+         {},
+         "7.2",
          "-device nvme,drive=sysdisk,serial=dorvane,bootindex=1"},
-        {"-drive if=none,file=/a,,b,,,id=x -name gl,,es -incoming", {}, "10.0",
+        {"-drive if=none,file=/a,,b,,,id=x -name gl,,es -incoming",
+         {},
+         "10.0",
          "-drive if=none,file=/a,,b,,,id=x -name gl,,es -incoming"},
     };
-    for (const auto& row : table) EXPECT_EQ(adapted(row.in, row.facts, row.release), row.out) << row.in << " on " << row.release;
+    for (const auto& row : table)
+        EXPECT_EQ(adapted(row.in, row.facts, row.release), row.out) << row.in << " on " << row.release;
 }
 
 TEST(LinuxQEMUHostAdapter, KeepsTheFirmwaresMenuWaitForAnInstaller) {
@@ -121,18 +135,22 @@ TEST(LinuxQEMUHostAdapter, AWholeVectorOnThePackagedRuntime) {
     paths.swtpmSocket = "/r/t.sock";
     const auto vector = QEMUCommandBuilder::buildArguments(config, VMBundle("/vms/a"), {}, paths);
     const auto result = LinuxQEMUHostAdapter({}).adapt(vector, test::recordedCapabilities("11.1"));
-    EXPECT_EQ(joined(result, " "),
-              "-name a -machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel tcg,thread=multi "
-              "-cpu max,pauth-impdef=on -smp 2 -m 2048M -rtc base=localtime "
-              "-drive if=pflash,format=raw,readonly=on,file=/code.fd -drive if=pflash,format=qcow2,file=/vms/a/nvram.qcow2 "
-              "-drive if=none,id=sysdisk,node-name=sysroot,format=qcow2,cache=writeback,file=/vms/a/disk.qcow2 "
-              "-device nvme,drive=sysdisk,serial=dorvane,bootindex=1 -chardev socket,id=chrtpm,path=/r/t.sock "
-              "-tpmdev emulator,id=tpm0,chardev=chrtpm -device tpm-tis-device,tpmdev=tpm0,ppi=off "
-              "-device virtio-gpu-pci,edid=on,xres=1280,yres=800 -device qemu-xhci,id=usb,p2=8,p3=8 -device usb-kbd "
-              "-device usb-tablet -audiodev none,id=dorvanesnd -device intel-hda -device hda-output,audiodev=dorvanesnd "
-              "-nic user,model=virtio-net-pci,mac=52:54:00:12:34:56 -qmp unix:/r/q.sock,server=on,wait=off "
-              "-qmp unix:/r/d.sock,server=on,wait=off -display dbus,p2p=on "
-              "-global migration.x-max-bandwidth=1T -boot menu=on,splash-time=0");
+    EXPECT_EQ(
+        joined(result, " "),
+        "-name a -machine virt-11.1,highmem=on,virtio-mmio-transports=0 -accel tcg,thread=multi "
+        "-cpu max,pauth-impdef=on -smp 2 -m 2048M -rtc base=localtime "
+        "-drive if=pflash,format=raw,readonly=on,file=/code.fd -drive "
+        "if=pflash,format=qcow2,file=/vms/a/nvram.qcow2 "
+        "-drive if=none,id=sysdisk,node-name=sysroot,format=qcow2,cache=writeback,file=/vms/a/disk.qcow2 "
+        "-device nvme,drive=sysdisk,serial=dorvane,bootindex=1 -chardev socket,id=chrtpm,path=/r/t.sock "
+        "-tpmdev emulator,id=tpm0,chardev=chrtpm -device tpm-tis-device,tpmdev=tpm0,ppi=off "
+        "-device virtio-gpu-pci,edid=on,xres=1280,yres=800 -device qemu-xhci,id=usb,p2=8,p3=8 -device "
+        "usb-kbd "
+        "-device usb-tablet -audiodev none,id=dorvanesnd -device intel-hda -device "
+        "hda-output,audiodev=dorvanesnd "
+        "-nic user,model=virtio-net-pci,mac=52:54:00:12:34:56 -qmp unix:/r/q.sock,server=on,wait=off "
+        "-qmp unix:/r/d.sock,server=on,wait=off -display dbus,p2p=on "
+        "-global migration.x-max-bandwidth=1T -boot menu=on,splash-time=0");
 }
 
 TEST(LinuxQEMUHostFacts, LooksAtDevicesAndSession) {
@@ -143,7 +161,9 @@ TEST(LinuxQEMUHostFacts, LooksAtDevicesAndSession) {
     };
     make("dri/card0");
     make("snd/controlC0");
-    const auto probe = [&](const Environment& environment) { return Facts::probe(environment, directory.path()); };
+    const auto probe = [&](const Environment& environment) {
+        return Facts::probe(environment, directory.path());
+    };
     auto expected = probe({});
     EXPECT_EQ(expected, (Facts{expected.isARM64})) << "a card alone can't render, a control alone can't play";
 

@@ -33,12 +33,13 @@ class ImageTools : public testing::Test {
         truncateFile(path(name), size);
     }
     void convert(const std::string& from, const std::string& to, QEMUImageConverter::Progress progress = {}) {
-        time.run(QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool, path(from), "raw", path(to),
-                                                    std::move(progress)));
+        time.run(QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool, path(from), "raw",
+                                                    path(to), std::move(progress)));
     }
     /// The digest of what a guest would read.
     std::string content(const std::string& image) {
-        const std::vector<std::string> arguments{"convert", "-O", "raw", path(image).string(), path("flat").string()};
+        const std::vector<std::string> arguments{"convert", "-O", "raw", path(image).string(),
+                                                 path("flat").string()};
         const auto output = runBlocking({resources.imageTool, arguments});
         if (!output.status.isSuccess()) throw std::runtime_error(std::string(asText(output.standardError)));
         return SHA256::hex(readFile(path("flat")));
@@ -76,8 +77,9 @@ TEST_F(ImageTools, ACancelledConversionEndsTheTool) {
         handle.cancel();
         co_await outcome.wait();
     };
-    EXPECT_THROW(time.run(cancelled(time, QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool,
-                                                                             path("in.raw"), "raw", path("out.qcow2"), {}))),
+    EXPECT_THROW(time.run(cancelled(
+                     time, QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool,
+                                                              path("in.raw"), "raw", path("out.qcow2"), {}))),
                  CancellationError);
 }
 
@@ -96,7 +98,8 @@ TEST_F(ImageTools, AChainKeepsItsContentThroughEveryOperation) {
     tool.retargetBackingUnsafe(path("top.qcow2"), path("moved.qcow2").string());
     EXPECT_EQ(content("top.qcow2"), original);
 
-    tool.createOverlayWithoutOpeningBacking(path("later.qcow2"), path("not-yet.qcow2").string(), 8 * mebibyte);
+    tool.createOverlayWithoutOpeningBacking(path("later.qcow2"), path("not-yet.qcow2").string(),
+                                            8 * mebibyte);
     EXPECT_EQ(tool.backingPath(path("later.qcow2")), path("not-yet.qcow2").string());
     std::filesystem::rename(path("top.qcow2"), path("not-yet.qcow2"));
     EXPECT_EQ(content("later.qcow2"), original);
@@ -119,9 +122,10 @@ TEST_F(ImageTools, ARunningQEMUsImageCanBeReadAndNotChanged) {
     const QEMUDiskImageTool disk(resources.imageTool);
     disk.createImage(path("held.qcow2"), 32 * mebibyte);
     const auto socket = path("q.sock").string();
-    const test::RealQEMUChild child(resources, {"-machine", "none", "-nodefaults", "-display", "none", "-qmp",
-                                                "unix:" + socket + ",server=on,wait=off", "-blockdev",
-                                                "qcow2,node-name=d,file.driver=file,file.filename=" + path("held.qcow2").string()});
+    const test::RealQEMUChild child(
+        resources, {"-machine", "none", "-nodefaults", "-display", "none", "-qmp",
+                    "unix:" + socket + ",server=on,wait=off", "-blockdev",
+                    "qcow2,node-name=d,file.driver=file,file.filename=" + path("held.qcow2").string()});
     const auto connection = std::make_shared<QMPConnection>(time.runtime());
     time.run(connection->connect(socket, seconds(10)));
     EXPECT_EQ(tool.virtualSize(path("held.qcow2")), 32 * mebibyte);

@@ -56,10 +56,12 @@ class RealQEMU : public testing::Test {
         return time.run(connection->execute(std::move(command), std::move(arguments), seconds(10), passing));
     }
     bool sees(const std::string& event) {
-        return time.run(pollUntil(time.runtime().clock, seconds(10), milliseconds(10), [&] { return events->has(event); }));
+        return time.run(pollUntil(time.runtime().clock, seconds(10), milliseconds(10),
+                                  [&] { return events->has(event); }));
     }
     std::vector<std::string> bareMachine() {
-        return {"-machine", "none", "-nodefaults", "-display", "none", "-S", "-qmp", "unix:" + socket + ",server=on,wait=off"};
+        return {"-machine", "none", "-nodefaults", "-display",
+                "none",     "-S",   "-qmp",        "unix:" + socket + ",server=on,wait=off"};
     }
     QEMUCapabilities capabilities() {
         QEMUCapabilitiesCache cache(time.runtime());
@@ -107,7 +109,8 @@ TEST_F(RealQEMU, ManyCommandsInFlightEachGetTheirAnswer) {
     std::vector<OneShot<QMPObject>> outcomes(200);
     for (const auto& outcome : outcomes)
         spawn(time.runtime().main.executor(),
-              deliver(connection->execute("query-status", nullptr, seconds(20)), outcome), "query").detach();
+              deliver(connection->execute("query-status", nullptr, seconds(20)), outcome), "query")
+            .detach();
     for (const auto& outcome : outcomes) EXPECT_TRUE(time.run(outcome.wait()).contains("status"));
 }
 
@@ -150,10 +153,12 @@ TEST_F(RealQEMU, AcceptsTheAdaptedVector) {
     const VMBundle bundle(directory / "Win, 11");
     std::filesystem::create_directories(bundle.directoryURL);
     std::filesystem::create_directories(directory / "sh");
-    QEMUImageTool::run(resources.imageTool, {"create", "-q", "-f", "qcow2", bundle.qcow2Disk().string(), "64M"}, "disk");
     QEMUImageTool::run(resources.imageTool,
-                       {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(), bundle.nvram().string()},
-                       "nvram");
+                       {"create", "-q", "-f", "qcow2", bundle.qcow2Disk().string(), "64M"}, "disk");
+    QEMUImageTool::run(
+        resources.imageTool,
+        {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(), bundle.nvram().string()},
+        "nvram");
     for (const char* name : {"image.iso", "stick.img"}) writeFileAtomically(directory / name, Bytes(1 << 20));
     DorvaneVMConfig config;
     config.cpuCount = 2;
@@ -178,7 +183,8 @@ TEST_F(RealQEMU, AcceptsTheAdaptedVector) {
         SCOPED_TRACE(isAccelerated ? "accelerated" : "basic");
         paths.displayMonitorSocket = isAccelerated ? std::optional<Path>(directory / "d.sock") : std::nullopt;
         paths.vncSocket = isAccelerated ? std::nullopt : std::optional<Path>(directory / "v.sock");
-        auto vector = adapter.adapt(QEMUCommandBuilder::buildArguments(config, bundle, attachments, paths), known);
+        auto vector =
+            adapter.adapt(QEMUCommandBuilder::buildArguments(config, bundle, attachments, paths), known);
         vector.emplace_back("-S");
         test::RealQEMUChild child(resources, vector);
         connection = std::make_shared<QMPConnection>(time.runtime());

@@ -11,12 +11,13 @@
 
 namespace dorvane::test {
 
-/// A developer's QEMU by its environment variables, or the one that scripts/qemu-runtime made. Throws when there is
-/// none: these tests mean nothing without it.
+/// A developer's QEMU by its environment variables, or the one that scripts/qemu-runtime made. Throws when
+/// there is none: these tests mean nothing without it.
 inline QEMURuntimeResources realQEMU() {
     const auto environment = currentEnvironment();
     const auto cache = environment.find("XDG_CACHE_HOME");
-    const Path root = cache != environment.end() ? Path(cache->second) : Path(environment.at("HOME")) / ".cache";
+    const Path root =
+        cache != environment.end() ? Path(cache->second) : Path(environment.at("HOME")) / ".cache";
     const auto found = QEMURuntimeResources::locate(
         {QEMURuntimeResources::packaged(root / "dorvane" / "qemu-runtime")}, environment);
     if (!found) throw std::runtime_error("There is no QEMU here. Run scripts/qemu-runtime first.");
@@ -30,7 +31,8 @@ class RealTime {
     template <typename T>
     T run(Task<T> task) {
         OneShot<T> outcome;
-        auto handle = spawn(runtime().main.executor(), finish(deliver(std::move(task), outcome), process_), "real");
+        auto handle =
+            spawn(runtime().main.executor(), finish(deliver(std::move(task), outcome), process_), "real");
         process_.run();
         return outcome.take();
     }
