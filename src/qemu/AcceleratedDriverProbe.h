@@ -8,8 +8,8 @@
 
 namespace dorvane::AcceleratedDriverProbe {
 
-/// How many contexts the guest has open: the render server, a child of QEMU, starts one worker a context. Absent
-/// when QEMU has no such child or the host doesn't say. Any thread.
+/// How many contexts the guest has open: the render server, a child of QEMU, starts one worker a context.
+/// Absent when QEMU has no such child or the host doesn't say. Any thread.
 std::optional<int> contextCount(const Processes& processes, int qemuPID, const Path& renderServer);
 
 }  // namespace dorvane::AcceleratedDriverProbe

@@ -22,8 +22,8 @@ class GuestKeyStore {
         : runtime_(runtime), base_(std::move(baseFolder)), keygen_(std::move(keygen)) {}
 
     Path directory(const UUID& id) const { return base_ / "GuestKeys" / id.text(); }
-    /// The VM's pair, made when there is none or when half of it is lost. Throws vmStartupFailed with the tool's
-    /// words, FileError or POSIXError.
+    /// The VM's pair, made when there is none or when half of it is lost. Throws vmStartupFailed with the
+    /// tool's words, FileError or POSIXError.
     Task<GuestKeyPair> keyPair(UUID id) const;
 
   private:

@@ -29,7 +29,8 @@ class QEMUChild::ErrorReader : public std::enable_shared_from_this<ErrorReader> 
             auto onReadable = [weak = self->weak_from_this()] {
                 if (const auto reader = weak.lock()) reader->readAvailable();
             };
-            self->source_ = std::make_unique<ReadSource>(self->queue_, std::move(*shared), std::move(onReadable));
+            self->source_ =
+                std::make_unique<ReadSource>(self->queue_, std::move(*shared), std::move(onReadable));
         });
     }
 

@@ -7,8 +7,8 @@
 
 namespace dorvane {
 
-/// Main thread, except for the destructor and the plain questions, which are safe anywhere. Dropping it leaves the
-/// child running.
+/// Main thread, except for the destructor and the plain questions, which are safe anywhere. Dropping it
+/// leaves the child running.
 class QEMUChild {
   public:
     struct End {
@@ -26,8 +26,8 @@ class QEMUChild {
     bool isRunning() const { return process_->isRunning(); }
     const std::shared_ptr<ChildProcess>& process() const { return process_; }
 
-    /// Returns when the child has ended and its last words are there, waiting for those at most a second longer: a
-    /// process that it started may hold the pipe.
+    /// Returns when the child has ended and its last words are there, waiting for those at most a second
+    /// longer: a process that it started may hold the pipe.
     Task<End> waitForEnd() const;
 
   private:

@@ -7,8 +7,8 @@
 
 namespace dorvane {
 
-/// This process's environment with what the package needs and what the render server needs. Absent when nothing is
-/// to be changed: the child inherits then. Pure.
+/// This process's environment with what the package needs and what the render server needs. Absent when
+/// nothing is to be changed: the child inherits then. Pure.
 std::optional<Environment> qemuChildEnvironment(const Environment& own, const Environment& package,
                                                 const QEMURuntimePaths& paths);
 

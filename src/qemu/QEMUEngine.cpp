@@ -16,9 +16,12 @@ constexpr auto lastEndInterval = milliseconds(100);
 
 bool sharesClipboard(const DorvaneVMConfig& config) {
     switch (config.os) {
-        case VMOSType::macOS: return false;
-        case VMOSType::linux: return config.linuxClipboard.value_or(false);
-        case VMOSType::windows: break;
+        case VMOSType::macOS:
+            return false;
+        case VMOSType::linux:
+            return config.linuxClipboard.value_or(false);
+        case VMOSType::windows:
+            break;
     }
     return config.windowsClipboard.value_or(true);
 }
@@ -26,7 +29,9 @@ bool sharesClipboard(const DorvaneVMConfig& config) {
 }  // namespace
 
 QEMUEngine::QEMUEngine(QEMUEngineContext context)
-    : context_(std::move(context)), runtime_(context_.runtime), preparation_(context_),
+    : context_(std::move(context)),
+      runtime_(context_.runtime),
+      preparation_(context_),
       guestToolsSubscription_(
           context_.guestTools.changed.connect([this](const UUID& id) { noteGuestToolsCurrent(id); })) {}
 
@@ -70,7 +75,8 @@ std::optional<AsyncStream<VMStatus>> QEMUEngine::statusUpdates(const UUID& id) {
 }
 
 std::optional<VMStopReason> QEMUEngine::stopReason(const UUID& id) const {
-    if (const auto supervisor = find(id); supervisor && supervisor->stopReason()) return supervisor->stopReason();
+    if (const auto supervisor = find(id); supervisor && supervisor->stopReason())
+        return supervisor->stopReason();
     const auto last = lastStopReasons_.find(id);
     return last == lastStopReasons_.end() ? std::nullopt : std::optional(last->second);
 }
@@ -91,7 +97,8 @@ Task<std::shared_ptr<GuestAgentChannel>> QEMUEngine::connectToGuestAgent(UUID id
 std::optional<GuestDisplayHandle> QEMUEngine::displayHandle(const UUID& id) {
     const auto supervisor = find(id);
     const auto directory = runtimeDirectories_.find(id);
-    if (!supervisor || supervisor->isTerminated() || directory == runtimeDirectories_.end()) return std::nullopt;
+    if (!supervisor || supervisor->isTerminated() || directory == runtimeDirectories_.end())
+        return std::nullopt;
     const auto& config = supervisor->config();
     GuestDisplayHandle handle;
     handle.name = supervisor->name();
@@ -105,7 +112,8 @@ std::optional<GuestDisplayHandle> QEMUEngine::displayHandle(const UUID& id) {
     }
     handle.source = GuestDisplaySource::DBus{directory->second.displaySocket().string(), agent};
     handle.acceleratedDriverStatus = [weak = std::weak_ptr(supervisor), &clock = runtime_.clock,
-                                      &processes = context_.processes]() -> std::optional<AcceleratedDriverStatus> {
+                                      &processes =
+                                          context_.processes]() -> std::optional<AcceleratedDriverStatus> {
         const auto alive = weak.lock();
         if (!alive) return std::nullopt;
         return alive->acceleratedDriverStatus(clock.now(), [&processes](int pid, const Path& renderServer) {
@@ -133,7 +141,8 @@ Task<void> QEMUEngine::shutdownAll(Duration timeout) {
     auto waiting = running;
     waiting.insert(waiting.end(), ending_.begin(), ending_.end());
     std::function<bool()> allEnded = [waiting] {
-        return std::ranges::all_of(waiting, [](const auto& supervisor) { return supervisor->isTerminated(); });
+        return std::ranges::all_of(waiting,
+                                   [](const auto& supervisor) { return supervisor->isTerminated(); });
     };
     co_await pollUntil(runtime_.clock, lastEndTimeout, lastEndInterval, std::move(allEnded));
     preparation_.releaseAll();
@@ -147,7 +156,8 @@ void QEMUEngine::noteGuestToolsCurrent(const UUID& id) {
         if (WindowsDisplaySwitch::noteGuestTools(supervisor->config(), supervisor->bundle()))
             logger_.info("%{public}s 的客体工具已就位,下次冷启动切到 virtio-gpu", supervisor->name());
     } catch (const std::exception& error) {
-        logger_.error("The guest tools of %{public}s could not be noted: %{public}s", supervisor->name(), error.what());
+        logger_.error("The guest tools of %{public}s could not be noted: %{public}s", supervisor->name(),
+                      error.what());
     }
 }
 

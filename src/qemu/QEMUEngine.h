@@ -43,10 +43,11 @@ class QEMUEngine : public VMEngineProtocol {
     Task<void> waitForEndingChild(UUID id);
     void throwIfAbandoned(const UUID& id);
     Task<void> didStart(UUID id, SupervisorPointer supervisor, QEMULaunchPlan plan, bool hasInstaller);
-    Task<void> didFailToStart(UUID id, SupervisorPointer supervisor, bool wasRestoring, std::exception_ptr error,
-                              VMAttachments attachments);
+    Task<void> didFailToStart(UUID id, SupervisorPointer supervisor, bool wasRestoring,
+                              std::exception_ptr error, VMAttachments attachments);
     void watchForTermination(const UUID& id, const SupervisorPointer& supervisor);
-    static Task<void> watch(QEMUEngine* engine, std::weak_ptr<void> life, UUID id, SupervisorPointer supervisor);
+    static Task<void> watch(QEMUEngine* engine, std::weak_ptr<void> life, UUID id,
+                            SupervisorPointer supervisor);
     void didEnd(const UUID& id, const SupervisorPointer& supervisor);
     void cleanUpRuntime(const UUID& id);
     void noteGuestToolsCurrent(const UUID& id);

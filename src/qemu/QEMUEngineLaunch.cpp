@@ -40,7 +40,8 @@ std::string reasonOf(const std::exception_ptr& error) {
 }  // namespace
 
 Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachments) {
-    if (!launchingIDs_.insert(id).second) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, bundle.name());
+    if (!launchingIDs_.insert(id).second)
+        throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, bundle.name());
     std::exception_ptr failure;
     try {
         co_await launchUnguarded(id, std::move(bundle), std::move(attachments));
@@ -102,7 +103,8 @@ void QEMUEngine::throwIfAbandoned(const UUID& id) {
                            localized("The VM was stopped while it was starting."));
 }
 
-Task<void> QEMUEngine::didStart(UUID id, SupervisorPointer supervisor, QEMULaunchPlan plan, bool hasInstaller) {
+Task<void> QEMUEngine::didStart(UUID id, SupervisorPointer supervisor, QEMULaunchPlan plan,
+                                bool hasInstaller) {
     const auto& name = supervisor->name();
     if (plan.launch.restoringFrom) {
         supervisor->bundle().discardSavedState();
@@ -150,7 +152,8 @@ void QEMUEngine::watchForTermination(const UUID& id, const SupervisorPointer& su
         keep(spawn(runtime_.main.executor(), watch(this, life_, id, supervisor), "QEMU termination watch"));
 }
 
-Task<void> QEMUEngine::watch(QEMUEngine* engine, std::weak_ptr<void> life, UUID id, SupervisorPointer supervisor) {
+Task<void> QEMUEngine::watch(QEMUEngine* engine, std::weak_ptr<void> life, UUID id,
+                             SupervisorPointer supervisor) {
     auto updates = supervisor->statusUpdates();
     for (;;) {
         const auto status = co_await updates.next();

@@ -11,7 +11,8 @@ namespace dorvane {
 
 Task<std::optional<int>> QEMUGuestSSH::prepare(UUID id, DorvaneVMConfig& config, VMBundle bundle,
                                                QEMURuntimeDirectory directory) {
-    if (config.os != VMOSType::windows || (config.windowsSSH && !config.windowsSSH->enabled)) co_return std::nullopt;
+    if (config.os != VMOSType::windows || (config.windowsSSH && !config.windowsSSH->enabled))
+        co_return std::nullopt;
     try {
         const auto port = choosePort(config, bundle);
         if (!port) co_return std::nullopt;

@@ -32,10 +32,13 @@ std::vector<std::string> traceEvents(const std::string& text) {
 }  // namespace
 
 QEMULaunchPreparation::QEMULaunchPreparation(const QEMUEngineContext& context)
-    : context_(context), sharedFolders_(context.makeFileServer, context.fileServers), guestSSH_(context.keyStore),
+    : context_(context),
+      sharedFolders_(context.makeFileServer, context.fileServers),
+      guestSSH_(context.keyStore),
       digests_(context.runtime) {}
 
-QEMULaunchInputs QEMULaunchPreparation::readInputs(UUID id, VMBundle bundle, VMAttachments attachments) const {
+QEMULaunchInputs QEMULaunchPreparation::readInputs(UUID id, VMBundle bundle,
+                                                   VMAttachments attachments) const {
     auto config = DorvaneVMConfig::read(bundle.configFile());
     if (WindowsDisplaySwitch::apply(config, bundle))
         logger_.info("客体工具已就位,%{public}s 改用 virtio-gpu 显示", bundle.name());
@@ -56,7 +59,8 @@ Task<QEMULaunchPlan> QEMULaunchPreparation::prepare(QEMULaunchInputs inputs, QEM
     auto paths = makePaths(inputs, directory);
     co_await prepareNVRAM(inputs.resources, inputs.bundle);
     if (inputs.hasInstaller()) paths.bootScriptDirectory = directory.writeBootScript();
-    co_await sharedFolders_.prepare(inputs.id, config, inputs.bundle, inputs.attachments.sharedFolders, directory);
+    co_await sharedFolders_.prepare(inputs.id, config, inputs.bundle, inputs.attachments.sharedFolders,
+                                    directory);
     paths.sshHostPort = co_await guestSSH_.prepare(inputs.id, config, inputs.bundle, directory);
     directory.writeGraphicsMarker(paths.displayMonitorSocket.has_value());
     paths.systemDiskPath = directory.linkSystemDisk(inputs.bundle);
@@ -78,7 +82,8 @@ void QEMULaunchPreparation::release(const UUID& id) {
 
 bool QEMULaunchPreparation::isAccelerated(const QEMULaunchInputs& inputs) const {
     const bool isWanted = inputs.config.isGraphicsAccelerated() && inputs.resources.renderServer &&
-                          !inputs.hasInstaller() && !inputs.config.windowsDisplayDriverMissing.value_or(false);
+                          !inputs.hasInstaller() &&
+                          !inputs.config.windowsDisplayDriverMissing.value_or(false);
     if (!isWanted) return false;
     if (context_.sandboxGroupRequirement.kind != SandboxKind::unavailable) return true;
     logger_.info("沙盒里没有可用的 App Group(%{public}s),图形加速按普通显卡启动",
@@ -102,10 +107,10 @@ Task<void> QEMULaunchPreparation::prepareNVRAM(QEMURuntimeResources resources, V
         const auto temporary = target.parent_path() / ".nvram.qcow2.new";
         std::error_code ignored;
         fs::remove(temporary, ignored);
-        QEMUImageTool::run(resources.imageTool,
-                           {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(),
-                            temporary.string()},
-                           localized("Could not prepare the VM firmware storage."));
+        QEMUImageTool::run(
+            resources.imageTool,
+            {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(), temporary.string()},
+            localized("Could not prepare the VM firmware storage."));
         fs::rename(temporary, target);
     };
     co_await context_.runtime.background.run(std::move(convert));
@@ -135,7 +140,8 @@ QEMURuntimePaths QEMULaunchPreparation::makePaths(const QEMULaunchInputs& inputs
     return paths;
 }
 
-void QEMULaunchPreparation::addDiagnostics(QEMURuntimePaths& paths, const QEMURuntimeDirectory& directory) const {
+void QEMULaunchPreparation::addDiagnostics(QEMURuntimePaths& paths,
+                                           const QEMURuntimeDirectory& directory) const {
     auto trace = context_.defaults.text(defaultsKey::qemuTrace);
     if (const auto found = context_.environment.find("DORVANE_QEMU_TRACE");
         !trace && found != context_.environment.end())
@@ -156,8 +162,8 @@ Task<std::vector<std::string>> QEMULaunchPreparation::adapted(std::vector<std::s
     QEMUCapabilities capabilities;
     if (context_.adapter.needsCapabilities()) {
         try {
-            capabilities = co_await context_.capabilities.capabilities(resources.executable,
-                                                                        resources.environment);
+            capabilities =
+                co_await context_.capabilities.capabilities(resources.executable, resources.environment);
         } catch (const POSIXError& error) {
             throw startupFailed(error.what());
         }

@@ -39,8 +39,8 @@ class QEMULaunchPreparation {
     /// Reads the machine's description and finds the resources; makes nothing yet. Throws what reading the
     /// description gives, and vmStartupFailed.
     QEMULaunchInputs readInputs(UUID id, VMBundle bundle, VMAttachments attachments) const;
-    /// Lays everything out in the runtime directory. Throws vmStartupFailed, suspendedStateHardwareChanged, FileError
-    /// or what a tool gives; the caller then removes the directory and calls `release`.
+    /// Lays everything out in the runtime directory. Throws vmStartupFailed, suspendedStateHardwareChanged,
+    /// FileError or what a tool gives; the caller then removes the directory and calls `release`.
     Task<QEMULaunchPlan> prepare(QEMULaunchInputs inputs, QEMURuntimeDirectory directory);
     /// Gives back the ports and the file server of a VM.
     void release(const UUID& id);

@@ -23,16 +23,24 @@ JSON keyEvent(const std::string& qcode, bool down) {
 
 QEMUProcessSupervisor::QEMUProcessSupervisor(const Runtime& runtime, const Processes& processes, UUID id,
                                              DorvaneVMConfig config, VMBundle bundle)
-    : runtime_(runtime), id_(id), name_(bundle.name()), config_(std::move(config)), bundle_(std::move(bundle)),
+    : runtime_(runtime),
+      id_(id),
+      name_(bundle.name()),
+      config_(std::move(config)),
+      bundle_(std::move(bundle)),
       emulator_(runtime, processes) {}
 
 QEMUProcessSupervisor::~QEMUProcessSupervisor() {
     if (child_ && child_->isRunning()) child_->process()->terminate();
 }
 
-Task<void> QEMUProcessSupervisor::pause() { co_await requireConnection()->execute("stop", nullptr, commandTimeout); }
+Task<void> QEMUProcessSupervisor::pause() {
+    co_await requireConnection()->execute("stop", nullptr, commandTimeout);
+}
 
-Task<void> QEMUProcessSupervisor::resume() { co_await requireConnection()->execute("cont", nullptr, commandTimeout); }
+Task<void> QEMUProcessSupervisor::resume() {
+    co_await requireConnection()->execute("cont", nullptr, commandTimeout);
+}
 
 Task<void> QEMUProcessSupervisor::sendKey(std::string qcode) {
     const auto connection = requireConnection();
@@ -48,7 +56,8 @@ std::optional<AcceleratedDriverStatus> QEMUProcessSupervisor::acceleratedDriverS
     const auto contexts = probe(child_->pid(), *renderServer_);
     if (!contexts) return AcceleratedDriverStatus::unknown;
     if (*contexts >= 1) return AcceleratedDriverStatus::active;
-    return now - *launchedAt_ >= driverGrace ? AcceleratedDriverStatus::notInUse : AcceleratedDriverStatus::unknown;
+    return now - *launchedAt_ >= driverGrace ? AcceleratedDriverStatus::notInUse
+                                             : AcceleratedDriverStatus::unknown;
 }
 
 void QEMUProcessSupervisor::terminate() {

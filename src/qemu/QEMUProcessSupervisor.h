@@ -15,7 +15,8 @@
 
 namespace dorvane {
 
-/// Main thread only; made as a shared_ptr. Used for one launch: after `isTerminated` it only answers questions.
+/// Main thread only; made as a shared_ptr. Used for one launch: after `isTerminated` it only answers
+/// questions.
 ///
 ///   stopped -> starting   start begins             running -> paused   QEMU's STOP
 ///   starting -> running   QMP up, state restored   paused -> running   QEMU's RESUME
@@ -43,13 +44,16 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     bool restoreRejectedState() const { return restoreRejectedState_; }
 
     /// Set by the engine before the machine can be suspended.
-    void setSuspendFingerprint(QEMUSuspendFingerprint fingerprint) { suspendFingerprint_ = std::move(fingerprint); }
+    void setSuspendFingerprint(QEMUSuspendFingerprint fingerprint) {
+        suspendFingerprint_ = std::move(fingerprint);
+    }
     void setRuntimeDirectory(QEMURuntimeDirectory directory) { runtimeDirectory_ = std::move(directory); }
 
-    /// Returns when the machine runs. Every other way out leaves status `stopped`, no emulator of a TPM, and the
-    /// child either gone or under a kill timer. Throws vmAlreadyRunning, vmStartupFailed, POSIXError.
+    /// Returns when the machine runs. Every other way out leaves status `stopped`, no emulator of a TPM, and
+    /// the child either gone or under a kill timer. Throws vmAlreadyRunning, vmStartupFailed, POSIXError.
     Task<void> start(QEMULaunch launch);
-    /// Never throws and can't be cancelled. Gentle: asks the guest and waits; hard: waits up to 8 s for the end.
+    /// Never throws and can't be cancelled. Gentle: asks the guest and waits; hard: waits up to 8 s for the
+    /// end.
     Task<void> stop(bool force, Duration gracefulTimeout);
     /// These throw vmNotRunning and what QMP gives.
     Task<void> pause();
@@ -59,10 +63,11 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     /// The present status, then each change; ends when the child has ended.
     AsyncStream<VMStatus> statusUpdates() { return statusSource_.subscribe(status_); }
     /// Absent when this launch has no render server or the child doesn't run.
-    std::optional<AcceleratedDriverStatus> acceleratedDriverStatus(Instant now, const ContextCounter& probe) const;
+    std::optional<AcceleratedDriverStatus> acceleratedDriverStatus(Instant now,
+                                                                   const ContextCounter& probe) const;
 
-    /// Writes a paused machine's memory to a file, with its fingerprint beside it. On failure neither is left and
-    /// the machine stays paused. Throws vmNotRunning, vmSnapshotFailed.
+    /// Writes a paused machine's memory to a file, with its fingerprint beside it. On failure neither is left
+    /// and the machine stays paused. Throws vmNotRunning, vmSnapshotFailed.
     Task<void> saveState(Path to, Duration timeout);
 
     /// Ends the connection, the TPM's emulator and the status streams; once.
@@ -90,7 +95,8 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     /// Throws vmNotRunning.
     std::shared_ptr<QMPConnection> requireConnection() const;
     /// Whether the command was answered without an error.
-    static Task<bool> succeeds(std::shared_ptr<QMPConnection> connection, std::string command, Duration timeout);
+    static Task<bool> succeeds(std::shared_ptr<QMPConnection> connection, std::string command,
+                               Duration timeout);
     Task<void> writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout);
     Task<void> cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection, Duration timeout);
 

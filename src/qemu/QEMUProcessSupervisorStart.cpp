@@ -67,7 +67,8 @@ Task<void> QEMUProcessSupervisor::startEmulator(QEMURuntimePaths paths) {
 }
 
 void QEMUProcessSupervisor::startChild(const QEMULaunch& launch) {
-    ProcessCommand command{.executable = launch.paths.executable, .arguments = launch.arguments,
+    ProcessCommand command{.executable = launch.paths.executable,
+                           .arguments = launch.arguments,
                            .environment = launch.environment};
     try {
         child_ = QEMUChild::start(runtime_, std::move(command));
@@ -82,11 +83,12 @@ void QEMUProcessSupervisor::startChild(const QEMULaunch& launch) {
 Task<void> QEMUProcessSupervisor::connect(std::string socketPath) {
     const auto connection = std::make_shared<QMPConnection>(runtime_);
     // Before connecting, so that not even the first event is missed.
-    const auto token = connection->observeEvents([weak = weak_from_this(), &main = runtime_.main](const auto& message) {
-        main.async([weak, message] {
-            if (const auto self = weak.lock(); self && message.event()) self->handle(*message.event());
+    const auto token =
+        connection->observeEvents([weak = weak_from_this(), &main = runtime_.main](const auto& message) {
+            main.async([weak, message] {
+                if (const auto self = weak.lock(); self && message.event()) self->handle(*message.event());
+            });
         });
-    });
     std::function<bool()> isPeerAlive = [child = child_] { return child->isRunning(); };
     co_await connection->connect(std::move(socketPath), qmpConnectTimeout, std::move(isPeerAlive));
     // A stop or an end of the child meanwhile has not seen this connection.

@@ -56,7 +56,8 @@ Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
     rethrowAsSnapshotFailure(failure);
 }
 
-Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout) {
+Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> connection, Path to,
+                                             Duration timeout) {
     auto arguments = QEMUMigration::channelArguments(to);
     co_await connection->execute("migrate", std::move(arguments), migrateTimeout);
     std::function<bool()> isPeerGone = [weak = weak_from_this()] {
@@ -92,8 +93,8 @@ Task<void> QEMUProcessSupervisor::cancelMigrationIfRunning(std::shared_ptr<QMPCo
         co_await runtime_.clock.sleep(cancelInterval);
     }
     if (!isTerminated_)
-        logger_.error("迁移取消后 %{public}f 秒仍未停下: %{public}s", std::chrono::duration<double>(timeout).count(),
-                      name_);
+        logger_.error("迁移取消后 %{public}f 秒仍未停下: %{public}s",
+                      std::chrono::duration<double>(timeout).count(), name_);
 }
 
 Task<void> QEMUProcessSupervisor::restoreIncoming(Path from) {
@@ -104,7 +105,8 @@ Task<void> QEMUProcessSupervisor::restoreIncoming(Path from) {
     std::exception_ptr failure;
     try {
         std::function<bool()> isPeerGone = [child = child_] { return !child->isRunning(); };
-        co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, restoreTimeout, std::move(isPeerGone));
+        co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, restoreTimeout,
+                                                   std::move(isPeerGone));
     } catch (...) {
         failure = std::current_exception();
     }

@@ -92,7 +92,8 @@ void QEMURuntimeDirectory::writeGraphicsMarker(bool accelerated) const {
 
 void QEMURuntimeDirectory::writeSSHDisk(const std::string& publicKey) const {
     fs::create_directories(sharesDisk());
-    writeScratch(sharesDisk() / "Configure-Dorvane-SSH.cmd", WindowsSSHGuestScript::configureScript(publicKey));
+    writeScratch(sharesDisk() / "Configure-Dorvane-SSH.cmd",
+                 WindowsSSHGuestScript::configureScript(publicKey));
     writeScratch(sharesDisk() / "dorvane-ssh.pub", publicKey + "\n");
 }
 

@@ -7,8 +7,9 @@
 
 namespace dorvane {
 
-/// A value that holds the location. All writing operations are small, blocking file-system work and throw FileError
-/// or std::filesystem::filesystem_error. Names are short: every path must fit a Unix socket's limit.
+/// A value that holds the location. All writing operations are small, blocking file-system work and throw
+/// FileError or std::filesystem::filesystem_error. Names are short: every path must fit a Unix socket's
+/// limit.
 class QEMURuntimeDirectory {
   public:
     explicit QEMURuntimeDirectory(Path path) : path_(std::move(path)) {}
@@ -28,8 +29,8 @@ class QEMURuntimeDirectory {
 
     /// The firmware shell's script that starts a Windows installer; returns its directory.
     Path writeBootScript() const;
-    /// Makes the links through which QEMU opens the system disk, so that its path has no comma, is short and can be
-    /// swapped; returns the disk's link.
+    /// Makes the links through which QEMU opens the system disk, so that its path has no comma, is short and
+    /// can be swapped; returns the disk's link.
     Path linkSystemDisk(const VMBundle& bundle) const;
     /// Points an existing link elsewhere; the link exists at every moment.
     static void repointLink(const Path& link, const Path& target);

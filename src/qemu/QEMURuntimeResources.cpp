@@ -68,7 +68,9 @@ std::optional<QEMURuntimeResources> QEMURuntimeResources::locate(
         replace(found.executable, environment, "DORVANE_QEMU_BIN");
         replace(found.firmwareCode, environment, "DORVANE_QEMU_FIRMWARE");
         replace(found.nvramTemplate, environment, "DORVANE_QEMU_NVRAM");
-        if (!fileExists(found.executable) || !fileExists(found.firmwareCode) || !fileExists(found.nvramTemplate)) continue;
+        if (!fileExists(found.executable) || !fileExists(found.firmwareCode) ||
+            !fileExists(found.nvramTemplate))
+            continue;
         found.imageTool = found.executable.parent_path() / "qemu-img";
         replaceOptional(found.swtpm, environment, "DORVANE_QEMU_SWTPM");
         replaceOptional(found.dataDirectory, environment, "DORVANE_QEMU_DATA");

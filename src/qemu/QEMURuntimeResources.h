@@ -24,15 +24,16 @@ struct QEMURuntimeResources {
 
     bool operator==(const QEMURuntimeResources&) const = default;
 
-    /// A package: programs in "Helpers" and files in "Resources/qemu" below `root`. Only names; nothing is tested.
+    /// A package: programs in "Helpers" and files in "Resources/qemu" below `root`. Only names; nothing is
+    /// tested.
     static QEMURuntimeResources packaged(const Path& root);
     /// A QEMU that a Linux distribution installed below `root`, usually "/".
     static QEMURuntimeResources systemInstalled(const Path& root);
 
-    /// The first candidate whose emulator, firmware and NVRAM template exist, each replaced by its environment
-    /// variable ("DORVANE_QEMU_BIN" and so on) where that is set. A variable that names no file gives nothing at
-    /// all for a required resource. Optional resources that don't exist are absent. Reads a package's "environment"
-    /// file; otherwise only tests files.
+    /// The first candidate whose emulator, firmware and NVRAM template exist, each replaced by its
+    /// environment variable ("DORVANE_QEMU_BIN" and so on) where that is set. A variable that names no file
+    /// gives nothing at all for a required resource. Optional resources that don't exist are absent. Reads a
+    /// package's "environment" file; otherwise only tests files.
     static std::optional<QEMURuntimeResources> locate(const std::vector<QEMURuntimeResources>& candidates,
                                                       const Environment& environment);
 };

@@ -65,8 +65,9 @@ Task<void> QEMUSharedFolders::prepare(UUID id, DorvaneVMConfig& config, VMBundle
 Task<void> QEMUSharedFolders::publish(UUID id, DorvaneVMConfig& config, VMBundle bundle,
                                       std::vector<SharedFolder> folders, QEMURuntimeDirectory directory) {
     if (!config.windowsShares) {
-        config.windowsShares = WindowsSharesConfig{true, WindowsSharesPortAllocator::pickFreePort(windowsSharesPorts),
-                                                   WindowsSharesPortAllocator::makeToken()};
+        config.windowsShares =
+            WindowsSharesConfig{true, WindowsSharesPortAllocator::pickFreePort(windowsSharesPorts),
+                                WindowsSharesPortAllocator::makeToken()};
         config.write(bundle.configFile());
     }
     const auto list = shareList(folders);
@@ -88,7 +89,8 @@ Task<void> QEMUSharedFolders::publish(UUID id, DorvaneVMConfig& config, VMBundle
     registry_.set(id, GuestFileServerStatus{std::move(running)});
 }
 
-Task<int> QEMUSharedFolders::startServer(UUID id, WindowsSharesConfig settings, std::vector<GuestFileShare> shares) {
+Task<int> QEMUSharedFolders::startServer(UUID id, WindowsSharesConfig settings,
+                                         std::vector<GuestFileShare> shares) {
     if (!makeServer_)
         throw std::runtime_error(localized("This build cannot share folders with Windows guests yet."));
     GuestFileServerConfiguration configuration;

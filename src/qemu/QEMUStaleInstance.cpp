@@ -22,8 +22,8 @@ bool fileExists(const Path& path) {
 Task<void> QEMUStaleInstance::clear(QEMURuntimeDirectory directory) const {
     const auto socket = directory.qmpSocket();
     if (!fileExists(socket)) co_return;
-    // Asked first: a QEMU that hangs has room for few connections, and a socket that nobody listens on needs no
-    // wait for an answer.
+    // Asked first: a QEMU that hangs has room for few connections, and a socket that nobody listens on needs
+    // no wait for an answer.
     const UnixSocketPeer peer(processes_, runtime_.clock);
     const auto listener = peer.probe(socket.string());
     bool isGone = listener.kind == UnixSocketPeer::Probe::Kind::absent;

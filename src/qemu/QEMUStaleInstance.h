@@ -15,8 +15,8 @@ class QEMUStaleInstance {
     QEMUStaleInstance(const Runtime& runtime, const Processes& processes)
         : runtime_(runtime), processes_(processes) {}
 
-    /// Stops it, by QMP or else by its process id, and removes its sockets. A listener that isn't known to be a QEMU
-    /// is left alone, but loses the socket's name.
+    /// Stops it, by QMP or else by its process id, and removes its sockets. A listener that isn't known to be
+    /// a QEMU is left alone, but loses the socket's name.
     Task<void> clear(QEMURuntimeDirectory directory) const;
 
   private:

@@ -38,10 +38,11 @@ std::vector<std::string> detailLines(std::string_view fromStderr) {
 
 std::string reason(const ExitStatus& status, std::string_view stderrText) {
     auto lines = detailLines(stderrText);
-    lines.insert(lines.begin(),
-                 status.wasSignaled()
-                     ? localized("The virtual machine was terminated by signal %lld during startup.", status.code)
-                     : localized("The virtual machine exited during startup with status %lld.", status.code));
+    lines.insert(
+        lines.begin(),
+        status.wasSignaled()
+            ? localized("The virtual machine was terminated by signal %lld during startup.", status.code)
+            : localized("The virtual machine exited during startup with status %lld.", status.code));
     return joined(lines, "\n");
 }
 

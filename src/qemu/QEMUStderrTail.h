@@ -10,7 +10,8 @@
 
 namespace dorvane {
 
-/// Keeps the end of what a child wrote to standard error. Filled on a queue, read on the main thread: safe on any.
+/// Keeps the end of what a child wrote to standard error. Filled on a queue, read on the main thread: safe on
+/// any.
 class QEMUStderrTail {
   public:
     static constexpr std::size_t capacity = 65536;

@@ -6,9 +6,9 @@
 
 namespace dorvane {
 
-QEMUWindowsGuestSupport::QEMUWindowsGuestSupport(const std::optional<QEMURuntimeResources>& resources,
-                                                 const OperatingSystemVersion& hostSystemVersion,
-                                                 const std::optional<OperatingSystemVersion>& declaredMinimum) {
+QEMUWindowsGuestSupport::QEMUWindowsGuestSupport(
+    const std::optional<QEMURuntimeResources>& resources, const OperatingSystemVersion& hostSystemVersion,
+    const std::optional<OperatingSystemVersion>& declaredMinimum) {
     using namespace WindowsGuestAvailability;
     auto problem = systemRequirementProblem(hostSystemVersion, declaredMinimum);
     const bool hasTool = resources && std::filesystem::exists(resources->imageTool);
@@ -23,6 +23,8 @@ int QEMUWindowsGuestSupport::pickFreeSharesPort() const {
     return WindowsSharesPortAllocator::pickFreePort(windowsSharesPorts);
 }
 
-std::string QEMUWindowsGuestSupport::makeSharesToken() const { return WindowsSharesPortAllocator::makeToken(); }
+std::string QEMUWindowsGuestSupport::makeSharesToken() const {
+    return WindowsSharesPortAllocator::makeToken();
+}
 
 }  // namespace dorvane

@@ -25,8 +25,8 @@ ProcessCommand emulatorCommand(const Path& executable, const Path& stateDirector
 
 ProcessCommand setUpCommand(const Path& tool, const Path& executable, const Path& stateDirectory) {
     return {.executable = tool,
-            .arguments = {"--tpm2", "--tpmstate", stateDirectory.string(), "--config", "/dev/null", "--pcr-banks",
-                          "sha256", "--tpm", executable.string() + " socket"}};
+            .arguments = {"--tpm2", "--tpmstate", stateDirectory.string(), "--config", "/dev/null",
+                          "--pcr-banks", "sha256", "--tpm", executable.string() + " socket"}};
 }
 
 }  // namespace
@@ -42,8 +42,8 @@ Task<void> TPMEmulator::clearStale(Path socket) {
     fs::remove(socket, ignored);
 }
 
-/// A new TPM has every PCR bank on; the guest's firmware then hashes all it measures several times, which costs
-/// seconds where the processor is emulated. One bank is enough for every guest.
+/// A new TPM has every PCR bank on; the guest's firmware then hashes all it measures several times, which
+/// costs seconds where the processor is emulated. One bank is enough for every guest.
 Task<void> TPMEmulator::prepareState(Path executable, Path stateDirectory) {
     const bool isNew = fs::create_directories(stateDirectory);
     const auto tool = executable.parent_path() / "swtpm_setup";
@@ -84,7 +84,8 @@ Task<void> TPMEmulator::start(Path executable, Path stateDirectory, Path socket)
 
 void TPMEmulator::terminate() {
     isTerminated_ = true;
-    if (const auto process = std::exchange(process_, nullptr)) terminateThenKill(runtime_, process, terminationGrace);
+    if (const auto process = std::exchange(process_, nullptr))
+        terminateThenKill(runtime_, process, terminationGrace);
 }
 
 }  // namespace dorvane

@@ -11,12 +11,13 @@ namespace dorvane {
 /// Main thread. The emulator ends by itself when QEMU goes away.
 class TPMEmulator {
   public:
-    TPMEmulator(const Runtime& runtime, const Processes& processes) : runtime_(runtime), processes_(processes) {}
+    TPMEmulator(const Runtime& runtime, const Processes& processes)
+        : runtime_(runtime), processes_(processes) {}
     ~TPMEmulator() { terminate(); }
 
-    /// Clears what an earlier session left on the socket, starts the emulator with its state in `stateDirectory` and
-    /// returns when the socket is there. Throws vmStartupFailed when it does not come up within 10 s or is
-    /// terminated meanwhile, POSIXError when the program can't be started.
+    /// Clears what an earlier session left on the socket, starts the emulator with its state in
+    /// `stateDirectory` and returns when the socket is there. Throws vmStartupFailed when it does not come up
+    /// within 10 s or is terminated meanwhile, POSIXError when the program can't be started.
     Task<void> start(Path executable, Path stateDirectory, Path socket);
     /// Ends the emulator, hard after 5 s; twice does nothing.
     void terminate();

@@ -15,7 +15,8 @@ std::string Unavailable::reason() const {
                              minimum.text(), current.text());
         case Kind::engineMissing:
             return localized("This version of Dorvane does not include Windows support.");
-        case Kind::trustedPlatformModuleMissing: break;
+        case Kind::trustedPlatformModuleMissing:
+            break;
     }
     return localized("Windows 11 requires a TPM, which this version of Dorvane cannot provide.");
 }

@@ -19,13 +19,16 @@ bool isReserved(std::string_view name) {
 
 std::string message(ValidationError error) {
     switch (error) {
-        case ValidationError::empty: return localized("Enter a folder name for this share.");
-        case ValidationError::tooLong: return localized("Folder names must be 255 characters or fewer.");
+        case ValidationError::empty:
+            return localized("Enter a folder name for this share.");
+        case ValidationError::tooLong:
+            return localized("Folder names must be 255 characters or fewer.");
         case ValidationError::forbiddenCharacter:
             return localized("Folder names cannot contain \\ / : * ? \" < > |");
         case ValidationError::trailingDotOrBlank:
             return localized("Folder names cannot end with a period or a space.");
-        case ValidationError::reserved: break;
+        case ValidationError::reserved:
+            break;
     }
     return localized("That name is reserved by Windows. Pick another one.");
 }

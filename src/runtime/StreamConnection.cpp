@@ -21,13 +21,21 @@ void throwIfFailed(const boost::system::error_code& error) {
 }  // namespace
 
 StreamConnection::StreamConnection(const SerialQueue& queue, FileDescriptor fd, int family)
-    : socket_(queue.executor(), asio::generic::stream_protocol(family, 0), fd.release()) {}
+    : queue_(queue), fd_(std::move(fd)), family_(family) {}
+
+StreamConnection::Socket& StreamConnection::socket() {
+    if (!socket_) {
+        if (!fd_) throw POSIXError(EBADF);
+        socket_.emplace(queue_.executor(), asio::generic::stream_protocol(family_, 0), fd_.release());
+    }
+    return *socket_;
+}
 
 Task<std::size_t> StreamConnection::read(Bytes& into, std::size_t maximum) {
     const auto size = into.size();
     into.resize(size + maximum);
     boost::system::error_code error;
-    const auto count = co_await socket_.async_read_some(asio::buffer(into.data() + size, maximum),
+    const auto count = co_await socket().async_read_some(asio::buffer(into.data() + size, maximum),
                                                         asio::redirect_error(AwaitableToken{}, error));
     into.resize(size + count);
     if (error == asio::error::eof) co_return 0;
@@ -37,20 +45,21 @@ Task<std::size_t> StreamConnection::read(Bytes& into, std::size_t maximum) {
 
 Task<void> StreamConnection::write(ByteView bytes) {
     boost::system::error_code error;
-    co_await asio::async_write(socket_, asio::buffer(bytes.data(), bytes.size()),
+    co_await asio::async_write(socket(), asio::buffer(bytes.data(), bytes.size()),
                                asio::redirect_error(AwaitableToken{}, error));
     throwIfFailed(error);
 }
 
 Task<void> StreamConnection::waitReadable() {
     boost::system::error_code error;
-    co_await socket_.async_wait(asio::socket_base::wait_read, asio::redirect_error(AwaitableToken{}, error));
+    co_await socket().async_wait(asio::socket_base::wait_read, asio::redirect_error(AwaitableToken{}, error));
     throwIfFailed(error);
 }
 
 void StreamConnection::close() {
+    fd_.reset();
     boost::system::error_code ignored;
-    socket_.close(ignored);
+    if (socket_) socket_->close(ignored);
 }
 
 StreamListener::StreamListener(const SerialQueue& queue, FileDescriptor listeningSocket, int family)

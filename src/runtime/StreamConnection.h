@@ -4,6 +4,7 @@
 
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <optional>
 
 #include "base/Bytes.h"
 #include "runtime/FileDescriptor.h"
@@ -26,10 +27,18 @@ class StreamConnection {
     Task<void> waitReadable();
     /// Ends pending operations with an error; twice does nothing.
     void close();
-    int descriptor() { return socket_.native_handle(); }
+    int descriptor() { return socket_ ? socket_->native_handle() : fd_.get(); }
 
   private:
-    asio::generic::stream_protocol::socket socket_;
+    using Socket = asio::generic::stream_protocol::socket;
+
+    /// Made when something has to be waited for: an exchange that never waits is spared the event loop.
+    Socket& socket();
+
+    SerialQueue queue_;
+    FileDescriptor fd_;
+    int family_;
+    std::optional<Socket> socket_;
 };
 
 /// Accepts connections until closed. Lives on the queue it was made with.

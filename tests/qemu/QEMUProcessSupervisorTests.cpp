@@ -67,8 +67,8 @@ struct Scene {
     test::FakeProcesses processes;
     VMBundle bundle{directory / "Machine"};
     QEMULaunch launch;
-    std::shared_ptr<QEMUProcessSupervisor> supervisor =
-        std::make_shared<QEMUProcessSupervisor>(host.runtime(), processes, UUID::random(), DorvaneVMConfig{}, bundle);
+    std::shared_ptr<QEMUProcessSupervisor> supervisor = std::make_shared<QEMUProcessSupervisor>(
+        host.runtime(), processes, UUID::random(), DorvaneVMConfig{}, bundle);
 };
 
 Task<std::vector<VMStatus>> collect(AsyncStream<VMStatus> stream) {
@@ -88,9 +88,10 @@ TEST(QEMUProcessSupervisor, RunsPausesAndStopsOnRequest) {
     scene.start();
     EXPECT_EQ(scene.supervisor->status(), VMStatus::running);
     EXPECT_THAT(scene.qemu.log(), HasSubstr("swtpm pid="));
-    EXPECT_THAT(scene.qemu.log(), HasSubstr(" socket --tpm2 --tpmstate dir=" + (scene.bundle.directoryURL / "tpm").string() +
-                                            " --ctrl type=unixio,path=" + (scene.directory / "t.sock").string() +
-                                            ",terminate\n"));
+    EXPECT_THAT(
+        scene.qemu.log(),
+        HasSubstr(" socket --tpm2 --tpmstate dir=" + (scene.bundle.directoryURL / "tpm").string() +
+                  " --ctrl type=unixio,path=" + (scene.directory / "t.sock").string() + ",terminate\n"));
     scene.host.run(scene.supervisor->pause());
     scene.host.driveUntil([&] { return scene.supervisor->status() == VMStatus::paused; });
     scene.host.run(scene.supervisor->resume());
@@ -106,7 +107,8 @@ TEST(QEMUProcessSupervisor, RunsPausesAndStopsOnRequest) {
                             VMStatus::running, VMStatus::stopped));
     EXPECT_THAT(scene.host.run(collect(scene.supervisor->statusUpdates())), ElementsAre(VMStatus::stopped));
     scene.host.run(scene.supervisor->stop(true, seconds(30)));
-    EXPECT_EQ(scene.supervisor->stopReason(), VMStopReason::requested()) << "a stop after the end does nothing";
+    EXPECT_EQ(scene.supervisor->stopReason(), VMStopReason::requested())
+        << "a stop after the end does nothing";
     EXPECT_THROW(scene.host.run(scene.supervisor->pause()), DorvaneError);
     EXPECT_EQ(scene.failedStart().which(), Case::vmAlreadyRunning) << "used once";
 }
@@ -118,7 +120,8 @@ TEST(QEMUProcessSupervisor, AChildThatCannotStartLeavesNothingBehind) {
         {{"exit=0"}, "The virtual machine exited during startup with status 0."},
         {{"signal=9"}, "The virtual machine was terminated by signal 9 during startup."},
         {{"flood=300000", "exit=2"}, "The virtual machine exited during startup with status 2.\nxxx"},
-        {{"orphan", "exit=3", "stderr=gone"}, "The virtual machine exited during startup with status 3.\ngone"},
+        {{"orphan", "exit=3", "stderr=gone"},
+         "The virtual machine exited during startup with status 3.\ngone"},
         {{"noSocket"}, "Could not connect to the VM control socket at "},
         {{"mute"}, "The VM did not respond to the control command \"qmp_capabilities\" in time."},
         {{"refuse=qmp_capabilities"}, "no qmp_capabilities"},
@@ -192,7 +195,8 @@ TEST(QEMUProcessSupervisor, ADeafGuestIsForcedAndAStubbornOneKilled) {
         scene.waitForEnd();
         EXPECT_EQ(scene.supervisor->stopReason(), VMStopReason::forced());
         EXPECT_EQ(scene.log.contains("忽略了优雅关机请求,强制停止"), !force);
-        EXPECT_EQ(scene.log.contains("在 SIGTERM 后 5 秒仍未退出,发送 SIGKILL"), std::string(word) == "stubborn");
+        EXPECT_EQ(scene.log.contains("在 SIGTERM 后 5 秒仍未退出,发送 SIGKILL"),
+                  std::string(word) == "stubborn");
     }
     Scene refusing({"refuse=system_powerdown"});
     refusing.start();
@@ -273,8 +277,8 @@ TEST(QEMUProcessSupervisor, ANewTPMIsSetUpOnceAndAFailureOfThatIsNone) {
         EXPECT_EQ(scene.qemu.count("--pcr-banks sha256"), 1);
         EXPECT_EQ(scene.log.contains("PCR banks could not be set up"), fails);
         scene.host.run(scene.supervisor->stop(true, seconds(1)));
-        auto again = std::make_shared<QEMUProcessSupervisor>(scene.host.runtime(), scene.processes, UUID::random(),
-                                                             DorvaneVMConfig{}, scene.bundle);
+        auto again = std::make_shared<QEMUProcessSupervisor>(scene.host.runtime(), scene.processes,
+                                                             UUID::random(), DorvaneVMConfig{}, scene.bundle);
         scene.host.run(again->start(scene.launch));
         EXPECT_EQ(scene.qemu.count("--pcr-banks sha256"), 1) << "the state is there";
         scene.host.run(again->stop(true, seconds(1)));
@@ -293,7 +297,8 @@ TEST(QEMUProcessSupervisor, AStateFileIsWholeOrGone) {
         const auto file = scene.directory / "state";
         scene.supervisor->setSuspendFingerprint({"d", "e"});
         scene.start();
-        EXPECT_THROW(scene.host.run(scene.supervisor->saveState(file, seconds(900))), DorvaneError) << "not paused";
+        EXPECT_THROW(scene.host.run(scene.supervisor->saveState(file, seconds(900))), DorvaneError)
+            << "not paused";
         scene.host.run(scene.supervisor->pause());
         scene.host.driveUntil([&] { return scene.supervisor->status() == VMStatus::paused; });
         writeFileAtomically(file, "from the child");
@@ -314,10 +319,8 @@ TEST(QEMUProcessSupervisor, AStateFileIsWholeOrGone) {
 
 TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
     const std::tuple<std::string, bool, bool> table[] = {
-        {"migrate=completed", true, false},
-        {"migrate=fails", false, true},
-        {"migrate=dies", false, true},
-        {"refuse=migrate-incoming", false, false},
+        {"migrate=completed", true, false}, {"migrate=fails", false, true},
+        {"migrate=dies", false, true},      {"refuse=migrate-incoming", false, false},
         {"refuse=cont", false, false},
     };
     for (const auto& [word, succeeds, rejects] : table) {
@@ -346,7 +349,9 @@ TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
 TEST(QEMUProcessSupervisor, AsksTheProbeOnlyWithARenderServer) {
     Scene plain;
     plain.start();
-    const auto contexts = [](std::optional<int> count) { return [count](int, const Path&) { return count; }; };
+    const auto contexts = [](std::optional<int> count) {
+        return [count](int, const Path&) { return count; };
+    };
     const auto later = [](Scene& scene, double time) { return scene.host.clock().now() + seconds(time); };
     EXPECT_FALSE(plain.supervisor->acceleratedDriverStatus(later(plain, 0), contexts(1)));
     plain.host.run(plain.supervisor->stop(true, seconds(1)));
@@ -356,7 +361,8 @@ TEST(QEMUProcessSupervisor, AsksTheProbeOnlyWithARenderServer) {
     scene.launch.paths.renderServer = "/render";
     scene.start();
     using Status = AcceleratedDriverStatus;
-    EXPECT_EQ(scene.supervisor->acceleratedDriverStatus(later(scene, 0), contexts(std::nullopt)), Status::unknown);
+    EXPECT_EQ(scene.supervisor->acceleratedDriverStatus(later(scene, 0), contexts(std::nullopt)),
+              Status::unknown);
     EXPECT_EQ(scene.supervisor->acceleratedDriverStatus(later(scene, 0), contexts(0)), Status::unknown);
     EXPECT_EQ(scene.supervisor->acceleratedDriverStatus(later(scene, 90), contexts(0)), Status::notInUse);
     EXPECT_EQ(scene.supervisor->acceleratedDriverStatus(later(scene, 90), contexts(2)), Status::active);

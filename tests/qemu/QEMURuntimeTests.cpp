@@ -27,7 +27,8 @@ struct ResourcesScene {
 
     std::optional<QEMURuntimeResources> locate(const Environment& environment = {}) const {
         return QEMURuntimeResources::locate(
-            {QEMURuntimeResources::packaged("/nowhere"), QEMURuntimeResources::packaged(package.root())}, environment);
+            {QEMURuntimeResources::packaged("/nowhere"), QEMURuntimeResources::packaged(package.root())},
+            environment);
     }
 };
 
@@ -39,7 +40,8 @@ TEST(QEMURuntimeResources, TakesTheFirstWholePackage) {
     EXPECT_EQ(found->executable, scene.package.emulator());
     EXPECT_EQ(found->swtpm, scene.package.helpers() / "swtpm");
     EXPECT_EQ(found->environment, (Environment{{"QEMU_MODULE_DIR", "/a=b"}}));
-    EXPECT_FALSE(found->dataDirectory || found->guestDrivers || found->renderServer) << "not there, so absent";
+    EXPECT_FALSE(found->dataDirectory || found->guestDrivers || found->renderServer)
+        << "not there, so absent";
     fs::remove(scene.package.root() / "Resources" / "qemu" / "secboot-vars.fd");
     EXPECT_FALSE(scene.locate());
 }
@@ -49,7 +51,8 @@ TEST(QEMURuntimeResources, VariablesComeFirstAndNeverFallBack) {
     std::ofstream(scene.package.root() / "environment") << "QEMU_MODULE_DIR=/a\n";
     const auto own = scene.elsewhere / "my-qemu";
     std::ofstream{own} << "program";
-    const auto found = scene.locate({{"DORVANE_QEMU_BIN", own.string()}, {"DORVANE_QEMU_SWTPM", "/nowhere/swtpm"}});
+    const auto found =
+        scene.locate({{"DORVANE_QEMU_BIN", own.string()}, {"DORVANE_QEMU_SWTPM", "/nowhere/swtpm"}});
     ASSERT_TRUE(found);
     EXPECT_EQ(found->executable, own);
     EXPECT_EQ(found->imageTool, scene.elsewhere / "qemu-img");
@@ -97,10 +100,12 @@ TEST(QEMURuntimeDirectory, IsShortAndPrivate) {
     EXPECT_EQ(scene.directory.path(), scene.base / "dvn/0A1B2C3D");
     const auto mode = fs::status(scene.directory.path()).permissions();
     EXPECT_EQ(mode & (fs::perms::group_all | fs::perms::others_all), fs::perms::none);
-    EXPECT_EQ(QEMURuntimeDirectory::make(scene.id, scene.base.path()), scene.directory) << "a leftover is used again";
+    EXPECT_EQ(QEMURuntimeDirectory::make(scene.id, scene.base.path()), scene.directory)
+        << "a leftover is used again";
     fs::remove(scene.directory.path());
     fs::create_symlink(scene.base.path(), scene.directory.path());
-    EXPECT_THROW(QEMURuntimeDirectory::make(scene.id, scene.base.path()), FileError) << "somebody else's link";
+    EXPECT_THROW(QEMURuntimeDirectory::make(scene.id, scene.base.path()), FileError)
+        << "somebody else's link";
 }
 
 TEST(QEMURuntimeDirectory, LinksTheSystemDiskAnewEachTime) {
@@ -123,8 +128,9 @@ TEST(QEMURuntimeDirectory, LinksTheSystemDiskAnewEachTime) {
 TEST(QEMURuntimeDirectory, WritesTheInstallersScript) {
     const DirectoryScene scene;
     const auto boot = scene.directory.writeBootScript();
-    const std::string block = "fs2:\\efi\\boot\\bootaa64.efi\nfs1:\\efi\\boot\\bootaa64.efi\n"
-                              "fs3:\\efi\\boot\\bootaa64.efi\nfs4:\\efi\\boot\\bootaa64.efi\n";
+    const std::string block =
+        "fs2:\\efi\\boot\\bootaa64.efi\nfs1:\\efi\\boot\\bootaa64.efi\n"
+        "fs3:\\efi\\boot\\bootaa64.efi\nfs4:\\efi\\boot\\bootaa64.efi\n";
     EXPECT_EQ(readTextFile(boot / "startup.nsh"),
               "@echo -off\necho Dorvane: booting the Windows installer...\n" + block + block + block +
                   "echo Dorvane: no Windows installer found.\n");
@@ -137,7 +143,8 @@ TEST(QEMUChildEnvironment, ChangesOnlyWhatMustBe) {
     EXPECT_EQ(qemuChildEnvironment(own, {{"QEMU_MODULE_DIR", "/m"}}, paths),
               (Environment{{"HOME", "/h"}, {"APP_SANDBOX_GROUP_ID", "stale"}, {"QEMU_MODULE_DIR", "/m"}}));
     paths.renderServer = "/r";
-    EXPECT_EQ(qemuChildEnvironment(own, {}, paths), (Environment{{"HOME", "/h"}, {"RENDER_SERVER_EXEC_PATH", "/r"}}));
+    EXPECT_EQ(qemuChildEnvironment(own, {}, paths),
+              (Environment{{"HOME", "/h"}, {"RENDER_SERVER_EXEC_PATH", "/r"}}));
     paths.sandboxGroupID = "group";
     EXPECT_EQ(qemuChildEnvironment(own, {}, paths)->at("APP_SANDBOX_GROUP_ID"), "group");
 }
@@ -172,8 +179,9 @@ TEST(GuestKeyStore, MakesAPairOnceAndAgainWhenHalfIsLost) {
 TEST(GuestKeyStore, ReportsTheToolsWords) {
     test::TestRuntime host(test::TestRuntime::TimeMode::manual);
     const test::TemporaryDirectory base;
-    EXPECT_THROW(host.run(GuestKeyStore(host.runtime(), base.path(), "/nowhere/keygen").keyPair(UUID::random())),
-                 POSIXError);
+    EXPECT_THROW(
+        host.run(GuestKeyStore(host.runtime(), base.path(), "/nowhere/keygen").keyPair(UUID::random())),
+        POSIXError);
     EXPECT_THROW(host.run(GuestKeyStore(host.runtime(), base.path(), "/bin/true").keyPair(UUID::random())),
                  DorvaneError)
         << "a tool that makes nothing";

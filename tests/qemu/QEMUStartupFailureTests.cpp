@@ -13,9 +13,10 @@ using QEMUStartupFailure::detailLines;
 using testing::ElementsAre;
 
 TEST(QEMUStartupFailure, KeepsTheLastWordsWithoutTheProgramsName) {
-    EXPECT_THAT(detailLines("qemu-system-aarch64: -foo: bad option\n\n  QEMU-System-x86_64:\tnext \r\n"
-                            "qemu-systemd: stays\nqemu-system-aarch64 said: stays\nqemu-system-: \n"),
-                ElementsAre("-foo: bad option", "next", "qemu-systemd: stays", "qemu-system-aarch64 said: stays"));
+    EXPECT_THAT(
+        detailLines("qemu-system-aarch64: -foo: bad option\n\n  QEMU-System-x86_64:\tnext \r\n"
+                    "qemu-systemd: stays\nqemu-system-aarch64 said: stays\nqemu-system-: \n"),
+        ElementsAre("-foo: bad option", "next", "qemu-systemd: stays", "qemu-system-aarch64 said: stays"));
     EXPECT_THAT(detailLines("1\n2\n3\n4\n5\n6\n7"), ElementsAre("3", "4", "5", "6", "7"));
     EXPECT_TRUE(detailLines(" \n\t\n").empty());
 }
@@ -44,8 +45,12 @@ TEST(QEMUStderrTail, KeepsTheEndAndRepairsIt) {
     EXPECT_EQ(tail.text().size(), QEMUStderrTail::capacity);
     EXPECT_TRUE(tail.text().ends_with("aend"));
     QEMUStderrTail broken;
-    broken.append(asBytes("a\xff" "b"));
-    EXPECT_EQ(broken.text(), "a\xEF\xBF\xBD" "b");
+    broken.append(
+        asBytes("a\xff"
+                "b"));
+    EXPECT_EQ(broken.text(),
+              "a\xEF\xBF\xBD"
+              "b");
 }
 
 }  // namespace

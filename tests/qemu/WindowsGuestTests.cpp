@@ -21,17 +21,22 @@ using testing::HasSubstr;
 using NameError = WindowsShareName::ValidationError;
 
 TEST(WindowsShareName, TakesWhatWindowsTakes) {
-    for (const auto* good : {"auxiliary", "com10", "com0", "lpt", "a.b", "Ünïcode 名", ".hidden", "com1x.txt"})
+    for (const auto* good :
+         {"auxiliary", "com10", "com0", "lpt", "a.b", "Ünïcode 名", ".hidden", "com1x.txt"})
         EXPECT_EQ(WindowsShareName::validate(good), WindowsShareName::Result(good)) << good;
     EXPECT_EQ(WindowsShareName::validate("  Work \t"), WindowsShareName::Result("Work"));
     std::string longest;
     for (int i = 0; i < 255; ++i) longest += "ü";
     EXPECT_EQ(WindowsShareName::validate(longest), WindowsShareName::Result(longest));
     const std::pair<std::string, NameError> refused[] = {
-        {" \t", NameError::empty},           {longest + "x", NameError::tooLong},
-        {"a/b", NameError::forbiddenCharacter}, {"a|b.", NameError::forbiddenCharacter},
-        {"name.", NameError::trailingDotOrBlank}, {"AUX.txt", NameError::reserved},
-        {"nul", NameError::reserved},        {"Com9", NameError::reserved},
+        {" \t", NameError::empty},
+        {longest + "x", NameError::tooLong},
+        {"a/b", NameError::forbiddenCharacter},
+        {"a|b.", NameError::forbiddenCharacter},
+        {"name.", NameError::trailingDotOrBlank},
+        {"AUX.txt", NameError::reserved},
+        {"nul", NameError::reserved},
+        {"Com9", NameError::reserved},
         {"lpt1.tar.gz", NameError::reserved},
     };
     for (const auto& [name, error] : refused)
@@ -51,7 +56,8 @@ TEST(PortRange, PutsThePreferredPortFirstOnlyWhenItBelongs) {
 TEST(WindowsSharesPortAllocator, PassesOverTakenPorts) {
     const auto taken = listenLoopback(0);
     const int port = boundPort(taken.get());
-    EXPECT_EQ(WindowsSharesPortAllocator::pickFreePort({port, port}), port) << "nothing free: the lower bound";
+    EXPECT_EQ(WindowsSharesPortAllocator::pickFreePort({port, port}), port)
+        << "nothing free: the lower bound";
     const int next = WindowsSharesPortAllocator::pickFreePort({port, port + 20});
     EXPECT_GT(next, port);
     const auto token = WindowsSharesPortAllocator::makeToken();
@@ -85,9 +91,10 @@ TEST(WindowsGuestScripts, InstallTheKey) {
     const auto script = WindowsSSHGuestScript::configureScript("ssh-ed25519 AAAA1 dorvane\n");
     expectBatchFile(script);
     EXPECT_THAT(script, HasSubstr("> \"%DVNKEYS%\" echo ssh-ed25519 AAAA1 dorvane\r\n"));
-    const std::vector<std::string> inOrder = {"net session", "sc query sshd", "mkdir", "echo ssh-ed25519",
-                                              "/inheritance:r", "start= auto", "net start sshd",
-                                              "Checking the result:", "Dorvane can now run commands"};
+    const std::vector<std::string> inOrder = {
+        "net session",      "sc query sshd",        "mkdir",
+        "echo ssh-ed25519", "/inheritance:r",       "start= auto",
+        "net start sshd",   "Checking the result:", "Dorvane can now run commands"};
     std::size_t at = 0;
     for (const auto& part : inOrder) {
         at = script.find(part, at);
@@ -108,7 +115,8 @@ TEST(WindowsGuestAvailability, ComparesVersionsPartByPart) {
     using namespace WindowsGuestAvailability;
     EXPECT_EQ(parseVersion("26"), (OperatingSystemVersion{26, 0, 0}));
     EXPECT_EQ(parseVersion("26.1.2"), (OperatingSystemVersion{26, 1, 2}));
-    for (const auto* bad : {"", "26.", "26.x", "1.2.3.4", "-1", "26 "}) EXPECT_FALSE(parseVersion(bad)) << bad;
+    for (const auto* bad : {"", "26.", "26.x", "1.2.3.4", "-1", "26 "})
+        EXPECT_FALSE(parseVersion(bad)) << bad;
     EXPECT_FALSE(systemRequirementProblem({26, 0, 1}, OperatingSystemVersion{26, 0, 0}));
     EXPECT_FALSE(systemRequirementProblem({1, 0, 0}, std::nullopt));
     const auto problem = systemRequirementProblem({25, 9, 9}, OperatingSystemVersion{26, 0, 0});

@@ -25,11 +25,17 @@ struct RealMachine {
 class EngineScene {
   public:
     EngineScene() {
-        engine.emplace(QEMUEngineContext{.runtime = real.runtime(), .processes = processes, .defaults = defaults,
-                                         .adapter = adapter, .capabilities = capabilities, .keyStore = keyStore,
-                                         .guestTools = guestTools, .fileServers = fileServers,
+        engine.emplace(QEMUEngineContext{.runtime = real.runtime(),
+                                         .processes = processes,
+                                         .defaults = defaults,
+                                         .adapter = adapter,
+                                         .capabilities = capabilities,
+                                         .keyStore = keyStore,
+                                         .guestTools = guestTools,
+                                         .fileServers = fileServers,
                                          .resourceLocator = [this] { return std::optional(resources); },
-                                         .temporaryDirectory = folder.path(), .environment = currentEnvironment()});
+                                         .temporaryDirectory = folder.path(),
+                                         .environment = currentEnvironment()});
     }
     /// However a test ends, nothing of it stays.
     ~EngineScene() {
@@ -60,7 +66,8 @@ class EngineScene {
         const auto output = runBlocking(std::move(script));
         const auto text = trimmed(asText(output.standardOutput));
         const std::string disk(text.substr(text.rfind('\n') + 1));
-        imageTool({"create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", disk, made.bundle.qcow2Disk().string()});
+        imageTool(
+            {"create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", disk, made.bundle.qcow2Disk().string()});
         return made;
     }
 
@@ -89,7 +96,8 @@ class EngineScene {
         return waitFor(240, [&] { return console(vm).find(text) != std::string::npos; });
     }
     std::string console(const RealMachine& vm) const {
-        return std::filesystem::exists(vm.bundle.consoleLog()) ? readTextFile(vm.bundle.consoleLog()) : std::string();
+        return std::filesystem::exists(vm.bundle.consoleLog()) ? readTextFile(vm.bundle.consoleLog())
+                                                               : std::string();
     }
     /// This process's children whose name begins so.
     std::vector<int> children(const std::string& prefix) const {

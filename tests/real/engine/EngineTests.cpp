@@ -22,10 +22,10 @@ std::string runInGuest(EngineScene& scene, const RealMachine& vm, const std::str
     std::string answer;
     scene.waitFor(120, [&] {
         ProcessCommand ssh{.executable = "/usr/bin/ssh",
-                           .arguments = {"-i", key.string(), "-p", std::to_string(port), "-F", "/dev/null", "-o",
-                                         "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",
-                                         "UserKnownHostsFile=/dev/null", "-o", "ConnectTimeout=10", "root@127.0.0.1",
-                                         command}};
+                           .arguments = {"-i", key.string(), "-p", std::to_string(port), "-F", "/dev/null",
+                                         "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",
+                                         "UserKnownHostsFile=/dev/null", "-o", "ConnectTimeout=10",
+                                         "root@127.0.0.1", command}};
         const auto output = runBlocking(std::move(ssh));
         answer = trimmed(asText(output.standardOutput));
         return output.status.isSuccess();
@@ -38,7 +38,8 @@ void suspend(EngineScene& scene, const RealMachine& vm) {
     scene.run(scene.engine->pause(vm.id));
     ASSERT_TRUE(scene.waitForStatus(vm, VMStatus::paused));
     scene.run(scene.engine->saveState(vm.id, vm.bundle.savedState()));
-    writeFileAtomically(vm.bundle.savedStateHash(), configHash(DorvaneVMConfig::read(vm.bundle.configFile())));
+    writeFileAtomically(vm.bundle.savedStateHash(),
+                        configHash(DorvaneVMConfig::read(vm.bundle.configFile())));
     scene.run(scene.engine->stop(vm.id, true));
     ASSERT_TRUE(scene.waitForStatus(vm, std::nullopt));
 }
@@ -71,7 +72,8 @@ TEST(RealEngine, ABrokenStateBootsColdInTheSameLaunch) {
     const auto vm = scene.machine("Machine");
     scene.launch(vm);
     suspend(scene, vm);
-    std::filesystem::resize_file(vm.bundle.savedState(), std::filesystem::file_size(vm.bundle.savedState()) / 2);
+    std::filesystem::resize_file(vm.bundle.savedState(),
+                                 std::filesystem::file_size(vm.bundle.savedState()) / 2);
     scene.launch(vm);
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
     EXPECT_FALSE(vm.bundle.hasSavedState());
@@ -86,8 +88,10 @@ TEST(RealEngine, AKilledChildIsAFailure) {
     ASSERT_EQ(pids.size(), 1U);
     ::kill(pids.front(), SIGKILL);
     ASSERT_TRUE(scene.waitForStatus(vm, std::nullopt));
-    EXPECT_EQ(scene.engine->stopReason(vm.id), VMStopReason::failure("The virtual machine exited with status 9."));
-    EXPECT_TRUE(scene.waitFor(10, [&] { return scene.children("").empty(); })) << "the TPM's emulator goes too";
+    EXPECT_EQ(scene.engine->stopReason(vm.id),
+              VMStopReason::failure("The virtual machine exited with status 9."));
+    EXPECT_TRUE(scene.waitFor(10, [&] { return scene.children("").empty(); }))
+        << "the TPM's emulator goes too";
     scene.launch(vm);
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running) << "and it starts again";
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A scripted stand-in for the programs that the QEMU engine starts. Its own name says which one it plays; words in
-// the file "<name>.script" beside it say how it misbehaves; what it is told is appended to the file "log" there.
+// A scripted stand-in for the programs that the QEMU engine starts. Its own name says which one it plays;
+// words in the file "<name>.script" beside it say how it misbehaves; what it is told is appended to the file
+// "log" there.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -37,7 +38,8 @@ std::string valueOf(const std::string& key) {
 }
 
 void log(const std::string& line) {
-    std::ofstream(program.parent_path() / "log", std::ios::app) << program.filename().string() + " " + line + "\n";
+    std::ofstream(program.parent_path() / "log", std::ios::app)
+        << program.filename().string() + " " + line + "\n";
 }
 
 void readScript() {
@@ -55,7 +57,8 @@ int listenAt(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(fd, 4) != 0) std::exit(70);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(fd, 4) != 0)
+        std::exit(70);
     return fd;
 }
 
@@ -108,7 +111,8 @@ void shutDown(const Monitor& monitor, bool guest) {
 
 void obey(const Monitor& monitor, const std::string& command, const std::string& id) {
     if (has("refuse=" + command)) {
-        monitor.say(R"({"error":{"class":"GenericError","desc":"no )" + command + R"("},"id":")" + id + "\"}");
+        monitor.say(R"({"error":{"class":"GenericError","desc":"no )" + command + R"("},"id":")" + id +
+                    "\"}");
         return;
     }
     monitor.answer(id, command == "query-migrate" ? migrationStatus() : "{}");
