@@ -27,10 +27,10 @@ dev: setup
 	@cmake --preset dev >/dev/null
 	@cmake --build --preset dev
 
-test: runtime build dev
+test: runtime dev
 	@scripts/test
 
-real: runtime build dev
+real: runtime dev
 	@ctest --preset real
 
 bench: setup runtime

@@ -57,6 +57,16 @@ class Definer {
     CommandRequest& request_;
 };
 
+/// The word as a shell takes it back.
+std::string shellQuoted(const std::string& word) {
+    constexpr std::string_view plain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=@%+,";
+    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) return word;
+    std::string quoted = "'";
+    for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 Values makeValues() { return std::make_shared<CommandValues>(); }
 
 void defineInventory(CLI::App& app, Definer& define) {
@@ -127,7 +137,7 @@ void defineCopyAndDelete(CLI::App& app, Definer& define) {
         if (v.confirmed) return;
         v.call.question = v.flag ? "Erase \"" + v.vm + "\" and its disk for good?"
                                  : "Move \"" + v.vm + "\" to the Trash?";
-        v.call.unattendedCommand = "dorvane delete --yes " + std::string(v.flag ? "--permanently " : "") + v.vm;
+        v.call.unattendedCommand = "dorvane delete --yes " + std::string(v.flag ? "--permanently " : "") + shellQuoted(v.vm);
     });
     deleteCommand->add_option("vm", remove->vm, "Name or UUID of the machine")->required();
     deleteCommand->add_flag("--permanently", remove->flag, "Erase it instead");

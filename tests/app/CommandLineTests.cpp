@@ -40,6 +40,8 @@ TEST(CommandLine, everyServiceCommandTakesJSONAndDeletesOnlyAfterAQuestion) {
     EXPECT_TRUE(asked.json);
     EXPECT_TRUE(asked.question);
     EXPECT_EQ(asked.unattendedCommand, "dorvane delete --yes Win");
+    EXPECT_EQ(std::get<ServiceCall>(parseCommandLine({"delete", "Bob's PC"})).unattendedCommand,
+              "dorvane delete --yes 'Bob'\\''s PC'");
     EXPECT_FALSE(std::get<ServiceCall>(parseCommandLine({"delete", "Win", "--yes"})).question);
 }
 

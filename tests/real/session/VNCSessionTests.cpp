@@ -10,7 +10,9 @@
 
 #include "display/rfb/RFBConnection.h"
 #include "display/session/HostFramebufferCapture.h"
+#include "display/session/PNGEncoder.h"
 #include "display/session/VNCKeyMap.h"
+#include "runtime/Files.h"
 #include "runtime/ProcessRuntime.h"
 #include "runtime/Sockets.h"
 #include "session/DemoGuest.h"
@@ -88,6 +90,11 @@ TEST_F(RealVNCSession, whatIsTypedArrivesAndIsDrawn) {
     type("say hello\n");
     EXPECT_TRUE(waitFor(answerLimit, [] { return guest_->hasSaid("SAID: hello"); })) << guest_->serialLog();
     EXPECT_TRUE(waitFor(answerLimit, [&] { return session_->frame()->pixels != before->pixels; }));
+    // The picture of the documents is made here: DORVANE_TYPED_SCREENSHOT names the file.
+    if (const char* file = std::getenv("DORVANE_TYPED_SCREENSHOT")) {
+        waitFor(seconds(2), [] { return false; });
+        writeFileAtomically(file, encodePNG(*session_->frame()));
+    }
 }
 
 TEST_F(RealVNCSession, heldShiftCountsUntilTheKeysAreReleased) {
