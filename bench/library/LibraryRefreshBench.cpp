@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Measures how long a refresh of the library takes over 1,000 and 10,000 machines, with the real store, the real
-// settings file and real bundles: cold (every machine is new to the library) and warm (nothing has changed since).
+// Measures how long a refresh of the library takes over 1,000 and 10,000 machines, with the real store, the
+// real settings file and real bundles: cold (every machine is new to the library) and warm (nothing has
+// changed since).
 //
 //   dorvane_bench_library [folder]      the bundles are made below it, and removed again
 //
@@ -55,7 +56,8 @@ class Scratch {
 
 void makeBundles(const Path& storage, int count, const HostSystem& host) {
     for (int number = 0; number < count; ++number) {
-        const auto bundle = VMBundle::create(storage / fmt::format("Machine {}", number), std::uint64_t{64} << 30);
+        const auto bundle =
+            VMBundle::create(storage / fmt::format("Machine {}", number), std::uint64_t{64} << 30);
         DorvaneVMConfig config;
         config.os = VMOSType::linux;
         config.cpuCount = 4;
@@ -106,14 +108,17 @@ Result measure(const Path& below, int bundles) {
     const auto context = PersistenceStore::makeModelContainer(scratch.path());
     makeBundles(storage, bundles, host);
 
-    VMServiceCollaborators with{process.runtime(), router, settings, gate, operations, files, host, disposer, bookmarks};
+    VMServiceCollaborators with{process.runtime(), router,   settings, gate, operations, files, host,
+                                disposer,          bookmarks};
     with.modelContext = context.get();
     VMService service(std::move(with));
     Result result;
-    const auto task = spawn(process.runtime().main.executor(),
-                            measure(service, process.runtime().clock, result, [&] { process.stop(); }), "measure");
+    const auto task =
+        spawn(process.runtime().main.executor(),
+              measure(service, process.runtime().clock, result, [&] { process.stop(); }), "measure");
     process.run();
-    if (service.vms().size() != static_cast<std::size_t>(bundles)) throw std::runtime_error("machines are missing");
+    if (service.vms().size() != static_cast<std::size_t>(bundles))
+        throw std::runtime_error("machines are missing");
     return result;
 }
 
@@ -123,12 +128,14 @@ int run(const Path& below) {
     bool isWithinLimits = true;
     for (const auto& size : sizes) {
         const auto result = measure(below, size.bundles);
-        fmt::print("{:>6} machines: cold {:.3f} s, warm {:.4f} s (limit {} s, {:.1f} us a machine)\n", size.bundles,
-                   result.cold, result.warm, size.warmLimitSeconds, result.warm * 1e6 / size.bundles);
+        fmt::print("{:>6} machines: cold {:.3f} s, warm {:.4f} s (limit {} s, {:.1f} us a machine)\n",
+                   size.bundles, result.cold, result.warm, size.warmLimitSeconds,
+                   result.warm * 1e6 / size.bundles);
         isWithinLimits &= result.warm <= size.warmLimitSeconds;
         results.push_back(result);
     }
-    fmt::print("ten times the machines take {:.1f} times as long\n", results.back().warm / results.front().warm);
+    fmt::print("ten times the machines take {:.1f} times as long\n",
+               results.back().warm / results.front().warm);
     return isWithinLimits ? 0 : 1;
 }
 
@@ -136,5 +143,6 @@ int run(const Path& below) {
 }  // namespace dorvane
 
 int main(int count, char** arguments) {
-    return dorvane::run(count > 1 ? std::filesystem::path(arguments[1]) : std::filesystem::temp_directory_path());
+    return dorvane::run(count > 1 ? std::filesystem::path(arguments[1])
+                                  : std::filesystem::temp_directory_path());
 }

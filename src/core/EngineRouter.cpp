@@ -72,8 +72,8 @@ bool EngineRouter::canSaveStateNow(VMOSType os) const {
 
 Task<void> EngineRouter::attachSystemDiskOverlay(UUID id, Path overlay, Path movedPreviousLayerTo,
                                                  std::optional<SnapshotParentRewrite> parentRewrite) {
-    co_await requireEngineRunning(id).attachSystemDiskOverlay(id, std::move(overlay), std::move(movedPreviousLayerTo),
-                                                              std::move(parentRewrite));
+    co_await requireEngineRunning(id).attachSystemDiskOverlay(
+        id, std::move(overlay), std::move(movedPreviousLayerTo), std::move(parentRewrite));
 }
 
 std::optional<VMStatus> EngineRouter::status(const UUID& id) const {

@@ -12,7 +12,8 @@ namespace dorvane {
 /// Main thread only. The engines outlive it; a host may lack either of them.
 class EngineRouter : public VMEngineProtocol {
   public:
-    /// `virtualization` runs macOS and Linux guests, `qemu` runs Windows guests; null for one that isn't there.
+    /// `virtualization` runs macOS and Linux guests, `qemu` runs Windows guests; null for one that isn't
+    /// there.
     EngineRouter(const Runtime& runtime, VMEngineProtocol* virtualization, VMEngineProtocol* qemu);
 
     Task<void> launch(UUID id, VMBundle bundle, VMAttachments attachments) override;
@@ -38,8 +39,8 @@ class EngineRouter : public VMEngineProtocol {
   private:
     VMEngineProtocol* engineFor(VMOSType os) const;
     VMEngineProtocol& requireEngineFor(VMOSType os) const;
-    /// The route, else the first engine that knows the machine, which becomes its route: a machine may have been
-    /// launched past the router.
+    /// The route, else the first engine that knows the machine, which becomes its route: a machine may have
+    /// been launched past the router.
     VMEngineProtocol* engineRunning(const UUID& id) const;
     VMEngineProtocol& requireEngineRunning(const UUID& id) const;
 

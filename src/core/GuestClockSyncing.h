@@ -14,10 +14,10 @@ class GuestClockSyncing {
   public:
     virtual ~GuestClockSyncing() = default;
 
-    /// Pushes the host's time over SSH at the loopback port, trying again every `delay` while `isVMRunning` says so.
-    /// Returns whether the guest's clock was set; throws nothing but a cancellation.
-    virtual Task<bool> syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning, int attempts,
-                                        Duration delay) = 0;
+    /// Pushes the host's time over SSH at the loopback port, trying again every `delay` while `isVMRunning`
+    /// says so. Returns whether the guest's clock was set; throws nothing but a cancellation.
+    virtual Task<bool> syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning,
+                                        int attempts, Duration delay) = 0;
 };
 
 }  // namespace dorvane

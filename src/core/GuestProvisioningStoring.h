@@ -2,9 +2,9 @@
 // Where a macOS guest's first account waits for its first boot.
 #pragma once
 
+#include "base/UUID.h"
 #include "core/MacProvisioning.h"
 #include "core/VMBundle.h"
-#include "base/UUID.h"
 
 namespace dorvane {
 

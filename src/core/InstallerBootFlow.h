@@ -10,7 +10,8 @@ namespace dorvane {
 /// Main thread only; disks are looked at in the background.
 class InstallerBootFlow {
   public:
-    InstallerBootFlow(const VMServiceCollaborators& with, VMLibrary& library) : with_(with), library_(library) {}
+    InstallerBootFlow(const VMServiceCollaborators& with, VMLibrary& library)
+        : with_(with), library_(library) {}
 
     /// The user says that the installation is done. Throws invalidConfiguration.
     void complete(VMRecord& vm);

@@ -10,8 +10,8 @@ class LiveDiskFlattening {
   public:
     virtual ~LiveDiskFlattening() = default;
 
-    /// Merges all layers of the bundle's disk into "disk.qcow2"; a disk without layers stays as it is. Blocking,
-    /// for background work. Throws the disk tool's error.
+    /// Merges all layers of the bundle's disk into "disk.qcow2"; a disk without layers stays as it is.
+    /// Blocking, for background work. Throws the disk tool's error.
     virtual void flattenLiveDisk(const VMBundle& bundle) const = 0;
 };
 

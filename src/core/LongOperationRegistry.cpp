@@ -3,7 +3,8 @@
 
 namespace dorvane {
 
-LongOperationRegistry::Entry::Entry(LongOperationRegistry& registry, std::string label) : registry_(registry) {
+LongOperationRegistry::Entry::Entry(LongOperationRegistry& registry, std::string label)
+    : registry_(registry) {
     registry_.active_.emplace(id_, std::move(label));
     registry_.changed();
 }

@@ -41,8 +41,8 @@ class MacOSInstalling {
     virtual ~MacOSInstalling() = default;
 
     /// Makes the bundle, complete with its configuration. On failure no bundle stays.
-    virtual Task<MacOSInstallResult> installLatestMacOS(MacOSInstallRequest request,
-                                                        std::function<void(MacOSInstallPhase)> onProgress) = 0;
+    virtual Task<MacOSInstallResult> installLatestMacOS(
+        MacOSInstallRequest request, std::function<void(MacOSInstallPhase)> onProgress) = 0;
 };
 
 }  // namespace dorvane

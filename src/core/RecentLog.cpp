@@ -5,7 +5,8 @@ namespace dorvane {
 namespace {
 
 bool isWordCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c < 0;
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c < 0;
 }
 
 /// Whether the word stands in the text and isn't part of a longer one: "vm1" is not named by "vm10".

@@ -19,7 +19,8 @@ class RecentLog : public VMLogReading {
     explicit RecentLog(Clock& clock) : clock_(clock) {}
 
     void note(const LogLine& line);
-    /// "2026-11-21T08:43:19Z [VMService] Started VM: alpha" for each line that names the machine or its identifier.
+    /// "2026-11-21T08:43:19Z [VMService] Started VM: alpha" for each line that names the machine or its
+    /// identifier.
     std::string lines(const VMRecordFields& vm) const override;
 
   private:

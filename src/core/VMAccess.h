@@ -15,8 +15,8 @@ class VMAccess {
 
     explicit VMAccess(SecurityScopedBookmarkStore& bookmarks) : bookmarks_(bookmarks) {}
 
-    /// Access for one operation; it ends with the token. Bookmarks that had gone stale are renewed in the record,
-    /// to be kept with its next save.
+    /// Access for one operation; it ends with the token. Bookmarks that had gone stale are renewed in the
+    /// record, to be kept with its next save.
     [[nodiscard]] Token begin(VMRecord& vm);
     /// Access for as long as the machine runs: until `close`, or until opened anew.
     void open(VMRecord& vm);

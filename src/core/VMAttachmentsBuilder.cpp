@@ -60,8 +60,9 @@ VMAttachments VMAttachmentsBuilder::attachments(const VMRecordFields& vm) const 
     if (!installer.empty()) result.installerImagePath = installer.front();
     result.mountedImages = validatedAttachmentPaths(vm.mountedImages.value_or(std::vector<std::string>()),
                                                     localized("Mounted image does not exist"));
-    result.usbStorageDevices = validatedAttachmentPaths(vm.usbStorageDevices.value_or(std::vector<std::string>()),
-                                                        localized("USB storage image does not exist"));
+    result.usbStorageDevices =
+        validatedAttachmentPaths(vm.usbStorageDevices.value_or(std::vector<std::string>()),
+                                 localized("USB storage image does not exist"));
     result.guestAgentPayloadPath = stagedAgentPayload(vm);
     return result;
 }

@@ -11,7 +11,8 @@ namespace dorvane {
 class VMAttachmentsBuilder {
   public:
     /// `agentPayload` is null where there is no guest agent to offer.
-    explicit VMAttachmentsBuilder(const GuestAgentPayloadStaging* agentPayload) : agentPayload_(agentPayload) {}
+    explicit VMAttachmentsBuilder(const GuestAgentPayloadStaging* agentPayload)
+        : agentPayload_(agentPayload) {}
 
     /// Throws invalidConfiguration with the first path that isn't there.
     VMAttachments attachments(const VMRecordFields& vm) const;

@@ -28,7 +28,8 @@ bool isThere(const Path& path) {
 
 /// A hidden name that the sweep of interrupted work knows: a half copy is never taken for a machine.
 Path stagingPath(const Path& target) {
-    return target.parent_path() / ("." + target.filename().string() + ".importing-" + UUID::random().shortText());
+    return target.parent_path() /
+           ("." + target.filename().string() + ".importing-" + UUID::random().shortText());
 }
 
 }  // namespace

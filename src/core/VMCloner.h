@@ -13,12 +13,14 @@ class VMRunControl;
 /// Main thread only.
 class VMCloner {
   public:
-    VMCloner(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access, const VMRunControl& runControl)
+    VMCloner(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access,
+             const VMRunControl& runControl)
         : with_(with), library_(library), access_(access), runControl_(runControl) {}
 
-    /// A new machine with the source's disk and settings and an identity of its own: cold, without snapshots. Holds
-    /// the source's gate throughout. Throws invalidConfiguration, vmNameCollision, vmBusy, vmCloneFailed, or the
-    /// store's own error; nothing stays behind then, and the source is never written to.
+    /// A new machine with the source's disk and settings and an identity of its own: cold, without snapshots.
+    /// Holds the source's gate throughout. Throws invalidConfiguration, vmNameCollision, vmBusy,
+    /// vmCloneFailed, or the store's own error; nothing stays behind then, and the source is never written
+    /// to.
     Task<VMRecordPointer> clone(VMRecordPointer vm, std::string newName);
 
   private:

@@ -49,7 +49,8 @@ void writeOrRemove(const DorvaneVMConfig& config, const VMBundle& bundle) {
     }
 }
 
-DorvaneVMConfig makeLinuxBundle(const Path& directory, const VMConfiguration& request, const HostSystem& host) {
+DorvaneVMConfig makeLinuxBundle(const Path& directory, const VMConfiguration& request,
+                                const HostSystem& host) {
     auto config = baseConfiguration(VMOSType::linux, request, host);
     config.linuxPlatform = LinuxPlatformIdentity{host.newGenericMachineIdentifier()};
     config.linuxRosetta = request.linuxRosetta;
@@ -60,8 +61,8 @@ DorvaneVMConfig makeLinuxBundle(const Path& directory, const VMConfiguration& re
     return config;
 }
 
-DorvaneVMConfig makeWindowsBundle(const Path& directory, const VMConfiguration& request, const HostSystem& host,
-                                  const WindowsGuestSupport* support) {
+DorvaneVMConfig makeWindowsBundle(const Path& directory, const VMConfiguration& request,
+                                  const HostSystem& host, const WindowsGuestSupport* support) {
     if (support != nullptr)
         if (auto reason = support->unavailableReason()) throw creationFailure(std::move(*reason));
     const auto* tool = support == nullptr ? nullptr : support->diskImageTool();
@@ -71,8 +72,8 @@ DorvaneVMConfig makeWindowsBundle(const Path& directory, const VMConfiguration& 
     config.windowsPlatform = WindowsPlatformIdentity{windowsMachineType, true, true};
     config.windowsClipboard = request.windowsClipboard.value_or(true);
     config.windowsFileDrop = request.windowsFileDrop.value_or(true);
-    config.windowsShares = WindowsSharesConfig{request.windowsShares.value_or(true), support->pickFreeSharesPort(),
-                                               support->makeSharesToken()};
+    config.windowsShares = WindowsSharesConfig{request.windowsShares.value_or(true),
+                                               support->pickFreeSharesPort(), support->makeSharesToken()};
     writeOrRemove(config, VMBundle::createForQEMU(directory, config.diskSizeBytes, *tool));
     return config;
 }
@@ -92,7 +93,8 @@ Task<VMRecordPointer> VMCreator::create(std::string name, VMOSType os, VMConfigu
     const Path storagePath = request.storagePath ? Path(*request.storagePath) : with_.settings.storagePath();
     const Path directory = (storagePath / name).lexically_normal();
     const VMLibrary::Reservation reservation(library_, name, directory.string());
-    const bool isProvisioned = os == VMOSType::macOS && request.macProvisioning && with_.provisioningStore != nullptr;
+    const bool isProvisioned =
+        os == VMOSType::macOS && request.macProvisioning && with_.provisioningStore != nullptr;
     if (isProvisioned) with_.provisioningStore->validate(*request.macProvisioning);
 
     const auto made = co_await make(os, directory, request);
@@ -116,8 +118,9 @@ Task<VMRecordPointer> VMCreator::create(std::string name, VMOSType os, VMConfigu
 Task<VMCreator::Made> VMCreator::make(VMOSType os, Path directory, VMConfiguration request) {
     if (os == VMOSType::macOS) co_return co_await installMacOS(std::move(directory), std::move(request));
     const auto work = [&] {
-        Made made{os == VMOSType::linux ? makeLinuxBundle(directory, request, with_.host)
-                                        : makeWindowsBundle(directory, request, with_.host, with_.windowsSupport)};
+        Made made{os == VMOSType::linux
+                      ? makeLinuxBundle(directory, request, with_.host)
+                      : makeWindowsBundle(directory, request, with_.host, with_.windowsSupport)};
         BackupExclusion::excludeFromBackup(with_.fileManager, directory);
         return made;
     };
@@ -135,7 +138,9 @@ Task<VMCreator::Made> VMCreator::installMacOS(Path directory, VMConfiguration re
     order.diskSizeBytes = base.diskSizeBytes;
     order.display = base.display;
     order.storagePath = directory.parent_path();
-    const std::function<void(MacOSInstallPhase)> onProgress = [this](MacOSInstallPhase phase) { publish(phase); };
+    const std::function<void(MacOSInstallPhase)> onProgress = [this](MacOSInstallPhase phase) {
+        publish(phase);
+    };
     const auto label = localized("Installing macOS");
     std::exception_ptr failure;
     std::optional<MacOSInstallResult> result;
@@ -148,7 +153,8 @@ Task<VMCreator::Made> VMCreator::installMacOS(Path directory, VMConfiguration re
     publish(std::nullopt);
     if (failure) std::rethrow_exception(failure);
     BackupExclusion::excludeFromBackup(with_.fileManager, directory);
-    co_return Made{std::move(result->config), std::move(result->osVersionLabel), std::move(result->imageSource)};
+    co_return Made{std::move(result->config), std::move(result->osVersionLabel),
+                   std::move(result->imageSource)};
 }
 
 void VMCreator::publish(std::optional<MacOSInstallPhase> phase) {
@@ -173,7 +179,8 @@ VMRecordPointer VMCreator::record(const std::string& name, const Path& directory
     vm->mountedImages = request.mountedImages;
     vm->usbStorageDevices = request.usbStorageDevices;
     vm->bookmarksByPath = request.bookmarksByPath;
-    vm->displayResolution = DisplayResolution{made.config.display.widthInPixels, made.config.display.heightInPixels};
+    vm->displayResolution =
+        DisplayResolution{made.config.display.widthInPixels, made.config.display.heightInPixels};
     return vm;
 }
 

@@ -13,8 +13,8 @@ class VMCreator {
   public:
     VMCreator(const VMServiceCollaborators& with, VMLibrary& library) : with_(with), library_(library) {}
 
-    /// Throws invalidConfiguration, vmNameCollision, vmCreationFailed, or the disk's or the store's own error; no
-    /// directory and no record stay behind then.
+    /// Throws invalidConfiguration, vmNameCollision, vmCreationFailed, or the disk's or the store's own
+    /// error; no directory and no record stay behind then.
     Task<VMRecordPointer> create(std::string name, VMOSType os, VMConfiguration request);
 
     /// How far the macOS installation in progress has come; absent when there is none.

@@ -38,7 +38,8 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     if (permanently)
         logger.info("Deleted VM: %s (erased permanently)", vm->name);
     else
-        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name, trashed.value_or("nothing was left").string());
+        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name,
+                    trashed.value_or("nothing was left").string());
 }
 
 Task<void> VMDeleter::powerOff(VMRecordPointer vm) {

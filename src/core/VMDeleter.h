@@ -14,13 +14,13 @@ class VMStatusWatcher;
 /// Main thread only.
 class VMDeleter {
   public:
-    VMDeleter(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access, VMRunControl& runControl,
-              VMStatusWatcher& watcher)
+    VMDeleter(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access,
+              VMRunControl& runControl, VMStatusWatcher& watcher)
         : with_(with), library_(library), access_(access), runControl_(runControl), watcher_(watcher) {}
 
-    /// Powers the machine off if it runs, and removes directory, snapshots and record. Throws vmBusy, vmNotFound for
-    /// a machine that is gone already, vmDeleteFailed when the directory stays (then the record stays too), or the
-    /// engine's or the store's own error.
+    /// Powers the machine off if it runs, and removes directory, snapshots and record. Throws vmBusy,
+    /// vmNotFound for a machine that is gone already, vmDeleteFailed when the directory stays (then the
+    /// record stays too), or the engine's or the store's own error.
     Task<void> remove(VMRecordPointer vm, bool permanently);
 
   private:

@@ -46,7 +46,8 @@ bool hasScreenForHost(const GuestDisplaySource::Kind& source) {
 
 }  // namespace
 
-NetworkSummary networkSummary(const DorvaneVMConfig& config, const std::vector<NetworkInterface>& interfaces) {
+NetworkSummary networkSummary(const DorvaneVMConfig& config,
+                              const std::vector<NetworkInterface>& interfaces) {
     const auto network = config.network.value_or(NetworkConfig());
     NetworkSummary summary;
     summary.isIsolated = network.mode == NetworkConfig::Mode::isolated;
@@ -78,7 +79,8 @@ Task<std::optional<VMDisplayInfo>> VMInspector::displayInfo(VMRecordPointer vm) 
     if (const auto& size = vm->displayResolution)
         info.resolution = std::to_string(size->width) + "x" + std::to_string(size->height);
     info.hasUsableDisplay = with_.engine.displayHandle(vm->id).has_value();
-    const auto work = [this, bundle = vm->bundle(), runningMAC = with_.engine.macAddress(vm->id), info]() mutable {
+    const auto work = [this, bundle = vm->bundle(), runningMAC = with_.engine.macAddress(vm->id),
+                       info]() mutable {
         const auto config = readIfPossible(bundle);
         auto mac = runningMAC;
         if (config) {

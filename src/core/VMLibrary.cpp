@@ -69,8 +69,8 @@ void VMLibrary::remove(const VMRecordPointer& record) {
 }
 
 VMRecordPointer VMLibrary::findPublished(const UUID& id) const {
-    const auto found =
-        std::find_if(vms_.begin(), vms_.end(), [&](const auto& vm) { return !vm->isDeleted && vm->id == id; });
+    const auto found = std::find_if(vms_.begin(), vms_.end(),
+                                    [&](const auto& vm) { return !vm->isDeleted && vm->id == id; });
     return found == vms_.end() ? nullptr : *found;
 }
 
@@ -81,8 +81,9 @@ VMRecordPointer VMLibrary::find(const UUID& id) {
 }
 
 bool VMLibrary::isNameTaken(const std::string& name) const {
-    return reservedNames_.contains(name) ||
-           std::any_of(vms_.begin(), vms_.end(), [&](const auto& vm) { return !vm->isDeleted && vm->name == name; });
+    return reservedNames_.contains(name) || std::any_of(vms_.begin(), vms_.end(), [&](const auto& vm) {
+               return !vm->isDeleted && vm->name == name;
+           });
 }
 
 bool VMLibrary::isNameTaken(const std::string& name, const VMRecord& byOtherThan) const {

@@ -44,8 +44,8 @@ class VMLibrary {
     /// Compares without regard to case, with every machine but this one.
     bool isNameTaken(const std::string& name, const VMRecord& byOtherThan) const;
 
-    /// Holds a name and a directory for a machine being made, so that neither a second machine nor a refresh takes
-    /// them meanwhile.
+    /// Holds a name and a directory for a machine being made, so that neither a second machine nor a refresh
+    /// takes them meanwhile.
     class Reservation {
       public:
         /// Throws vmNameCollision, or vmCreationFailed for a directory that is being filled already.

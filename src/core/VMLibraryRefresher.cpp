@@ -16,13 +16,16 @@ const Logger logger("VMService");
 /// What a record mirrors of the machine description.
 struct Hardware {
     explicit Hardware(const DorvaneVMConfig& config)
-        : os(config.os), cpuCount(config.cpuCount), memoryMB(static_cast<std::int64_t>(config.memoryBytes >> 20)),
+        : os(config.os),
+          cpuCount(config.cpuCount),
+          memoryMB(static_cast<std::int64_t>(config.memoryBytes >> 20)),
           diskSizeBytes(static_cast<std::int64_t>(config.diskSizeBytes)),
           resolution{config.display.widthInPixels, config.display.heightInPixels} {}
 
     bool isShown(const VMRecordFields& vm) const {
         return vm.osType == os && vm.backendModeRaw == "native" && vm.cpuCount == cpuCount &&
-               vm.memoryMB == memoryMB && vm.diskSizeBytes == diskSizeBytes && vm.displayResolution == resolution;
+               vm.memoryMB == memoryMB && vm.diskSizeBytes == diskSizeBytes &&
+               vm.displayResolution == resolution;
     }
     void assign(VMRecordFields& vm) const {
         vm.osType = os;
@@ -97,11 +100,13 @@ Task<void> VMLibraryRefresher::refresh() {
     reconcileStatusOfUnreachableVMs(unreachable);
     co_await excludeReturned(unreachable);
     library_.sync();
-    logger.info("Refreshed VM list across %ld storage path(s): %ld VM(s), %ld unreachable, %ld unreadable path(s)",
-                storagePaths.size(), library_.vms().size(), unreachable.size(), found.unreadablePaths);
+    logger.info(
+        "Refreshed VM list across %ld storage path(s): %ld VM(s), %ld unreachable, %ld unreadable path(s)",
+        storagePaths.size(), library_.vms().size(), unreachable.size(), found.unreadablePaths);
 }
 
-std::vector<Path> VMLibraryRefresher::storagePathsToRefresh(const std::vector<VMRecordPointer>& records) const {
+std::vector<Path> VMLibraryRefresher::storagePathsToRefresh(
+    const std::vector<VMRecordPointer>& records) const {
     std::vector<Path> paths{normalized(with_.settings.storagePath())};
     std::unordered_set<std::string> known{paths.front().string()};
     for (const auto& vm : records) {
@@ -120,7 +125,8 @@ Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storag
                         !library_.hasReservations();
     std::set<std::string> awaitingInstallation;
     for (const auto& vm : library_.vms())
-        if (vm->osType == VMOSType::linux && vm->hasPendingInstallerImage()) awaitingInstallation.insert(vm->vmPath);
+        if (vm->osType == VMOSType::linux && vm->hasPendingInstallerImage())
+            awaitingInstallation.insert(vm->vmPath);
 
     Scan result;
     std::unordered_set<std::string> seen;
@@ -130,18 +136,20 @@ Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storag
         for (const auto& removed : folder.removed)
             logger.info("Removed interrupted work from a previous session: %{public}s", removed.string());
         if (folder.failure) {
-            logger.error("Skipping unreadable storage path %{public}s: %{public}s", path.string(), *folder.failure);
+            logger.error("Skipping unreadable storage path %{public}s: %{public}s", path.string(),
+                         *folder.failure);
             ++result.unreadablePaths;
         }
         for (auto& bundle : folder.bundles)
-            if (seen.insert(bundle.bundle.directoryURL.string()).second) result.bundles.push_back(std::move(bundle));
+            if (seen.insert(bundle.bundle.directoryURL.string()).second)
+                result.bundles.push_back(std::move(bundle));
     }
     co_return result;
 }
 
 /// On a background thread: everything that one folder takes is read in one go.
-VMLibraryRefresher::ReadFolder VMLibraryRefresher::readFolder(const Path& storagePath, bool sweeps,
-                                                              const std::set<std::string>& awaitingInstallation) const {
+VMLibraryRefresher::ReadFolder VMLibraryRefresher::readFolder(
+    const Path& storagePath, bool sweeps, const std::set<std::string>& awaitingInstallation) const {
     ReadFolder folder;
     try {
         if (sweeps) folder.removed = VMBundle::sweepInterruptedWork(storagePath);
@@ -163,7 +171,8 @@ VMLibraryRefresher::ReadFolder VMLibraryRefresher::readFolder(const Path& storag
     return folder;
 }
 
-void VMLibraryRefresher::mergeVMs(const std::vector<ReadBundle>& bundles, const std::vector<VMRecordPointer>& records) {
+void VMLibraryRefresher::mergeVMs(const std::vector<ReadBundle>& bundles,
+                                  const std::vector<VMRecordPointer>& records) {
     std::unordered_map<std::string_view, VMRecord*> byPath;
     for (const auto& vm : records) byPath.emplace(vm->vmPath, vm.get());
     bool changed = false;
@@ -186,10 +195,11 @@ bool VMLibraryRefresher::mergeKnown(VMRecord& vm, const ReadBundle& read) {
 }
 
 bool VMLibraryRefresher::adopt(const ReadBundle& read) {
-    // What appears while something is being made or brought in may be that very thing; its maker gives it a record.
-    // And what the scan saw may have been deleted since.
+    // What appears while something is being made or brought in may be that very thing; its maker gives it a
+    // record. And what the scan saw may have been deleted since.
     const auto path = read.bundle.directoryURL.string();
-    if (library_.isReserved(path) || !with_.longOperations.active().empty() || !read.bundle.isValid()) return false;
+    if (library_.isReserved(path) || !with_.longOperations.active().empty() || !read.bundle.isValid())
+        return false;
     const auto vm = std::make_shared<VMRecord>();
     vm->name = read.bundle.name();
     vm->vmPath = path;
@@ -204,8 +214,8 @@ void VMLibraryRefresher::reconcileStatusOfUnreachableVMs(const std::vector<VMRec
     for (const auto& vm : vms) {
         const auto status = with_.engine.status(vm->id).value_or(VMStatus::stopped);
         if (vm->status == status) continue;
-        logger.info("VM %{public}s bundle unreachable at %{public}s; status %{public}s -> %{public}s", vm->name,
-                    vm->vmPath, rawValue(vm->status), rawValue(status));
+        logger.info("VM %{public}s bundle unreachable at %{public}s; status %{public}s -> %{public}s",
+                    vm->name, vm->vmPath, rawValue(vm->status), rawValue(status));
         vm->status = status;
         vm->updatedAt = now();
         changed = true;

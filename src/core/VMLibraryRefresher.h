@@ -7,7 +7,8 @@
 
 namespace dorvane {
 
-/// Main thread only. Two overlapping refreshes are fine: each merge is whole, and merging twice changes nothing.
+/// Main thread only. Two overlapping refreshes are fine: each merge is whole, and merging twice changes
+/// nothing.
 class VMLibraryRefresher {
   public:
     /// A bundle as it was read.
@@ -23,13 +24,14 @@ class VMLibraryRefresher {
                        InstallerBootFlow& flow)
         : with_(with), library_(library), access_(access), flow_(flow) {}
 
-    /// Never removes a record. A folder or a bundle that can't be read stops nothing else. Throws the store's error.
+    /// Never removes a record. A folder or a bundle that can't be read stops nothing else. Throws the store's
+    /// error.
     Task<void> refresh();
 
     /// The folder for new machines, then the folder of each record, without duplicates.
     std::vector<Path> storagePathsToRefresh(const std::vector<VMRecordPointer>& records) const;
-    /// Takes over what the bundles say about hardware and the engine about status, makes records for bundles without
-    /// one, and saves when anything changed.
+    /// Takes over what the bundles say about hardware and the engine about status, makes records for bundles
+    /// without one, and saves when anything changed.
     void mergeVMs(const std::vector<ReadBundle>& bundles, const std::vector<VMRecordPointer>& records);
 
   private:
@@ -37,7 +39,8 @@ class VMLibraryRefresher {
     struct Scan;
 
     Task<Scan> scan(std::vector<Path> storagePaths);
-    ReadFolder readFolder(const Path& storagePath, bool sweeps, const std::set<std::string>& awaitingInstallation) const;
+    ReadFolder readFolder(const Path& storagePath, bool sweeps,
+                          const std::set<std::string>& awaitingInstallation) const;
     bool mergeKnown(VMRecord& vm, const ReadBundle& read);
     bool adopt(const ReadBundle& read);
     void reconcileStatusOfUnreachableVMs(const std::vector<VMRecordPointer>& vms);

@@ -24,7 +24,8 @@ void requireReachable(const VMBundle& bundle) {
     std::error_code ignored;
     if (!std::filesystem::exists(bundle.directoryURL, ignored))
         throw refusal(
-            "Dorvane can't read this VM's files at %@. If they are on an external disk, connect it. Otherwise choose "
+            "Dorvane can't read this VM's files at %@. If they are on an external disk, connect it. "
+            "Otherwise choose "
             "the folder again in Settings > Storage.",
             bundle.directoryURL.string());
     requireComplete(bundle, DorvaneError::Case::invalidConfiguration);
@@ -58,7 +59,8 @@ void applyShares(bool enabled, DorvaneVMConfig& config, const WindowsGuestSuppor
     config.windowsShares = shares;
 }
 
-void applyWindowsFields(const VMConfiguration& request, DorvaneVMConfig& config, const WindowsGuestSupport* support) {
+void applyWindowsFields(const VMConfiguration& request, DorvaneVMConfig& config,
+                        const WindowsGuestSupport* support) {
     assignGiven(config.windowsClipboard, request.windowsClipboard);
     if (request.windowsShares) applyShares(*request.windowsShares, config, support);
     assignGiven(config.windowsFileDrop, request.windowsFileDrop);

@@ -18,8 +18,9 @@ class VMReconfigurer {
                    const VMRunControl& runControl)
         : with_(with), library_(library), access_(access), runControl_(runControl) {}
 
-    /// Absent request fields keep what is there; fields of another guest family are ignored. Everything is checked
-    /// before anything is written. Throws vmBusy, invalidConfiguration, FileError or the disk tool's error.
+    /// Absent request fields keep what is there; fields of another guest family are ignored. Everything is
+    /// checked before anything is written. Throws vmBusy, invalidConfiguration, FileError or the disk tool's
+    /// error.
     Task<void> update(VMRecordPointer vm, VMConfiguration request);
 
     /// Grows a disk to a size in bytes; the guest's partition stays as it is. Blocking, any thread.
@@ -34,8 +35,8 @@ class VMReconfigurer {
     const VMRunControl& runControl_;
 };
 
-/// The machine description with the request applied. Throws invalidConfiguration. Pure, but for the port and the
-/// token of shares that are set for the first time.
+/// The machine description with the request applied. Throws invalidConfiguration. Pure, but for the port and
+/// the token of shares that are set for the first time.
 DorvaneVMConfig applying(const VMConfiguration& request, DorvaneVMConfig config, const HostSystem& host,
                          const WindowsGuestSupport* windowsSupport);
 

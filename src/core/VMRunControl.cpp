@@ -21,7 +21,9 @@ constexpr auto clockSyncDelay = seconds(4.0);
 /// Marks a machine as being started, on every way out.
 class StartMark {
   public:
-    StartMark(std::set<UUID>& starting, const UUID& id) : starting_(starting), id_(id) { starting_.insert(id_); }
+    StartMark(std::set<UUID>& starting, const UUID& id) : starting_(starting), id_(id) {
+        starting_.insert(id_);
+    }
     StartMark(const StartMark&) = delete;
     StartMark& operator=(const StartMark&) = delete;
     ~StartMark() { starting_.erase(id_); }
@@ -158,11 +160,13 @@ Task<void> VMRunControl::restart(VMRecordPointer vm) {
 }
 
 Task<void> VMRunControl::pause(VMRecordPointer vm) {
-    return change(std::move(vm), VMStatus::running, &VMEngineProtocol::pause, VMStatus::paused, "Paused VM: %s");
+    return change(std::move(vm), VMStatus::running, &VMEngineProtocol::pause, VMStatus::paused,
+                  "Paused VM: %s");
 }
 
 Task<void> VMRunControl::resume(VMRecordPointer vm) {
-    return change(std::move(vm), VMStatus::paused, &VMEngineProtocol::resume, VMStatus::running, "Resumed VM: %s");
+    return change(std::move(vm), VMStatus::paused, &VMEngineProtocol::resume, VMStatus::running,
+                  "Resumed VM: %s");
 }
 
 Task<void> VMRunControl::change(VMRecordPointer vm, VMStatus from, EngineOperation operation, VMStatus to,

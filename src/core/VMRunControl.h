@@ -8,13 +8,17 @@
 
 namespace dorvane {
 
-/// Main thread only. Every operation tests the gate and takes no place in it. Throws vmBusy, vmAlreadyRunning,
-/// vmNotRunning, invalidConfiguration, vmStartupFailed, or the engine's own error.
+/// Main thread only. Every operation tests the gate and takes no place in it. Throws vmBusy,
+/// vmAlreadyRunning, vmNotRunning, invalidConfiguration, vmStartupFailed, or the engine's own error.
 class VMRunControl {
   public:
-    VMRunControl(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access, InstallerBootFlow& flow,
-                 VMStatusWatcher& watcher)
-        : with_(with), library_(library), access_(access), flow_(flow), watcher_(watcher),
+    VMRunControl(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access,
+                 InstallerBootFlow& flow, VMStatusWatcher& watcher)
+        : with_(with),
+          library_(library),
+          access_(access),
+          flow_(flow),
+          watcher_(watcher),
           attachmentsBuilder_(with.agentPayload) {}
 
     Task<void> start(VMRecordPointer vm);
@@ -41,7 +45,8 @@ class VMRunControl {
     Task<Plan> prepare(VMRecordPointer vm);
     void noteFailedStart(VMRecord& vm);
     void noteStart(VMRecord& vm);
-    Task<void> change(VMRecordPointer vm, VMStatus from, EngineOperation operation, VMStatus to, const char* logText);
+    Task<void> change(VMRecordPointer vm, VMStatus from, EngineOperation operation, VMStatus to,
+                      const char* logText);
     void scheduleGuestClockSync(const VMRecordPointer& vm);
     Date now() const { return with_.runtime.clock.date(); }
 

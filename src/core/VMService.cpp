@@ -53,9 +53,11 @@ void VMService::Parts::rename(VMRecord& vm, const std::string& wanted) {
     logger.info("Renamed VM %{public}s to %{public}s", before, name);
 }
 
-VMService::VMService(VMServiceCollaborators collaborators) : parts_(std::make_unique<Parts>(std::move(collaborators))) {
+VMService::VMService(VMServiceCollaborators collaborators)
+    : parts_(std::make_unique<Parts>(std::move(collaborators))) {
     listSubscription_ = parts_->library.published.connect([this] { vmsChanged(); });
-    phaseSubscription_ = parts_->creator.macOSInstallPhaseChanged.connect([this] { macOSInstallPhaseChanged(); });
+    phaseSubscription_ =
+        parts_->creator.macOSInstallPhaseChanged.connect([this] { macOSInstallPhaseChanged(); });
 }
 
 VMService::~VMService() = default;
@@ -119,7 +121,9 @@ std::optional<std::string> VMService::lastFailureReason(const VMRecord& vm) cons
     return parts_->inspector.lastFailureReason(vm);
 }
 
-bool VMService::lastStopWasForced(const VMRecord& vm) const { return parts_->inspector.lastStopWasForced(vm); }
+bool VMService::lastStopWasForced(const VMRecord& vm) const {
+    return parts_->inspector.lastStopWasForced(vm);
+}
 
 Task<std::optional<VMDisplayInfo>> VMService::getVMDisplayInfo(VMRecordPointer vm) {
     return parts_->inspector.displayInfo(std::move(vm));

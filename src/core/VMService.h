@@ -7,7 +7,8 @@
 
 namespace dorvane {
 
-/// Main thread only; one object a process. It only joins its parts, each of which stands in a file of its own:
+/// Main thread only; one object a process. It only joins its parts, each of which stands in a file of its
+/// own:
 ///
 ///   VMLibrary            the published list and the store behind it
 ///   VMAccess             access to the paths that the user chose

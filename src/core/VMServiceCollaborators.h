@@ -27,8 +27,8 @@
 
 namespace dorvane {
 
-/// All of it outlives the service. What another folder implements is null where this build or host lacks it; the
-/// operation that needs it then says so.
+/// All of it outlives the service. What another folder implements is null where this build or host lacks it;
+/// the operation that needs it then says so.
 struct VMServiceCollaborators {
     const Runtime& runtime;
     VMEngineProtocol& engine;

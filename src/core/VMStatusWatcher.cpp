@@ -8,8 +8,9 @@ void VMStatusWatcher::watch(const UUID& vmID) {
     auto stream = with_.engine.statusUpdates(vmID);
     if (!stream) return;
     const auto number = nextNumber_++;
-    watchers_[vmID] = {number, spawn(with_.runtime.main.executor(),
-                                     follow(weak_from_this(), vmID, number, std::move(*stream)), "watchEngineStatus")};
+    watchers_[vmID] = {
+        number, spawn(with_.runtime.main.executor(),
+                      follow(weak_from_this(), vmID, number, std::move(*stream)), "watchEngineStatus")};
 }
 
 std::shared_ptr<VMStatusWatcher> VMStatusWatcher::current(const std::weak_ptr<VMStatusWatcher>& weak,

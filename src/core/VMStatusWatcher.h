@@ -13,7 +13,8 @@ namespace dorvane {
 /// Main thread only. Held by one shared pointer: a task that outlives the service finds it gone and ends.
 class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
   public:
-    VMStatusWatcher(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access, InstallerBootFlow& flow)
+    VMStatusWatcher(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access,
+                    InstallerBootFlow& flow)
         : with_(with), library_(library), access_(access), flow_(flow) {}
 
     /// Follows the engine's stream for this machine; the stream's end sets "stopped". There is one watcher a
@@ -32,11 +33,12 @@ class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
     // The tasks hold the watcher only between their suspensions.
     static Task<void> follow(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
                              AsyncStream<VMStatus> stream);
-    static Task<void> apply(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number, VMStatus status);
-    /// Null when the service has gone, or when this watcher was forgotten: what was on its way to it then belongs
-    /// to an earlier run of the machine.
-    static std::shared_ptr<VMStatusWatcher> current(const std::weak_ptr<VMStatusWatcher>& weak, const UUID& vmID,
-                                                    std::uint64_t number);
+    static Task<void> apply(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
+                            VMStatus status);
+    /// Null when the service has gone, or when this watcher was forgotten: what was on its way to it then
+    /// belongs to an earlier run of the machine.
+    static std::shared_ptr<VMStatusWatcher> current(const std::weak_ptr<VMStatusWatcher>& weak,
+                                                    const UUID& vmID, std::uint64_t number);
     VMRecordPointer takeOver(VMStatus status, const UUID& vmID);
     void keep(VMRecord& vm, bool showsInstalledSystem);
 

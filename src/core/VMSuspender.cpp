@@ -13,7 +13,9 @@ using Case = DorvaneError::Case;
 
 const Logger logger("VMService");
 
-DorvaneError refusal(const char* message) { return DorvaneError(Case::invalidConfiguration, localized(message)); }
+DorvaneError refusal(const char* message) {
+    return DorvaneError(Case::invalidConfiguration, localized(message));
+}
 
 }  // namespace
 
@@ -63,7 +65,9 @@ Task<void> VMSuspender::suspend(VMRecordPointer vm) {
 
 Task<void> VMSuspender::saveAndPowerOff(UUID vmID, VMBundle bundle, DorvaneVMConfig config) {
     co_await with_.engine.saveState(vmID, bundle.savedState());
-    const auto writeHash = [&bundle, &config] { writeFileAtomically(bundle.savedStateHash(), configHash(config)); };
+    const auto writeHash = [&bundle, &config] {
+        writeFileAtomically(bundle.savedStateHash(), configHash(config));
+    };
     co_await with_.runtime.background.run(writeHash);
     co_await with_.engine.stop(vmID, true);
 }
@@ -76,7 +80,8 @@ Task<void> VMSuspender::abandon(VMRecordPointer vm, bool wasPausedHere) {
         try {
             co_await with_.engine.resume(vm->id);
         } catch (const std::exception& error) {
-            logger.error("Could not resume %{public}s after a failed suspend: %{public}s", vm->name, error.what());
+            logger.error("Could not resume %{public}s after a failed suspend: %{public}s", vm->name,
+                         error.what());
         }
     }
     vm->status = VMStatus::running;

@@ -14,8 +14,9 @@ class VMSuspender {
     VMSuspender(const VMServiceCollaborators& with, VMLibrary& library, VMAccess& access)
         : with_(with), library_(library), access_(access) {}
 
-    /// Holds the gate throughout. Until the power goes off, a failure leaves the guest running as if nothing had
-    /// happened. Throws vmBusy, vmNotRunning, invalidConfiguration, vmStartupFailed, or the engine's own error.
+    /// Holds the gate throughout. Until the power goes off, a failure leaves the guest running as if nothing
+    /// had happened. Throws vmBusy, vmNotRunning, invalidConfiguration, vmStartupFailed, or the engine's own
+    /// error.
     Task<void> suspend(VMRecordPointer vm);
     Task<void> discardSuspendedState(VMRecordPointer vm);
 

@@ -89,7 +89,8 @@ TEST_F(EngineRouterTest, aFailedLaunchLeavesNoRoute) {
 
 TEST_F(EngineRouterTest, theRouteStandsWhileTheLaunchTakesItsTime) {
     const auto release = qemu.hold("launch");
-    auto launch = spawn(host.runtime().main.executor(), router.launch(id, bundle(VMOSType::windows), {}), "launch");
+    auto launch =
+        spawn(host.runtime().main.executor(), router.launch(id, bundle(VMOSType::windows), {}), "launch");
     host.settle();
     qemu.adopt(id, VMStatus::starting);
     native.adopt(id, VMStatus::paused);

@@ -62,8 +62,8 @@ class HalfwayFileManager : public FakeFileManager {
 
 TEST_F(VMClonerTest, whicheverStepFailsNothingIsLeftAndTheSourceIsUntouched) {
     HalfwayFileManager breaking(folder / "Trash");
-    auto with = VMServiceCollaborators{host.runtime(), engine, settings, gate, operations, breaking, system, disposer,
-                                       bookmarks};
+    auto with = VMServiceCollaborators{host.runtime(), engine, settings, gate,     operations,
+                                       breaking,       system, disposer, bookmarks};
     with.modelContext = &context;
     with.diskFlattening = &flattening;
     VMService cloning(std::move(with));
@@ -84,15 +84,18 @@ TEST_F(VMClonerTest, whicheverStepFailsNothingIsLeftAndTheSourceIsUntouched) {
     const auto restoreFlattening = [&] { flattening.action = flatten; };
     const std::vector<Fault> faults{
         {"copy", [&] { breaking.breaks = true; }, [&] { breaking.breaks = false; }, Case::vmCloneFailed},
-        {"flatten", flatteningDoes([](const VMBundle&) { throw std::runtime_error("no tool"); }), restoreFlattening,
-         Case::vmCloneFailed},
-        {"read", flatteningDoes([](const VMBundle& copy) { writeFileAtomically(copy.configFile(), "garbage"); }),
+        {"flatten", flatteningDoes([](const VMBundle&) { throw std::runtime_error("no tool"); }),
          restoreFlattening, Case::vmCloneFailed},
-        {"move into place",
-         flatteningDoes([&](const VMBundle&) { std::filesystem::create_directories(storage / "copy" / "taken"); }),
+        {"read",
+         flatteningDoes([](const VMBundle& copy) { writeFileAtomically(copy.configFile(), "garbage"); }),
+         restoreFlattening, Case::vmCloneFailed},
+        {"move into place", flatteningDoes([&](const VMBundle&) {
+             std::filesystem::create_directories(storage / "copy" / "taken");
+         }),
          [&] {
              restoreFlattening();
-             EXPECT_TRUE(std::filesystem::remove(storage / "copy" / "taken")) << "somebody else's, left alone";
+             EXPECT_TRUE(std::filesystem::remove(storage / "copy" / "taken"))
+                 << "somebody else's, left alone";
              std::filesystem::remove(storage / "copy");
          },
          Case::vmCloneFailed},
@@ -135,7 +138,9 @@ TEST_F(VMClonerTest, withoutADiskToolOnlyLayeredDisksAreRefused) {
     VMService bare(std::move(with));
     const auto source = addSource();
     run(bare.refreshVMList());
-    EXPECT_NE(failureOf(bare.cloneVM(source, "copy")).text().find("The disk image tool is missing from this build."),
+    EXPECT_NE(failureOf(bare.cloneVM(source, "copy"))
+                  .text()
+                  .find("The disk image tool is missing from this build."),
               std::string::npos);
     std::filesystem::remove_all(source->bundle().snapshotsDirectory());
     EXPECT_NO_THROW(run(bare.cloneVM(source, "copy")));
@@ -144,14 +149,16 @@ TEST_F(VMClonerTest, withoutADiskToolOnlyLayeredDisksAreRefused) {
 TEST_F(VMClonerTest, aRefreshDuringTheCopyNeitherAdoptsNorSweepsIt) {
     const auto source = addSource();
     flattening.action = [&](const VMBundle& copy) {
-        // The main thread goes on while this one works: both the half copy and the finished one are seen by scans.
+        // The main thread goes on while this one works: both the half copy and the finished one are seen by
+        // scans.
         EXPECT_NE(copy.directoryURL, storage / "copy");
         EXPECT_TRUE(copy.isValid());
     };
-    auto clone = spawn(host.runtime().main.executor(),
-                       [](VMService& vms, VMRecordPointer vm) -> Task<void> { co_await vms.cloneVM(vm, "copy"); }(
-                           service, source),
-                       "clone");
+    auto clone = spawn(
+        host.runtime().main.executor(),
+        [](VMService& vms, VMRecordPointer vm) -> Task<void> { co_await vms.cloneVM(vm, "copy"); }(service,
+                                                                                                   source),
+        "clone");
     auto refresh = spawn(host.runtime().main.executor(), service.refreshVMList(), "refresh");
     host.driveUntil([&] { return clone.isFinished() && refresh.isFinished(); });
     EXPECT_EQ(context.fetchRecords().size(), 2u);

@@ -71,7 +71,8 @@ TEST_F(VMCreatorTest, saysWhyAFamilyCannotBeMade) {
 TEST_F(VMCreatorTest, refusesBadRequestsAndTakenNames) {
     VMConfiguration tooMany;
     tooMany.cpuCount = 1025;
-    EXPECT_EQ(failureOf(service.createVM("vm", VMOSType::linux, tooMany)).which(), Case::invalidConfiguration);
+    EXPECT_EQ(failureOf(service.createVM("vm", VMOSType::linux, tooMany)).which(),
+              Case::invalidConfiguration);
     EXPECT_EQ(failureOf(service.createVM("../vm", VMOSType::linux, {})).which(), Case::invalidConfiguration);
     expectNothingLeft();
     addVM("alpha");
@@ -96,14 +97,16 @@ TEST_F(VMCreatorTest, aFailureOfDiskOrStoreLeavesNothing) {
 TEST_F(VMCreatorTest, twoAtOnceWithOneNameMakeOneMachine) {
     VMConfiguration elsewhere;
     elsewhere.storagePath = (folder / "other").string();
-    auto first = spawn(host.runtime().main.executor(),
-                       [](VMService& vms) -> Task<void> { co_await vms.createVM("alpha", VMOSType::linux, {}); }(service),
-                       "first");
-    auto second = spawn(host.runtime().main.executor(),
-                        [](VMService& vms, VMConfiguration request) -> Task<void> {
-                            co_await vms.createVM("alpha", VMOSType::linux, std::move(request));
-                        }(service, elsewhere),
-                        "second");
+    auto first = spawn(
+        host.runtime().main.executor(),
+        [](VMService& vms) -> Task<void> { co_await vms.createVM("alpha", VMOSType::linux, {}); }(service),
+        "first");
+    auto second = spawn(
+        host.runtime().main.executor(),
+        [](VMService& vms, VMConfiguration request) -> Task<void> {
+            co_await vms.createVM("alpha", VMOSType::linux, std::move(request));
+        }(service, elsewhere),
+        "second");
     auto refresh = spawn(host.runtime().main.executor(), service.refreshVMList(), "refresh");
     host.driveUntil([&] { return first.isFinished() && second.isFinished() && refresh.isFinished(); });
     EXPECT_EQ(context.fetchRecords().size(), 1u);
@@ -131,7 +134,9 @@ class FakeProvisioningStore : public GuestProvisioningStoring {
     void validate(const MacProvisioningDraft& draft) const override {
         if (draft.request.username.empty()) throw DorvaneError(Case::invalidConfiguration, "no user name");
     }
-    void save(const UUID& vmID, const VMBundle&, const MacProvisioningDraft&) override { waiting.insert(vmID); }
+    void save(const UUID& vmID, const VMBundle&, const MacProvisioningDraft&) override {
+        waiting.insert(vmID);
+    }
     void discard(const UUID& vmID, const VMBundle&) override { waiting.erase(vmID); }
     std::set<UUID> waiting;
 };

@@ -17,7 +17,8 @@ TEST_F(VMDeleterTest, movesToTheTrashOrErases) {
     EXPECT_TRUE(std::filesystem::exists(folder.path() / "Trash" / "alpha" / "config.json"));
     EXPECT_TRUE(service.vms().empty());
     EXPECT_TRUE(context.fetchSnapshots(vm->id).empty());
-    EXPECT_TRUE(log.contains("Deleted VM: alpha (moved to Trash: " + (folder / "Trash").string() + "/alpha)"));
+    EXPECT_TRUE(
+        log.contains("Deleted VM: alpha (moved to Trash: " + (folder / "Trash").string() + "/alpha)"));
 
     const auto other = addVM("beta");
     run(service.deleteVM(other, true));

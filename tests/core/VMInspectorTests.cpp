@@ -92,7 +92,9 @@ TEST_F(VMInspectorTest, knowsTheForwardedSSHPortWhileItIsOn) {
     const auto vm = addVM("win", VMOSType::windows);
     EXPECT_FALSE(run(service.sshForwardedPort(vm)));
     for (const bool enabled : {true, false}) {
-        writeConfig(vm->bundle(), [&](auto& config) { config.windowsSSH = WindowsSSHConfig{enabled, 47105}; });
+        writeConfig(vm->bundle(), [&](auto& config) {
+            config.windowsSSH = WindowsSSHConfig{enabled, 47105};
+        });
         EXPECT_EQ(run(service.sshForwardedPort(vm)), enabled ? std::optional(47105) : std::nullopt);
     }
     std::filesystem::remove(vm->bundle().configFile());

@@ -31,7 +31,8 @@ TEST_F(VMLibraryRefresherTest, aBundlePutThereByHandBecomesAMachine) {
     EXPECT_EQ(vm->status, VMStatus::stopped);
     EXPECT_EQ(vm->createdAt, host.clock().date());
     EXPECT_TRUE(files.isExcludedFromBackup(bundle.directoryURL));
-    EXPECT_TRUE(log.contains("Refreshed VM list across 1 storage path(s): 1 VM(s), 0 unreachable, 0 unreadable"));
+    EXPECT_TRUE(
+        log.contains("Refreshed VM list across 1 storage path(s): 1 VM(s), 0 unreachable, 0 unreadable"));
 }
 
 TEST_F(VMLibraryRefresherTest, aWarmRefreshSavesNothing) {
@@ -209,7 +210,8 @@ TEST_F(VMLibraryRefresherTest, opensAccessOnlyWhileItLooks) {
     run(looking.refreshVMList());
     EXPECT_EQ(openDuringScan, 1u);
     EXPECT_TRUE(resources.open.empty());
-    EXPECT_EQ(vm->bookmarksByPath->at("/old/disc.iso"), toBytes("fresh:/old/disc.iso")) << "a stale one is renewed";
+    EXPECT_EQ(vm->bookmarksByPath->at("/old/disc.iso"), toBytes("fresh:/old/disc.iso"))
+        << "a stale one is renewed";
 }
 
 }  // namespace

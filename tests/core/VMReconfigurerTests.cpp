@@ -52,7 +52,8 @@ TEST_F(VMReconfigurerTest, aDiskOnlyGrows) {
     VMConfiguration request;
     const auto linux = addVM("alpha");
     request.diskSizeGB = 31;
-    EXPECT_EQ(refusalOf(linux, request), refusal("The system disk can only grow; shrinking is not supported."));
+    EXPECT_EQ(refusalOf(linux, request),
+              refusal("The system disk can only grow; shrinking is not supported."));
     request.diskSizeGB = 40;
     EXPECT_EQ(update(linux, request).diskSizeBytes, std::uint64_t{40} << 30);
     EXPECT_EQ(linux->bundle().diskImageLogicalSize(), std::uint64_t{40} << 30);
@@ -80,7 +81,8 @@ TEST_F(VMReconfigurerTest, refusalsChangeNothing) {
     request.diskSizeGB = 64;
     request.linuxSecureBoot = true;
     system.osVersion = {26, 5, 0};
-    EXPECT_EQ(refusalOf(vm, request), refusal("Secure Boot for Linux guests needs macOS 27 or later on this Mac."));
+    EXPECT_EQ(refusalOf(vm, request),
+              refusal("Secure Boot for Linux guests needs macOS 27 or later on this Mac."));
     run(service.startVM(vm));
     EXPECT_EQ(refusalOf(vm, {}), refusal("Shut down the VM before changing its configuration."));
     run(service.stopVM(vm, true));
@@ -100,7 +102,9 @@ TEST_F(VMReconfigurerTest, sharesKeepTheirAddressOnceTheyHaveOne) {
     request.windowsShares = true;
     EXPECT_EQ(update(vm, request).windowsShares, (WindowsSharesConfig{true, 47007, "secret"}));
     EXPECT_FALSE(std::filesystem::exists(vm->bundle().rawDisk())) << "the stray empty disk goes";
-    writeConfig(vm->bundle(), [](auto& config) { config.windowsShares = WindowsSharesConfig{true, 47050, "old"}; });
+    writeConfig(vm->bundle(), [](auto& config) {
+        config.windowsShares = WindowsSharesConfig{true, 47050, "old"};
+    });
     request.windowsShares = false;
     EXPECT_EQ(update(vm, request).windowsShares, (WindowsSharesConfig{false, 47050, "old"}));
     request.windowsShares = true;

@@ -8,8 +8,12 @@ using testing::ElementsAre;
 
 class VMRunControlTest : public VMServiceTest {
   protected:
-    void allowPath(const VMRecordPointer& vm) { vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso"); }
-    TaskHandle begin(Task<void> task) { return spawn(host.runtime().main.executor(), std::move(task), "test"); }
+    void allowPath(const VMRecordPointer& vm) {
+        vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso");
+    }
+    TaskHandle begin(Task<void> task) {
+        return spawn(host.runtime().main.executor(), std::move(task), "test");
+    }
 };
 
 TEST_F(VMRunControlTest, startsAndStopsWithStatusDatesAndAccess) {
@@ -194,7 +198,9 @@ TEST_F(VMRunControlTest, aStopEndsTheInstallationThatTheGuestHasFinished) {
 
 TEST_F(VMRunControlTest, pushesTheClockOnlyIntoAWindowsGuestThatCameBack) {
     const auto vm = addVM("alpha", VMOSType::windows);
-    writeConfig(vm->bundle(), [](DorvaneVMConfig& config) { config.windowsSSH = WindowsSSHConfig{true, 47105}; });
+    writeConfig(vm->bundle(), [](DorvaneVMConfig& config) {
+        config.windowsSSH = WindowsSSHConfig{true, 47105};
+    });
     run(service.startVM(vm));
     run(service.suspendVM(vm));
     EXPECT_TRUE(clockSync.pushes.empty());

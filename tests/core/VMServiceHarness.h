@@ -55,7 +55,9 @@ class FakeDiskImageTool : public DiskImageTool {
         if (fails) throw std::runtime_error("the tool failed");
         writeFileAtomically(path, "qcow2 " + std::to_string(sizeBytes));
     }
-    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override { createImage(path, sizeBytes); }
+    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override {
+        createImage(path, sizeBytes);
+    }
 
     bool fails = false;
 };
@@ -95,8 +97,8 @@ class FakeClockSync : public GuestClockSyncing {
   public:
     Task<bool> syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning, int attempts,
                                 Duration delay) override {
-        pushes.push_back(vm->name + ":" + std::to_string(port) + (isVMRunning() ? " running" : " stopped") + " " +
-                         std::to_string(attempts) + "x" + std::to_string(delay / seconds(1)));
+        pushes.push_back(vm->name + ":" + std::to_string(port) + (isVMRunning() ? " running" : " stopped") +
+                         " " + std::to_string(attempts) + "x" + std::to_string(delay / seconds(1)));
         co_return true;
     }
     std::vector<std::string> pushes;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// An engine without machines that keeps state as a real one does: statuses, streams, stop reasons, saved states.
+// An engine without machines that keeps state as a real one does: statuses, streams, stop reasons, saved
+// states.
 #pragma once
 
 #include <map>
