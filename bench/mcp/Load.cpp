@@ -20,7 +20,8 @@ using SteadyClock = std::chrono::steady_clock;
 std::string requestText(const ServerChild& server) {
     const std::string body = R"({"jsonrpc":"2.0","id":1,"method":"tools/list"})";
     return "POST /mcp/" + server.token() + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.port()) +
-           "\r\nContent-Type: application/json\r\nAccept: application/json, text/event-stream\r\nContent-Length: " +
+           "\r\nContent-Type: application/json\r\nAccept: application/json, "
+           "text/event-stream\r\nContent-Length: " +
            std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 
@@ -38,7 +39,8 @@ FileDescriptor connectTo(int port) {
 /// Sends the request and reads until the server closes; the answer stands in `buffer`.
 void exchange(int port, const std::string& request, std::string& buffer) {
     const auto fd = connectTo(port);
-    if (::send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size()))
+    if (::send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(request.size()))
         throw std::runtime_error("could not send");
     buffer.resize(65536);
     std::size_t size = 0;
@@ -54,7 +56,8 @@ void exchange(int port, const std::string& request, std::string& buffer) {
 std::size_t countTools(const std::string& answer) {
     constexpr std::string_view mark = "\"inputSchema\"";
     std::size_t count = 0;
-    for (auto at = answer.find(mark); at != std::string::npos; at = answer.find(mark, at + mark.size())) ++count;
+    for (auto at = answer.find(mark); at != std::string::npos; at = answer.find(mark, at + mark.size()))
+        ++count;
     return answer.starts_with("HTTP/1.1 200 ") ? count : 0;
 }
 
@@ -79,7 +82,8 @@ class Clients {
         try {
             while (SteadyClock::now() < until) {
                 exchange(port_, request_, answer);
-                if (countTools(answer) < tools_) throw std::runtime_error("unexpected answer: " + answer.substr(0, 200));
+                if (countTools(answer) < tools_)
+                    throw std::runtime_error("unexpected answer: " + answer.substr(0, 200));
                 ++done;
             }
         } catch (...) {
@@ -103,7 +107,8 @@ LoadResult runLoad(const ServerChild& server, int clients, double seconds, std::
     LoadResult result;
     const auto cpuBefore = server.cpuSeconds();
     const auto start = SteadyClock::now();
-    const auto until = start + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(seconds));
+    const auto until =
+        start + std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(seconds));
     result.requests = Clients(server, tools).run(clients, until);
     result.seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
     result.serverCPUSeconds = server.cpuSeconds() - cpuBefore;

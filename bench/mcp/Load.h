@@ -17,12 +17,12 @@ struct LoadResult {
     double cpuMicrosecondsPerRequest() const { return serverCPUSeconds / double(requests) * 1e6; }
 };
 
-/// Runs `clients` threads for `seconds`. Every answer must list at least `tools` tools; throws std::runtime_error for
-/// the first that doesn't.
+/// Runs `clients` threads for `seconds`. Every answer must list at least `tools` tools; throws
+/// std::runtime_error for the first that doesn't.
 LoadResult runLoad(const ServerChild& server, int clients, double seconds, std::size_t tools);
 
-/// Holds 16 idle connections and says whether the seventeenth is closed without a reply, and whether the server
-/// answers again once they are gone.
+/// Holds 16 idle connections and says whether the seventeenth is closed without a reply, and whether the
+/// server answers again once they are gone.
 bool refusesSeventeenth(const ServerChild& server);
 
 }  // namespace dorvane::bench

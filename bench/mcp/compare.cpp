@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// `tools/list` over new connections, asked of this program's MCP server and of one made with the public SDK from npm,
-// in turns in one run; prints rates, server CPU per request and the ratios:
+// `tools/list` over new connections, asked of this program's MCP server and of one made with the public SDK
+// from npm, in turns in one run; prints rates, server CPU per request and the ratios:
 //
 //   dorvane_bench_mcp [--rounds N] [--seconds S] [--clients C]
 #include <csignal>
@@ -32,7 +32,8 @@ Options parse(int count, char** arguments) {
 }
 
 void add(LoadResult& total, const LoadResult& one, const char* name) {
-    std::printf("  %-8s %9.0f requests/s  %8.1f us CPU/request\n", name, one.rate(), one.cpuMicrosecondsPerRequest());
+    std::printf("  %-8s %9.0f requests/s  %8.1f us CPU/request\n", name, one.rate(),
+                one.cpuMicrosecondsPerRequest());
     std::fflush(stdout);
     total.requests += one.requests;
     total.seconds += one.seconds;
@@ -50,10 +51,11 @@ int run(const Options& options) {
         add(theirTotal, runLoad(theirs, options.clients, options.seconds, toolCount), "sdk");
         add(ourTotal, runLoad(ours, options.clients, options.seconds, toolCount), "dorvane");
     }
-    std::printf("all: %.1f times the rate (%.0f to %.0f per second), %.3f of the CPU per request (%.1f to %.1f us)\n",
-                ourTotal.rate() / theirTotal.rate(), ourTotal.rate(), theirTotal.rate(),
-                ourTotal.cpuMicrosecondsPerRequest() / theirTotal.cpuMicrosecondsPerRequest(),
-                ourTotal.cpuMicrosecondsPerRequest(), theirTotal.cpuMicrosecondsPerRequest());
+    std::printf(
+        "all: %.1f times the rate (%.0f to %.0f per second), %.3f of the CPU per request (%.1f to %.1f us)\n",
+        ourTotal.rate() / theirTotal.rate(), ourTotal.rate(), theirTotal.rate(),
+        ourTotal.cpuMicrosecondsPerRequest() / theirTotal.cpuMicrosecondsPerRequest(),
+        ourTotal.cpuMicrosecondsPerRequest(), theirTotal.cpuMicrosecondsPerRequest());
     const bool refuses = refusesSeventeenth(ours);
     std::printf("16 held connections, the 17th refused: %s\n", refuses ? "yes" : "NO");
     return refuses ? 0 : 1;

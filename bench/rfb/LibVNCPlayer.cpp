@@ -26,7 +26,8 @@ struct CleanUp {
 
 double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCount, Bytes& screen) {
     rfbClientLog = beSilent;
-    const std::unique_ptr<rfbClient, CleanUp> client(rfbGetClient(bitsPerSample, samplesPerPixel, bytesPerPixel));
+    const std::unique_ptr<rfbClient, CleanUp> client(
+        rfbGetClient(bitsPerSample, samplesPerPixel, bytesPerPixel));
     client->width = recording.width;
     client->height = recording.height;
     client->si.framebufferWidth = static_cast<std::uint16_t>(recording.width);

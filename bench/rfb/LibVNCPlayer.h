@@ -6,8 +6,9 @@
 
 namespace dorvane::bench {
 
-/// Plays the recording's `messageCount` server messages from `fd` with all decoder state new. `screen` has the recording's size at 32 bits a pixel. Returns the CPU seconds of this thread
-/// that it took. Throws std::runtime_error when the library gives up.
+/// Plays the recording's `messageCount` server messages from `fd` with all decoder state new. `screen` has
+/// the recording's size at 32 bits a pixel. Returns the CPU seconds of this thread that it took. Throws
+/// std::runtime_error when the library gives up.
 double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCount, Bytes& screen);
 
 }  // namespace dorvane::bench

@@ -8,8 +8,8 @@
 
 namespace dorvane::bench {
 
-/// The stream begins with the answer to a full update request and ends with the end of an update. The file is the text
-/// "DRFB", width and height as 32-bit numbers, and the stream.
+/// The stream begins with the answer to a full update request and ends with the end of an update. The file is
+/// the text "DRFB", width and height as 32-bit numbers, and the stream.
 struct Recording {
     int width = 0, height = 0;
     Bytes stream;

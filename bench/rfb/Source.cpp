@@ -65,7 +65,8 @@ class SocketSource : public Source {
   private:
     void write(ByteView bytes) {
         while (!bytes.empty()) {
-            const auto count = ::send(writer_.get(), bytes.data(), std::min(writeBytes, bytes.size()), MSG_NOSIGNAL);
+            const auto count =
+                ::send(writer_.get(), bytes.data(), std::min(writeBytes, bytes.size()), MSG_NOSIGNAL);
             if (count <= 0) return;
             bytes = bytes.subspan(std::size_t(count));
         }

@@ -20,7 +20,8 @@ class Source {
     virtual std::size_t readv(std::span<const iovec> spans) = 0;
 };
 
-/// Reading is a copy from memory at once, with no system call: for comparing the decoders alone. One at a time.
+/// Reading is a copy from memory at once, with no system call: for comparing the decoders alone. One at a
+/// time.
 std::unique_ptr<Source> memorySource(ByteView bytes);
 /// A Unix socket that another thread writes into: for comparing all that a client does.
 std::unique_ptr<Source> socketSource(ByteView bytes);

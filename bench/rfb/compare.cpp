@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Decodes recordings with this client and with libvncclient, in turns in one run, and prints CPU time per megapixel
-// and the ratio:
+// Decodes recordings with this client and with libvncclient, in turns in one run, and prints CPU time per
+// megapixel and the ratio:
 //
 //   compare [--rounds N] FILE...
 //
-// The bytes come from memory, where reading is one copy for both, and then through a Unix socket as from a server, with
-// the kernel's time counted. Both draw into a 32-bit framebuffer. The two pictures are compared; a difference is a
-// failure.
+// The bytes come from memory, where reading is one copy for both, and then through a Unix socket as from a
+// server, with the kernel's time counted. Both draw into a 32-bit framebuffer. The two pictures are compared;
+// a difference is a failure.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -103,7 +103,9 @@ struct Result {
 class Comparison {
   public:
     explicit Comparison(const std::string& file)
-        : name_(std::filesystem::path(file).stem()), recording_(Recording::load(file)), census_(count(recording_)),
+        : name_(std::filesystem::path(file).stem()),
+          recording_(Recording::load(file)),
+          census_(count(recording_)),
           screen_(std::size_t(recording_.width) * std::size_t(recording_.height) * 4) {}
 
     /// Whether both showed the same.
@@ -115,7 +117,8 @@ class Comparison {
                     census_.messages);
         memory.print("| memory", megapixels);
         socket.print("| socket", megapixels);
-        std::printf("%s\n%22s encodings%s\n", same ? "" : "  DIFFERENT PICTURES", "", describe(census_).c_str());
+        std::printf("%s\n%22s encodings%s\n", same ? "" : "  DIFFERENT PICTURES", "",
+                    describe(census_).c_str());
         return same;
     }
 
@@ -126,8 +129,9 @@ class Comparison {
             double times[2];
             for (const int turn : {round & 1, ~round & 1}) {
                 const auto source = open(recording_.stream);
-                times[turn] = turn == 0 ? play(recording_, *source, framebuffer_)
-                                        : playWithLibVNC(recording_, source->descriptor(), census_.messages, screen_);
+                times[turn] =
+                    turn == 0 ? play(recording_, *source, framebuffer_)
+                              : playWithLibVNC(recording_, source->descriptor(), census_.messages, screen_);
             }
             if (round < 0) continue;  // the first warms caches and pages
             result.own.push_back(times[0]);

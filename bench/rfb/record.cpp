@@ -3,8 +3,8 @@
 //
 //   record SOCKET FILE [--encoding raw|tight|zrle] [--seconds N] [--megabytes N] [--type TEXT]
 //
-// The encoding comes first in the list sent, then raw, and no other, so that a recording shows one decoder's work.
-// TEXT is typed before the recording begins, "\n" as the return key.
+// The encoding comes first in the list sent, then raw, and no other, so that a recording shows one decoder's
+// work. TEXT is typed before the recording begins, "\n" as the return key.
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -36,7 +36,8 @@ struct Options {
 /// A blocking client; asks for the next update at each header, as the product does, until told to stop.
 class Recorder : private RFBStreamHandler {
   public:
-    explicit Recorder(const Options& options) : options_(options), socket_(connectUnixSocket(options.socket)) {}
+    explicit Recorder(const Options& options)
+        : options_(options), socket_(connectUnixSocket(options.socket)) {}
 
     Recording run() {
         shakeHands();
@@ -47,8 +48,8 @@ class Recorder : private RFBStreamHandler {
         isStopping_ = true;
         while (receive(quietTime) || isInUpdate_) {
         }
-        std::printf("%s: %d updates, %d rectangles, %zu bytes\n", options_.file.c_str(), updates_, rectangles_,
-                    recording_.stream.size());
+        std::printf("%s: %d updates, %d rectangles, %zu bytes\n", options_.file.c_str(), updates_,
+                    rectangles_, recording_.stream.size());
         return std::move(recording_);
     }
 
@@ -102,7 +103,8 @@ class Recorder : private RFBStreamHandler {
     }
 
     void request(bool incremental) {
-        send(RFBClientMessage::FramebufferUpdateRequest{incremental, 0, 0, framebuffer_.width(), framebuffer_.height()}
+        send(RFBClientMessage::FramebufferUpdateRequest{incremental, 0, 0, framebuffer_.width(),
+                                                        framebuffer_.height()}
                  .encoded());
     }
 
@@ -148,7 +150,8 @@ Options parse(const std::vector<std::string>& arguments) {
         const auto& value = arguments[i + 1];
         if (arguments[i] == "--encoding")
             options.encodings = {encodingNamed(value), RFBEncoding::raw, RFBEncoding::compressLevel5};
-        if (arguments[i] == "--seconds") options.duration = std::chrono::milliseconds(std::stoi(value) * 1'000);
+        if (arguments[i] == "--seconds")
+            options.duration = std::chrono::milliseconds(std::stoi(value) * 1'000);
         if (arguments[i] == "--megabytes") options.maximumBytes = std::stoul(value) * 1'000'000;
         if (arguments[i] == "--type") options.type = unescaped(value);
     }

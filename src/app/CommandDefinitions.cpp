@@ -76,11 +76,14 @@ void defineInventory(CLI::App& app, Definer& define) {
         v.call.print = printMachineTable;
     });
     const auto status = makeValues();
-    define.call(app, "status", "Show one machine, or the service itself", status, [](CommandValues& v) {
-        v.call.method = v.vm.empty() ? "service.status" : "status";
-        if (!v.vm.empty()) v.call.params["vm"] = v.vm;
-        v.call.print = printFields;
-    })->add_option("vm", status->vm, "Name or UUID of the machine");
+    define
+        .call(app, "status", "Show one machine, or the service itself", status,
+              [](CommandValues& v) {
+                  v.call.method = v.vm.empty() ? "service.status" : "status";
+                  if (!v.vm.empty()) v.call.params["vm"] = v.vm;
+                  v.call.print = printFields;
+              })
+        ->add_option("vm", status->vm, "Name or UUID of the machine");
 }
 
 void defineCreate(CLI::App& app, Definer& define) {
@@ -99,7 +102,8 @@ void defineCreate(CLI::App& app, Definer& define) {
     create->add_option("--cpus", values->cpus, "Virtual processors (default 4)");
     create->add_option("--memory", values->memory, "Memory in MB (default 4096)");
     create->add_option("--disk", values->disk, "Disk size in GB (default 64)");
-    create->add_option("--installer", values->image, "Installer image to boot from")->check(CLI::ExistingFile);
+    create->add_option("--installer", values->image, "Installer image to boot from")
+        ->check(CLI::ExistingFile);
 }
 
 void defineRunControl(CLI::App& app, Definer& define) {
@@ -120,25 +124,27 @@ void defineRunControl(CLI::App& app, Definer& define) {
 
 void defineCopyAndDelete(CLI::App& app, Definer& define) {
     const auto clone = makeValues();
-    auto* cloneCommand = define.call(app, "clone", "Copy a stopped machine under a new identity", clone,
-                                     [](CommandValues& v) {
-                                         v.call.method = "clone";
-                                         v.call.params = {{"vm", v.vm}, {"name", v.name}};
-                                         v.call.print = printSentence("Cloned to %@.");
-                                     });
+    auto* cloneCommand =
+        define.call(app, "clone", "Copy a stopped machine under a new identity", clone, [](CommandValues& v) {
+            v.call.method = "clone";
+            v.call.params = {{"vm", v.vm}, {"name", v.name}};
+            v.call.print = printSentence("Cloned to %@.");
+        });
     cloneCommand->add_option("vm", clone->vm, "Name or UUID of the machine")->required();
     cloneCommand->add_option("name", clone->name, "Name of the copy")->required();
 
     const auto remove = makeValues();
-    auto* deleteCommand = define.call(app, "delete", "Move a machine to the Trash", remove, [](CommandValues& v) {
-        v.call.method = "delete";
-        v.call.params = {{"vm", v.vm}, {"permanently", v.flag}};
-        v.call.print = printSentence(v.flag ? "Erased %@." : "Moved %@ to the Trash.");
-        if (v.confirmed) return;
-        v.call.question = v.flag ? "Erase \"" + v.vm + "\" and its disk for good?"
-                                 : "Move \"" + v.vm + "\" to the Trash?";
-        v.call.unattendedCommand = "dorvane delete --yes " + std::string(v.flag ? "--permanently " : "") + shellQuoted(v.vm);
-    });
+    auto* deleteCommand =
+        define.call(app, "delete", "Move a machine to the Trash", remove, [](CommandValues& v) {
+            v.call.method = "delete";
+            v.call.params = {{"vm", v.vm}, {"permanently", v.flag}};
+            v.call.print = printSentence(v.flag ? "Erased %@." : "Moved %@ to the Trash.");
+            if (v.confirmed) return;
+            v.call.question = v.flag ? "Erase \"" + v.vm + "\" and its disk for good?"
+                                     : "Move \"" + v.vm + "\" to the Trash?";
+            v.call.unattendedCommand =
+                "dorvane delete --yes " + std::string(v.flag ? "--permanently " : "") + shellQuoted(v.vm);
+        });
     deleteCommand->add_option("vm", remove->vm, "Name or UUID of the machine")->required();
     deleteCommand->add_flag("--permanently", remove->flag, "Erase it instead");
     deleteCommand->add_flag("-y,--yes", remove->confirmed, "Don't ask");
@@ -148,11 +154,15 @@ void defineSnapshots(CLI::App& app, Definer& define) {
     auto* group = app.add_subcommand("snapshot", "Take, list, restore and delete snapshots");
     group->require_subcommand(1);
     const auto list = makeValues();
-    define.call(*group, "list", "List a machine's snapshots", list, [](CommandValues& v) {
-        v.call.method = "snapshot.list";
-        v.call.params["vm"] = v.vm;
-        v.call.print = printSnapshotTable;
-    })->add_option("vm", list->vm, "Name or UUID of the machine")->required();
+    define
+        .call(*group, "list", "List a machine's snapshots", list,
+              [](CommandValues& v) {
+                  v.call.method = "snapshot.list";
+                  v.call.params["vm"] = v.vm;
+                  v.call.print = printSnapshotTable;
+              })
+        ->add_option("vm", list->vm, "Name or UUID of the machine")
+        ->required();
     const auto take = makeValues();
     auto* takeCommand = define.call(*group, "take", "Take a snapshot", take, [](CommandValues& v) {
         v.call.method = "snapshot.take";
@@ -177,15 +187,16 @@ void defineSnapshots(CLI::App& app, Definer& define) {
 
 void defineGuest(CLI::App& app, Definer& define) {
     const auto exec = makeValues();
-    auto* execCommand = define.call(app, "exec", "Run a shell command inside a guest", exec, [](CommandValues& v) {
-        std::string command;
-        for (const auto& word : v.words) command += (command.empty() ? "" : " ") + word;
-        v.call.method = "exec";
-        v.call.params = {{"vm", v.vm}, {"command", command}, {"timeout", v.timeout}};
-        if (!v.username.empty()) v.call.params["username"] = v.username;
-        v.call.print = printCommandOutput;
-        v.call.exitStatus = [](const JSON& result) { return result.value("exitCode", 1) & 0xFF; };
-    });
+    auto* execCommand =
+        define.call(app, "exec", "Run a shell command inside a guest", exec, [](CommandValues& v) {
+            std::string command;
+            for (const auto& word : v.words) command += (command.empty() ? "" : " ") + word;
+            v.call.method = "exec";
+            v.call.params = {{"vm", v.vm}, {"command", command}, {"timeout", v.timeout}};
+            if (!v.username.empty()) v.call.params["username"] = v.username;
+            v.call.print = printCommandOutput;
+            v.call.exitStatus = [](const JSON& result) { return result.value("exitCode", 1) & 0xFF; };
+        });
     execCommand->add_option("vm", exec->vm, "Name or UUID of the machine")->required();
     execCommand->add_option("command", exec->words, "The command and its words")->required();
     execCommand->add_option("--username", exec->username, "SSH user name");
@@ -193,24 +204,30 @@ void defineGuest(CLI::App& app, Definer& define) {
     execCommand->positionals_at_end();
 
     const auto shot = makeValues();
-    auto* shotCommand = define.call(app, "screenshot", "Save a picture of a guest's screen", shot, [](CommandValues& v) {
-        v.call.method = "screenshot";
-        v.call.params["vm"] = v.vm;
-        v.call.print = saveScreenshot(v.output);
-    });
+    auto* shotCommand =
+        define.call(app, "screenshot", "Save a picture of a guest's screen", shot, [](CommandValues& v) {
+            v.call.method = "screenshot";
+            v.call.params["vm"] = v.vm;
+            v.call.print = saveScreenshot(v.output);
+        });
     shotCommand->add_option("vm", shot->vm, "Name or UUID of the machine")->required();
-    shotCommand->add_option("-o,--output", shot->output, "PNG file to write; - for standard output")->capture_default_str();
+    shotCommand->add_option("-o,--output", shot->output, "PNG file to write; - for standard output")
+        ->capture_default_str();
 }
 
 void defineSettings(CLI::App& app, Definer& define) {
     auto* group = app.add_subcommand("settings", "Read and change the settings");
     group->require_subcommand(1);
     const auto get = makeValues();
-    define.call(*group, "get", "Print one setting", get, [](CommandValues& v) {
-        v.call.method = "settings.get";
-        v.call.params["key"] = v.key;
-        v.call.print = printSettingValue;
-    })->add_option("key", get->key, "The setting's key")->required();
+    define
+        .call(*group, "get", "Print one setting", get,
+              [](CommandValues& v) {
+                  v.call.method = "settings.get";
+                  v.call.params["key"] = v.key;
+                  v.call.print = printSettingValue;
+              })
+        ->add_option("key", get->key, "The setting's key")
+        ->required();
     const auto set = makeValues();
     auto* setCommand = define.call(*group, "set", "Change one setting", set, [](CommandValues& v) {
         v.call.method = "settings.set";
@@ -244,11 +261,14 @@ void defineMCP(CLI::App& app, Definer& define) {
         });
     }
     const auto token = makeValues();
-    define.call(*group, "token", "Print the access token", token, [](CommandValues& v) {
-        v.call.method = "mcp.token";
-        v.call.params["regenerate"] = v.flag;
-        v.call.print = printText;
-    })->add_flag("--regenerate", token->flag, "Make a new one; clients must be set up again");
+    define
+        .call(*group, "token", "Print the access token", token,
+              [](CommandValues& v) {
+                  v.call.method = "mcp.token";
+                  v.call.params["regenerate"] = v.flag;
+                  v.call.print = printText;
+              })
+        ->add_flag("--regenerate", token->flag, "Make a new one; clients must be set up again");
 }
 
 void defineRest(CLI::App& app, Definer& define) {
@@ -263,14 +283,13 @@ void defineRest(CLI::App& app, Definer& define) {
     logCommand->add_option("-n,--lines", log->lines, "How many of the newest entries")->capture_default_str();
 
     const auto demo = makeValues();
-    auto* demoCommand = define.call(app, "demo", "Boot the demo guest and show how to connect an agent", demo,
-                                    [](CommandValues& v) {
-                                        v.call.method = "demo";
-                                        v.call.params["screenshot"] = std::filesystem::absolute(v.output).string();
-                                        if (!v.image.empty())
-                                            v.call.params["image"] = std::filesystem::absolute(v.image).string();
-                                        v.call.print = printDemo;
-                                    });
+    auto* demoCommand = define.call(
+        app, "demo", "Boot the demo guest and show how to connect an agent", demo, [](CommandValues& v) {
+            v.call.method = "demo";
+            v.call.params["screenshot"] = std::filesystem::absolute(v.output).string();
+            if (!v.image.empty()) v.call.params["image"] = std::filesystem::absolute(v.image).string();
+            v.call.print = printDemo;
+        });
     demoCommand->add_option("--image", demo->image, "The demo guest's disk, made by scripts/demo-guest")
         ->check(CLI::ExistingFile);
     demoCommand->add_option("--screenshot", demo->output, "PNG file to write")->capture_default_str();
@@ -280,7 +299,8 @@ void defineLocal(CLI::App& app, CommandRequest& request) {
     const auto values = makeValues();
     auto* serve = app.add_subcommand("serve", "Run the service in the foreground");
     serve->add_option("--storage", values->storage, "Folder of the machines, for this run");
-    serve->add_option("--port", values->port, "Port of the MCP server, for this run")->check(CLI::Range(1024, 65535));
+    serve->add_option("--port", values->port, "Port of the MCP server, for this run")
+        ->check(CLI::Range(1024, 65535));
     serve->add_flag("-v,--verbose", values->flag, "Log more");
     serve->callback([&request, values] {
         ServeRequest made;
@@ -290,8 +310,9 @@ void defineLocal(CLI::App& app, CommandRequest& request) {
         request = made;
     });
     auto* completion = app.add_subcommand("completion", "Print a completion script: bash, zsh or fish");
-    completion->add_option("shell", values->shell, "bash, zsh or fish")->required()->check(
-        CLI::IsMember({"bash", "zsh", "fish"}));
+    completion->add_option("shell", values->shell, "bash, zsh or fish")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
     completion->callback([&request, values] { request = PrintRequest{*completionScript(values->shell)}; });
 }
 

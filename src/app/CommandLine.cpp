@@ -25,7 +25,8 @@ CommandRequest parseCommandLine(const std::vector<std::string>& arguments) {
         app.exit(help, text, ignored);
         return PrintRequest{text.str()};
     } catch (const CLI::ParseError& error) {
-        return PrintRequest{std::string(error.what()) + "\nRun dorvane --help for the commands.\n", true, usageErrorStatus};
+        return PrintRequest{std::string(error.what()) + "\nRun dorvane --help for the commands.\n", true,
+                            usageErrorStatus};
     }
     return request;
 }

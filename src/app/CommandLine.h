@@ -45,7 +45,8 @@ using CommandRequest = std::variant<ServiceCall, ServeRequest, PrintRequest>;
 /// Never throws for what a user typed: a mistake becomes a PrintRequest with exit status 2.
 CommandRequest parseCommandLine(const std::vector<std::string>& arguments);
 
-/// The completion script for "bash", "zsh" or "fish", made from the same definitions. Absent for another name.
+/// The completion script for "bash", "zsh" or "fish", made from the same definitions. Absent for another
+/// name.
 std::optional<std::string> completionScript(const std::string& shell);
 
 }  // namespace dorvane

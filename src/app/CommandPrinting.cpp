@@ -54,8 +54,8 @@ void printMachineTable(const JSON& machines) {
     for (const auto& machine : machines) {
         const bool suspended = machine.value("suspended", false);
         rows.push_back({printable(cell(machine, "name")), cell(machine, "os"),
-                        cell(machine, "status") + (suspended ? " (suspended)" : ""), cell(machine, "cpuCount"),
-                        cell(machine, "memoryMB") + " MB", cell(machine, "id")});
+                        cell(machine, "status") + (suspended ? " (suspended)" : ""),
+                        cell(machine, "cpuCount"), cell(machine, "memoryMB") + " MB", cell(machine, "id")});
     }
     printTable(rows);
 }
@@ -71,14 +71,16 @@ void printSnapshotTable(const JSON& snapshots) {
 
 void printFields(const JSON& object) {
     std::vector<Row> rows;
-    for (const auto& [key, value] : object.items()) rows.push_back({key + ":", printable(cell(object, key.c_str()))});
+    for (const auto& [key, value] : object.items())
+        rows.push_back({key + ":", printable(cell(object, key.c_str()))});
     printTable(rows);
 }
 
 void printActivity(const JSON& entries) {
     std::vector<Row> rows{{"WHEN", "TOOL", "MACHINE", "TOOK", "RESULT"}};
     for (const auto& entry : entries) {
-        const auto outcome = entry.value("succeeded", false) ? cell(entry, "summary") : "failed: " + cell(entry, "error");
+        const auto outcome =
+            entry.value("succeeded", false) ? cell(entry, "summary") : "failed: " + cell(entry, "error");
         rows.push_back({cell(entry, "date"), cell(entry, "tool"), printable(cell(entry, "vm")),
                         cell(entry, "durationMilliseconds") + " ms", printable(outcome)});
     }
@@ -107,7 +109,8 @@ void printDemo(const JSON& result) {
     std::cout << "The demo guest \"" << result.value("name", "") << "\" is running.\n"
               << "Its screen:   " << result.value("screenshot", "") << "\n"
               << "MCP address:  " << result.value("url", "") << "\n\n"
-              << "For your MCP client:\n" << result.value("config", "") << '\n';
+              << "For your MCP client:\n"
+              << result.value("config", "") << '\n';
 }
 
 ResultPrinter printSentence(std::string text) {

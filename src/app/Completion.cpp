@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/Completion.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include <set>
 #include <vector>
@@ -32,7 +32,8 @@ void collect(const CLI::App& command, const std::string& path, std::vector<Comma
         words.helps.emplace_back(child->get_name(), child->get_description());
     }
     into.push_back(std::move(words));
-    for (const auto* child : children) collect(*child, (path.empty() ? "" : path + " ") + child->get_name(), into);
+    for (const auto* child : children)
+        collect(*child, (path.empty() ? "" : path + " ") + child->get_name(), into);
 }
 
 std::string wordList(const CommandWords& words) {
@@ -42,13 +43,16 @@ std::string wordList(const CommandWords& words) {
     return text.empty() ? text : text.substr(0, text.size() - 1);
 }
 
-constexpr auto machineNames = R"sh(dorvane list --json 2>/dev/null | sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p')sh";
+constexpr auto machineNames =
+    R"sh(dorvane list --json 2>/dev/null | sed -n 's/^ *"name": "\(.*\)",\{0,1\}$/\1/p')sh";
 
 std::string bashScript(const std::vector<CommandWords>& commands) {
     std::string cases;
     for (const auto& words : commands)
-        cases += fmt::format("        \"{}\") words=\"{}\"; machines={} ;;\n", words.path, wordList(words), words.takesMachine ? 1 : 0);
-    return fmt::format(R"sh(# Completion of dorvane for bash: source it, or put it into ~/.local/share/bash-completion/completions/dorvane
+        cases += fmt::format("        \"{}\") words=\"{}\"; machines={} ;;\n", words.path, wordList(words),
+                             words.takesMachine ? 1 : 0);
+    return fmt::format(
+        R"sh(# Completion of dorvane for bash: source it, or put it into ~/.local/share/bash-completion/completions/dorvane
 _dorvane() {{
     local current="${{COMP_WORDS[COMP_CWORD]}}" path="" words="" machines=0 word
     for word in "${{COMP_WORDS[@]:1:COMP_CWORD-1}}"; do
@@ -70,20 +74,24 @@ _dorvane() {{
     fi
 }}
 complete -o default -F _dorvane dorvane
-)sh", cases, machineNames);
+)sh",
+        cases, machineNames);
 }
 
 std::string zshScript(const std::vector<CommandWords>& commands) {
     return "#compdef dorvane\n# Completion of dorvane for zsh, through its support for bash's functions.\n"
-           "autoload -U +X bashcompinit && bashcompinit\n" + bashScript(commands);
+           "autoload -U +X bashcompinit && bashcompinit\n" +
+           bashScript(commands);
 }
 
 std::string fishScript(const std::vector<CommandWords>& commands) {
-    std::string text = "# Completion of dorvane for fish: put it into ~/.config/fish/completions/dorvane.fish\n"
-                       "complete -c dorvane -f\n";
+    std::string text =
+        "# Completion of dorvane for fish: put it into ~/.config/fish/completions/dorvane.fish\n"
+        "complete -c dorvane -f\n";
     for (const auto& words : commands) {
         const std::string condition = words.path.empty() ? "__fish_use_subcommand"
-                                                         : "__fish_seen_subcommand_from " + words.path.substr(words.path.rfind(' ') + 1);
+                                                         : "__fish_seen_subcommand_from " +
+                                                               words.path.substr(words.path.rfind(' ') + 1);
         for (const auto& [name, help] : words.helps)
             text += fmt::format("complete -c dorvane -n '{}' -a '{}' -d \"{}\"\n", condition, name, help);
         for (const auto& option : words.options)

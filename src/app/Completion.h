@@ -8,8 +8,8 @@
 
 namespace dorvane {
 
-/// The script for "bash", "zsh" or "fish"; absent for another shell. Machine names are completed by asking the
-/// running service.
+/// The script for "bash", "zsh" or "fish"; absent for another shell. Machine names are completed by asking
+/// the running service.
 std::optional<std::string> completionScriptFor(const CLI::App& app, const std::string& shell);
 
 }  // namespace dorvane

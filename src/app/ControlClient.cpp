@@ -43,7 +43,8 @@ std::string ControlClient::readLine() {
         std::array<char, 65536> chunk{};
         const auto count = ::read(fd_.get(), chunk.data(), chunk.size());
         if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) throw POSIXError("The connection to Dorvane was lost", count == 0 ? ECONNRESET : errno);
+        if (count <= 0)
+            throw POSIXError("The connection to Dorvane was lost", count == 0 ? ECONNRESET : errno);
         lines_ = buffer_.append({chunk.data(), static_cast<std::size_t>(count)});
     }
     auto line = std::move(lines_.front());

@@ -5,8 +5,8 @@
 #include <functional>
 
 #include "app/ControlProtocol.h"
-#include "runtime/Files.h"
 #include "runtime/FileDescriptor.h"
+#include "runtime/Files.h"
 
 namespace dorvane {
 

@@ -32,7 +32,9 @@ std::string controlRequestLine(const ControlRequest& request) {
     return line({{"id", request.id}, {"method", request.method}, {"params", request.params}});
 }
 
-std::string controlResultLine(const JSON& id, const JSON& result) { return line({{"id", id}, {"result", result}}); }
+std::string controlResultLine(const JSON& id, const JSON& result) {
+    return line({{"id", id}, {"result", result}});
+}
 
 std::string controlErrorLine(const JSON& id, ControlErrorCode code, const std::string& message) {
     return line({{"id", id}, {"error", {{"code", static_cast<int>(code)}, {"message", message}}}});

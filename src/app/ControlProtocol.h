@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The words between the command line and a running service: JSON-RPC 2.0 (jsonrpc.org), one object a line, over
-// a Unix socket of the user's own.
+// The words between the command line and a running service: JSON-RPC 2.0 (jsonrpc.org), one object a line,
+// over a Unix socket of the user's own.
 //
 // A request carries a method and named parameters. While it runs, the service may send any number of
 // notifications of the method "progress" with "message" and, when known, "fraction" (0 to 1). Then comes one
@@ -31,12 +31,18 @@ struct ControlProgress {
 };
 
 /// The error codes of JSON-RPC, and one of ours: the operation itself failed, with its sentence as message.
-enum class ControlErrorCode { parseError = -32700, invalidRequest = -32600, methodNotFound = -32601,
-                              invalidParams = -32602, operationFailed = -32000 };
+enum class ControlErrorCode {
+    parseError = -32700,
+    invalidRequest = -32600,
+    methodNotFound = -32601,
+    invalidParams = -32602,
+    operationFailed = -32000
+};
 
 class ControlError : public std::runtime_error {
   public:
-    ControlError(ControlErrorCode code, const std::string& message) : std::runtime_error(message), code_(code) {}
+    ControlError(ControlErrorCode code, const std::string& message)
+        : std::runtime_error(message), code_(code) {}
     ControlErrorCode code() const { return code_; }
 
   private:

@@ -27,7 +27,11 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
   public:
     Connection(const Runtime& runtime, const ControlMethods& methods, const SerialQueue& queue,
                std::shared_ptr<StreamConnection> stream)
-        : runtime_(runtime), methods_(methods), queue_(queue), stream_(std::move(stream)), outgoing_(source_.subscribe({})) {}
+        : runtime_(runtime),
+          methods_(methods),
+          queue_(queue),
+          stream_(std::move(stream)),
+          outgoing_(source_.subscribe({})) {}
 
     /// Starts reading and writing; `onEnd` is called once on the main thread when the client has gone.
     void start(std::function<void()> onEnd) {
@@ -110,12 +114,14 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
         auto& entry = running_[number];
         entry.method = request.method;
         entry.params = request.params;
-        entry.task = spawn(runtime_.main.executor(),
-                           answer(weak_from_this(), number, request.id, method.perform(request.params, report)),
-                           request.method);
+        entry.task =
+            spawn(runtime_.main.executor(),
+                  answer(weak_from_this(), number, request.id, method.perform(request.params, report)),
+                  request.method);
     }
 
-    static Task<void> answer(std::weak_ptr<Connection> owner, std::uint64_t number, JSON id, Task<JSON> work) {
+    static Task<void> answer(std::weak_ptr<Connection> owner, std::uint64_t number, JSON id,
+                             Task<JSON> work) {
         std::string line;
         std::exception_ptr failure;
         try {
@@ -155,7 +161,9 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
 };
 
 ControlServer::ControlServer(const Runtime& runtime, Path socket, ControlMethods methods)
-    : runtime_(runtime), socket_(std::move(socket)), methods_(std::move(methods)),
+    : runtime_(runtime),
+      socket_(std::move(socket)),
+      methods_(std::move(methods)),
       queue_(runtime.makeQueue("com.dorvane.app.control")),
       listener_(std::make_shared<StreamListener>(queue_, listenFresh(socket_), AF_UNIX)) {
     const auto onAccepted = [this, &main = runtime.main, alive = alive_](const auto& stream) {
@@ -163,7 +171,8 @@ ControlServer::ControlServer(const Runtime& runtime, Path socket, ControlMethods
             if (*alive) adopt(stream);
         });
     };
-    accepting_ = spawn(queue_.executor(), acceptConnections(runtime.clock, listener_, onAccepted), "control listener");
+    accepting_ =
+        spawn(queue_.executor(), acceptConnections(runtime.clock, listener_, onAccepted), "control listener");
 }
 
 ControlServer::~ControlServer() {
@@ -174,8 +183,9 @@ ControlServer::~ControlServer() {
     for (auto& [id, connection] : connections_) connection->end();
 }
 
-Task<void> ControlServer::acceptConnections(Clock& clock, std::shared_ptr<StreamListener> listener,
-                                            std::function<void(std::shared_ptr<StreamConnection>)> onAccepted) {
+Task<void> ControlServer::acceptConnections(
+    Clock& clock, std::shared_ptr<StreamListener> listener,
+    std::function<void(std::shared_ptr<StreamConnection>)> onAccepted) {
     for (;;) {
         std::shared_ptr<StreamConnection> stream;
         try {

@@ -60,9 +60,11 @@ Task<void> waitUntilReady(AppState& app, const Runtime& runtime, VMRecordPointer
     };
     const bool inTime = co_await pollUntil(runtime.clock, bootTimeout, bootPollInterval, ended);
     if (stopped)
-        throw ControlError(ControlErrorCode::operationFailed, localized("The demo guest stopped before it was ready."));
+        throw ControlError(ControlErrorCode::operationFailed,
+                           localized("The demo guest stopped before it was ready."));
     if (!inTime)
-        throw ControlError(ControlErrorCode::operationFailed, localized("The demo guest did not get ready in time."));
+        throw ControlError(ControlErrorCode::operationFailed,
+                           localized("The demo guest did not get ready in time."));
     co_await runtime.clock.sleep(settleDelay);
 }
 
@@ -80,9 +82,10 @@ Task<JSON> demo(AppState& app, const HostServices& host, JSON params, ProgressRe
     if (!vm) {
         const auto image = imagePath(host, params);
         if (!image)
-            throw ControlError(ControlErrorCode::operationFailed,
-                               localized("The demo guest's disk is missing. Make it with scripts/demo-guest and give "
-                                         "its path with --image."));
+            throw ControlError(
+                ControlErrorCode::operationFailed,
+                localized("The demo guest's disk is missing. Make it with scripts/demo-guest and give "
+                          "its path with --image."));
         report({localized("Creating the demo guest"), 0.0});
         vm = co_await createDemo(app, host, *image);
     }

@@ -17,9 +17,9 @@ InstanceLock::InstanceLock(const Path& file) {
     if (::flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK) throw FileError("lock", file, errno);
         const auto holder = std::string(trimmed(readTextFile(file, 64)));
-        throw std::runtime_error(
-            localized("Dorvane is already running on this library (process %@). Use its commands, or stop it first.",
-                      holder.empty() ? "unknown" : holder));
+        throw std::runtime_error(localized(
+            "Dorvane is already running on this library (process %@). Use its commands, or stop it first.",
+            holder.empty() ? "unknown" : holder));
     }
     const auto pid = std::to_string(::getpid()) + "\n";
     if (::ftruncate(fd_.get(), 0) != 0 || ::pwrite(fd_.get(), pid.data(), pid.size(), 0) < 0)

@@ -21,7 +21,8 @@ std::string probeSentence(const MCPLoopbackProbe::Result& result) {
 
 Task<JSON> probe(AppState& app) {
     auto& server = app.mcpServerService();
-    const auto result = co_await MCPLoopbackProbe::probe(app.runtime(), server.effectivePort(), server.endpointToken());
+    const auto result =
+        co_await MCPLoopbackProbe::probe(app.runtime(), server.effectivePort(), server.endpointToken());
     const bool ok = result.kind == MCPLoopbackProbe::Result::Kind::ok;
     JSON shown{{"ok", ok}};
     shown["text"] = probeSentence(result);
@@ -47,7 +48,8 @@ void addMCPCommands(ControlMethods& methods, AppState& app) {
         return immediately(text(app.mcpServerService().endpointURLString()));
     };
     methods["mcp.config"].perform = [&app](const JSON&, const ProgressReporter&) {
-        return immediately(text(MCPClientSetupSnippets::jsonConfigSnippet(app.mcpServerService().endpointURLString())));
+        return immediately(
+            text(MCPClientSetupSnippets::jsonConfigSnippet(app.mcpServerService().endpointURLString())));
     };
     methods["mcp.token"].perform = [&app](const JSON& params, const ProgressReporter&) {
         if (params.value("regenerate", false)) app.mcpServerService().regenerateToken();

@@ -39,15 +39,18 @@ Task<JSON> status(AppState& app, JSON params) {
 
 Task<JSON> create(AppState& app, JSON params) {
     const JSONReader reader(params);
-    const auto os = osTypeFromRawValue(asciiLowercased(reader.optional<std::string>("os").value_or("windows")));
+    const auto os =
+        osTypeFromRawValue(asciiLowercased(reader.optional<std::string>("os").value_or("windows")));
     if (!os)
-        throw ControlError(ControlErrorCode::invalidParams, localized("The guest must be one of macos, linux and windows."));
+        throw ControlError(ControlErrorCode::invalidParams,
+                           localized("The guest must be one of macos, linux and windows."));
     VMConfiguration configuration;
     configuration.cpuCount = reader.optional<std::int64_t>("cpuCount");
     configuration.memoryMB = reader.optional<std::int64_t>("memoryMB");
     configuration.diskSizeGB = reader.optional<std::int64_t>("diskSizeGB");
     configuration.pendingInstallerImagePath = reader.optional<std::string>("installerImage");
-    const auto vm = co_await app.makeSharedVMService().createVM(requiredText(params, "name"), *os, configuration);
+    const auto vm =
+        co_await app.makeSharedVMService().createVM(requiredText(params, "name"), *os, configuration);
     co_return machineObject(*vm);
 }
 
@@ -102,13 +105,16 @@ Task<VMRecordPointer> resolveMachine(AppState& app, JSON params) {
     auto& service = app.makeSharedVMService();
     co_await service.refreshVMList();
     if (auto vm = findVM(service.vms(), name)) co_return vm;
-    throw ControlError(ControlErrorCode::operationFailed,
-                       localized("There is no VM named “%@”.", name));
+    throw ControlError(ControlErrorCode::operationFailed, localized("There is no VM named “%@”.", name));
 }
 
 JSON machineObject(const VMRecord& vm) {
-    JSON object{{"id", vm.id.text()},           {"name", vm.name},         {"os", rawValue(vm.osType)},
-                {"status", rawValue(vm.status)}, {"cpuCount", vm.cpuCount}, {"memoryMB", vm.memoryMB},
+    JSON object{{"id", vm.id.text()},
+                {"name", vm.name},
+                {"os", rawValue(vm.osType)},
+                {"status", rawValue(vm.status)},
+                {"cpuCount", vm.cpuCount},
+                {"memoryMB", vm.memoryMB},
                 {"diskSizeBytes", vm.diskSizeBytes}};
     putOptional(object, "osVersion", vm.osVersionLabel);
     if (vm.hasSuspendedState()) object["suspended"] = true;
@@ -121,8 +127,9 @@ JSON machineObject(const VMRecord& vm) {
 
 void addMachineCommands(ControlMethods& methods, AppState& app) {
     const auto add = [&methods](const char* name, auto perform) {
-        methods[name] = {[perform](JSON params, const ProgressReporter&) { return perform(std::move(params)); },
-                         runToTheEnd};
+        methods[name] = {
+            [perform](JSON params, const ProgressReporter&) { return perform(std::move(params)); },
+            runToTheEnd};
     };
     add("list", [&app](const JSON&) { return list(app); });
     add("status", [&app](JSON params) { return status(app, std::move(params)); });
@@ -134,10 +141,13 @@ void addMachineCommands(ControlMethods& methods, AppState& app) {
         const char* name;
         MachineOperation operation;
     };
-    for (const auto& verb : {Verb{"start", &VMServiceProtocol::startVM}, Verb{"restart", &VMServiceProtocol::restartVM},
-                             Verb{"pause", &VMServiceProtocol::pauseVM}, Verb{"resume", &VMServiceProtocol::resumeVM},
-                             Verb{"suspend", &VMServiceProtocol::suspendVM}})
-        add(verb.name, [&app, operation = verb.operation](JSON params) { return run(app, std::move(params), operation); });
+    for (const auto& verb :
+         {Verb{"start", &VMServiceProtocol::startVM}, Verb{"restart", &VMServiceProtocol::restartVM},
+          Verb{"pause", &VMServiceProtocol::pauseVM}, Verb{"resume", &VMServiceProtocol::resumeVM},
+          Verb{"suspend", &VMServiceProtocol::suspendVM}})
+        add(verb.name, [&app, operation = verb.operation](JSON params) {
+            return run(app, std::move(params), operation);
+        });
     methods["start"].withdraw = [&app](const JSON& params) { withdrawStart(app, app.runtime(), params); };
 }
 

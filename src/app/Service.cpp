@@ -33,7 +33,8 @@ constexpr auto controlSocketName = "control.sock";
 std::map<std::string, JSON> overridesFor(const ServeRequest& request, const DefaultsStore& stored) {
     std::map<std::string, JSON> overrides;
     // A headless service is there for agents: the server runs unless the user has turned it off.
-    if (stored.value(defaultsKey::mcpServerEnabled).is_null()) overrides[defaultsKey::mcpServerEnabled] = true;
+    if (stored.value(defaultsKey::mcpServerEnabled).is_null())
+        overrides[defaultsKey::mcpServerEnabled] = true;
     if (request.port) overrides[defaultsKey::mcpServerPort] = *request.port;
     if (request.storage) overrides[defaultsKey::vmStoragePath] = request.storage->string();
     return overrides;
@@ -66,21 +67,34 @@ void makePrivateDirectory(const Path& directory) {
 class Service {
   public:
     explicit Service(const ServeRequest& request)
-        : environment_(currentEnvironment()), directories_(linuxApplicationDirectories(environment_)),
+        : environment_(currentEnvironment()),
+          directories_(linuxApplicationDirectories(environment_)),
           lock_(directories_.applicationSupport / PersistenceStore::directoryName / "instance.lock"),
-          modelContext_(openLibrary(directories_)), storedDefaults_(directories_.configuration / "settings.json"),
+          modelContext_(openLibrary(directories_)),
+          storedDefaults_(directories_.configuration / "settings.json"),
           defaults_(storedDefaults_, overridesFor(request, storedDefaults_)),
-          keychain_(environment_.contains("DBUS_SESSION_BUS_ADDRESS"), directories_.applicationSupport / "secrets.json"),
+          keychain_(environment_.contains("DBUS_SESSION_BUS_ADDRESS"),
+                    directories_.applicationSupport / "secrets.json"),
           files_(linuxHomeTrash(environment_)),
-          host_{process_.runtime(), defaults_, keychain_, directories_, files_, processes_, system_, hostAdapter_,
-                qemuPackageRoots(directories_), environment_, version},
+          host_{process_.runtime(),
+                defaults_,
+                keychain_,
+                directories_,
+                files_,
+                processes_,
+                system_,
+                hostAdapter_,
+                qemuPackageRoots(directories_),
+                environment_,
+                version},
           storage_(request.storage) {}
 
     int run() {
         makePrivateDirectory(directories_.runtime);
         if (storage_) std::filesystem::create_directories(*storage_);
         app_ = std::make_unique<AppState>(host_, *modelContext_);
-        const SignalWatcher signals(process_.runtime().main.executor(), {SIGTERM, SIGINT}, [this](int) { quit(); });
+        const SignalWatcher signals(process_.runtime().main.executor(), {SIGTERM, SIGINT},
+                                    [this](int) { quit(); });
         auto starting = spawn(process_.runtime().main.executor(), start(), "start sequence");
         process_.run();
         controlServer_.reset();
@@ -93,8 +107,9 @@ class Service {
         // Agents and commands may come in while the list is still being read.
         app_->configureMCPServer();
         try {
-            controlServer_ = std::make_unique<ControlServer>(
-                process_.runtime(), directories_.runtime / controlSocketName, makeServiceCommands(*app_, host_));
+            controlServer_ =
+                std::make_unique<ControlServer>(process_.runtime(), directories_.runtime / controlSocketName,
+                                                makeServiceCommands(*app_, host_));
         } catch (const std::exception& error) {
             std::cerr << "Could not listen for commands: " << error.what() << '\n';
             status_ = failureStatus;
@@ -157,8 +172,9 @@ ControlMethods makeServiceCommands(AppState& app, const HostServices& host) {
         return [](AppState& state) -> Task<JSON> {
             JSON shown{{"version", version}, {"storage", state.settingsService().storagePath().string()}};
             auto& server = state.mcpServerService();
-            shown["mcp"] = server.isRunning() ? server.endpointURLString()
-                                              : server.lastErrorMessage().value_or(localized("The MCP server is off."));
+            shown["mcp"] = server.isRunning()
+                               ? server.endpointURLString()
+                               : server.lastErrorMessage().value_or(localized("The MCP server is off."));
             shown["running"] = state.engine().runningVMIDs().size();
             co_return shown;
         }(app);
@@ -166,7 +182,9 @@ ControlMethods makeServiceCommands(AppState& app, const HostServices& host) {
     return methods;
 }
 
-Path controlSocketPath() { return linuxApplicationDirectories(currentEnvironment()).runtime / controlSocketName; }
+Path controlSocketPath() {
+    return linuxApplicationDirectories(currentEnvironment()).runtime / controlSocketName;
+}
 
 int runService(const ServeRequest& request) {
     if (request.verbose) setLogLevel(LogLevel::debug);

@@ -34,7 +34,8 @@ const std::map<std::string, SettingType>& editableSettings() {
 SettingType typeOf(const std::string& key) {
     const auto found = editableSettings().find(key);
     if (found == editableSettings().end())
-        throw ControlError(ControlErrorCode::invalidParams, localized("There is no setting named “%@”.", key));
+        throw ControlError(ControlErrorCode::invalidParams,
+                           localized("There is no setting named “%@”.", key));
     return found->second;
 }
 
@@ -49,7 +50,9 @@ JSON parseValue(SettingType type, const std::string& text) {
     if (type == SettingType::boolean && value.is_boolean()) return value;
     if (type == SettingType::integer && value.is_number_integer()) return value;
     if (type == SettingType::number && value.is_number()) return value;
-    const auto* expected = type == SettingType::boolean ? "true or false" : type == SettingType::integer ? "a whole number" : "a number";
+    const auto* expected = type == SettingType::boolean   ? "true or false"
+                           : type == SettingType::integer ? "a whole number"
+                                                          : "a number";
     throw ControlError(ControlErrorCode::invalidParams, localized("“%@” is not %@.", text, expected));
 }
 
@@ -59,10 +62,12 @@ void apply(AppState& app, const std::string& key, const JSON& value) {
         app.mcpServerService().setEnabled(value.get<bool>());
     } else if (key == defaultsKey::mcpServerPort) {
         if (!app.mcpServerService().setPort(value.get<int>()))
-            throw ControlError(ControlErrorCode::invalidParams, localized("The port must be between %d and %d.", 1024, 65535));
+            throw ControlError(ControlErrorCode::invalidParams,
+                               localized("The port must be between %d and %d.", 1024, 65535));
     } else if (key == defaultsKey::vmStoragePath) {
         if (!Path(value.get<std::string>()).is_absolute())
-            throw ControlError(ControlErrorCode::invalidParams, localized("The storage folder must be an absolute path."));
+            throw ControlError(ControlErrorCode::invalidParams,
+                               localized("The storage folder must be an absolute path."));
         app.settingsService().setStoragePath(value.get<std::string>());
     } else {
         app.settingsService().defaults().set(key, value);
@@ -93,7 +98,8 @@ void addSettingsCommands(ControlMethods& methods, AppState& app) {
     methods["settings.list"].perform = [&app](const JSON&, const ProgressReporter&) -> Task<JSON> {
         return [](AppState& state) -> Task<JSON> {
             auto values = JSON::object();
-            for (const auto& [key, type] : editableSettings()) values[key] = state.settingsService().defaults().value(key);
+            for (const auto& [key, type] : editableSettings())
+                values[key] = state.settingsService().defaults().value(key);
             co_return values;
         }(app);
     };

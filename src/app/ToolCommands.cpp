@@ -48,7 +48,8 @@ void addToolCommands(ControlMethods& methods, AppState& app) {
     add("snapshot.list", "list_snapshots", {});
     add("snapshot.take", "take_snapshot", {{"includeMemory", "include_memory"}});
     add("snapshot.restore", "restore_snapshot", {});
-    for (const auto* changing : {"snapshot.take", "snapshot.restore"}) methods[changing].withdraw = [](const JSON&) {};
+    for (const auto* changing : {"snapshot.take", "snapshot.restore"})
+        methods[changing].withdraw = [](const JSON&) {};
     methods["screenshot"].perform = [&app](JSON params, const ProgressReporter&) {
         return screenshot(app, std::move(params));
     };

@@ -20,7 +20,8 @@ bool isTerminal() { return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO
 bool confirm(const ServiceCall& call) {
     if (!call.question) return true;
     if (!isTerminal()) {
-        std::cerr << "There is no terminal to ask on. To do it without a question: " << call.unattendedCommand << '\n';
+        std::cerr << "There is no terminal to ask on. To do it without a question: " << call.unattendedCommand
+                  << '\n';
         return false;
     }
     std::cerr << *call.question << " [y/N] " << std::flush;

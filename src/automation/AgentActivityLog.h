@@ -15,8 +15,8 @@
 
 namespace dorvane {
 
-/// Main thread only; the file is touched on a queue of its own, in the order of the calls, and no caller waits for
-/// it. A file that can't be written is logged, and the entries stay in memory.
+/// Main thread only; the file is touched on a queue of its own, in the order of the calls, and no caller
+/// waits for it. A file that can't be written is logged, and the entries stay in memory.
 class AgentActivityLog {
   public:
     static constexpr std::size_t maximumEntries = 1000;

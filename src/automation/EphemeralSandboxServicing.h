@@ -13,7 +13,8 @@ class EphemeralSandboxServicing {
     virtual ~EphemeralSandboxServicing() = default;
 
     /// Clones a stopped machine into a sandbox that expires after `ttl`.
-    virtual Task<VMRecordPointer> createSandbox(VMRecordPointer source, Duration ttl, bool isolatesNetwork) = 0;
+    virtual Task<VMRecordPointer> createSandbox(VMRecordPointer source, Duration ttl,
+                                                bool isolatesNetwork) = 0;
     /// Moves expired, stopped sandboxes to the Trash.
     virtual Task<void> reap(Date now) = 0;
 };

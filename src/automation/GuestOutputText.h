@@ -8,8 +8,8 @@
 
 namespace dorvane {
 
-/// The standard output, from the guest's Windows code page or from UTF-8. Never fails: what doesn't decode, or
-/// comes in a code page that nobody knows, is read as UTF-8 with U+FFFD for bad sequences.
+/// The standard output, from the guest's Windows code page or from UTF-8. Never fails: what doesn't decode,
+/// or comes in a code page that nobody knows, is read as UTF-8 with U+FFFD for bad sequences.
 std::string guestOutputText(const GuestCommandResult& result);
 
 }  // namespace dorvane

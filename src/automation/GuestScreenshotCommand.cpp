@@ -21,9 +21,12 @@ constexpr auto windowsCommand =
 
 std::string guestScreenshotCommand(VMOSType os) {
     switch (os) {
-        case VMOSType::macOS: return macOSCommand;
-        case VMOSType::linux: return linuxScript;
-        case VMOSType::windows: return windowsCommand;
+        case VMOSType::macOS:
+            return macOSCommand;
+        case VMOSType::linux:
+            return linuxScript;
+        case VMOSType::windows:
+            return windowsCommand;
     }
     return {};
 }

@@ -42,7 +42,8 @@ std::string_view trimmedOfBlanksAndTabs(std::string_view text) {
 void readRequestLine(std::string_view line, Request& request) {
     const auto method = takeWord(line), target = takeWord(line), version = takeWord(line);
     const bool hasMore = !takeWord(line).empty();
-    if (version.empty() || hasMore || !version.starts_with("HTTP/1.")) throw MalformedHead{"malformed request line"};
+    if (version.empty() || hasMore || !version.starts_with("HTTP/1."))
+        throw MalformedHead{"malformed request line"};
     request.method = method;
     request.path = target.substr(0, target.find('?'));
 }

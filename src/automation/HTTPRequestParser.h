@@ -12,8 +12,8 @@
 
 namespace dorvane {
 
-/// A value, fed from one thread at a time. No chunked bodies; whatever follows the request is ignored. Memory is
-/// bounded by the two limits. Spent after any result but `NeedMoreData`.
+/// A value, fed from one thread at a time. No chunked bodies; whatever follows the request is ignored. Memory
+/// is bounded by the two limits. Spent after any result but `NeedMoreData`.
 class HTTPRequestParser {
   public:
     /// A head with its final CR LF CR LF, and the most that is kept while that marker hasn't come.

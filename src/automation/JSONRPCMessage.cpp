@@ -27,7 +27,9 @@ class NumberSpelling : public nlohmann::json_sax<JSON> {
         if (depth_ == 1) isAtID_ = name == "id";
         return true;
     }
-    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+        return false;
+    }
 
   private:
     bool enter() {
@@ -74,7 +76,11 @@ JSONRPCMessage::Kind JSONRPCMessage::parse(std::string_view body) {
 std::string JSONRPCMessage::resultReply(std::string_view idText, std::string_view resultText) {
     std::string reply;
     reply.reserve(idText.size() + resultText.size() + 40);
-    reply.append("{\"id\":").append(idText).append(",\"jsonrpc\":\"2.0\",\"result\":").append(resultText).append("}");
+    reply.append("{\"id\":")
+        .append(idText)
+        .append(",\"jsonrpc\":\"2.0\",\"result\":")
+        .append(resultText)
+        .append("}");
     return reply;
 }
 

@@ -25,7 +25,8 @@ struct MCPAuthToken {
     static std::optional<std::string> bearerToken(const HTTPRequestParser::Headers& headers);
     /// By the path's "/mcp/<token>" or by the bearer token; a wrong one in one place doesn't spoil the other.
     /// An empty `token` lets nobody in.
-    static bool isAuthorized(std::string_view path, const HTTPRequestParser::Headers& headers, std::string_view token);
+    static bool isAuthorized(std::string_view path, const HTTPRequestParser::Headers& headers,
+                             std::string_view token);
     /// Whether the path belongs to the endpoint at all: "/mcp", or anything behind "/mcp/".
     static bool isEndpointPath(std::string_view path);
 

@@ -57,7 +57,8 @@ Task<VMSnapshotPointer> takeMakingRoom(const MCPToolContext& context, VMRecordPo
 
 }  // namespace
 
-Task<MCPAutomaticSnapshot> MCPAutomaticSnapshot::takeIfEnabled(const MCPToolContext& context, VMRecordPointer vm) {
+Task<MCPAutomaticSnapshot> MCPAutomaticSnapshot::takeIfEnabled(const MCPToolContext& context,
+                                                               VMRecordPointer vm) {
     MCPAutomaticSnapshot taken;
     const auto& settings = context.services.settingsService;
     taken.summary = "disabled";
@@ -69,7 +70,8 @@ Task<MCPAutomaticSnapshot> MCPAutomaticSnapshot::takeIfEnabled(const MCPToolCont
         const auto name = "Before agent start " + iso8601Text(context.clock.date());
         taken.snapshot = co_await takeMakingRoom(context, vm, name);
         taken.summary = "created: " + taken.snapshot->name;
-        co_await context.requireSnapshotService().pruneAutomaticSnapshots(vm, settings.mcpAutoSnapshotKeepCount());
+        co_await context.requireSnapshotService().pruneAutomaticSnapshots(
+            vm, settings.mcpAutoSnapshotKeepCount());
     } catch (...) {
         failure = std::current_exception();
     }
@@ -94,8 +96,8 @@ Task<void> MCPAutomaticSnapshot::discard(const MCPToolContext& context, VMRecord
     }
     if (failure)
         context.logger.error(
-            "Could not remove the automatic snapshot after a failed start of %{public}s: %{public}s", vm->name,
-            describedWithSuggestion(failure));
+            "Could not remove the automatic snapshot after a failed start of %{public}s: %{public}s",
+            vm->name, describedWithSuggestion(failure));
 }
 
 }  // namespace dorvane

@@ -8,8 +8,10 @@
 namespace dorvane {
 
 std::string mcpCallSummary(std::string_view tool, const MCPToolArguments& arguments) {
-    static const std::map<std::string_view, const char*> keys{
-        {"exec_shell", "command"}, {"take_snapshot", "name"}, {"restore_snapshot", "snapshot"}, {"clone_vm", "network"}};
+    static const std::map<std::string_view, const char*> keys{{"exec_shell", "command"},
+                                                              {"take_snapshot", "name"},
+                                                              {"restore_snapshot", "snapshot"},
+                                                              {"clone_vm", "network"}};
     if (const auto key = keys.find(tool); key != keys.end()) return arguments.text(key->second).value_or("");
     if (tool == "stop_vm") return arguments.isTrue("force") ? "force" : "";
     if (tool != "create_vm") return "";

@@ -20,7 +20,8 @@ bool isPassing(int number) {
     return number == EMFILE || number == ENFILE || number == ENOBUFS || number == ENOMEM;
 }
 
-/// What has arrived already. A client sends its request at once, so that most connections need no waiting at all.
+/// What has arrived already. A client sends its request at once, so that most connections need no waiting at
+/// all.
 ByteView receiveNow(StreamConnection& connection, Bytes& into) {
     into.resize(firstReceiveSize);
     const auto count = ::recv(connection.descriptor(), into.data(), into.size(), MSG_DONTWAIT);
@@ -30,7 +31,8 @@ ByteView receiveNow(StreamConnection& connection, Bytes& into) {
 
 /// How many bytes the system took without waiting.
 std::size_t sendNow(StreamConnection& connection, std::string_view bytes) {
-    const auto sent = ::send(connection.descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    const auto sent =
+        ::send(connection.descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     return sent > 0 ? static_cast<std::size_t>(sent) : 0;
 }
 
@@ -111,8 +113,8 @@ void MCPConnectionHost::openListener(std::uint16_t port, ListenerEvents events) 
         return;
     }
     events.ready();
-    acceptTask_ = spawn(networkQueue_.executor(), acceptConnections(shared_from_this(), listener_, std::move(events)),
-                        "MCP listener");
+    acceptTask_ = spawn(networkQueue_.executor(),
+                        acceptConnections(shared_from_this(), listener_, std::move(events)), "MCP listener");
 }
 
 void MCPConnectionHost::closeListener() {
@@ -150,7 +152,8 @@ void MCPConnectionHost::welcome(Connection connection) {
 }
 
 bool MCPConnectionHost::authorizes(const std::string& path, const HTTPRequestParser::Headers& headers) const {
-    return MCPAuthToken::isEndpointPath(path) && MCPAuthToken::isAuthorized(path, headers, tokenForNetwork_->get());
+    return MCPAuthToken::isEndpointPath(path) &&
+           MCPAuthToken::isAuthorized(path, headers, tokenForNetwork_->get());
 }
 
 Task<void> MCPConnectionHost::serve(Self self, Connection connection, std::unique_ptr<Slot> slot) {
@@ -166,9 +169,10 @@ Task<void> MCPConnectionHost::serve(Self self, Connection connection, std::uniqu
 Task<void> MCPConnectionHost::converse(Self self, Connection connection) {
     using Result = HTTPRequestParser::ParseResult;
     ReceiveDeadline deadline(self->deadlines_, connection);
-    HTTPRequestParser parser([host = self.get()](const std::string& path, const HTTPRequestParser::Headers& headers) {
-        return host->authorizes(path, headers);
-    });
+    HTTPRequestParser parser(
+        [host = self.get()](const std::string& path, const HTTPRequestParser::Headers& headers) {
+            return host->authorizes(path, headers);
+        });
     Bytes received;
     auto result = parser.append(receiveNow(*connection, received));
     while (std::holds_alternative<Result::NeedMoreData>(result)) {

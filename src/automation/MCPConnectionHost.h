@@ -17,8 +17,8 @@
 
 namespace dorvane {
 
-/// One request per connection, read with a limit in size and time, then one response. Public operations may be
-/// called from any thread. Held by shared pointers: its tasks keep it until they have ended.
+/// One request per connection, read with a limit in size and time, then one response. Public operations may
+/// be called from any thread. Held by shared pointers: its tasks keep it until they have ended.
 class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost> {
   public:
     static constexpr int maximumConnections = 16;
@@ -51,7 +51,8 @@ class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost>
     using Connection = std::shared_ptr<StreamConnection>;
     class Slot;
 
-    static Task<void> acceptConnections(Self self, std::shared_ptr<StreamListener> listener, ListenerEvents events);
+    static Task<void> acceptConnections(Self self, std::shared_ptr<StreamListener> listener,
+                                        ListenerEvents events);
     static Task<void> serve(Self self, Connection connection, std::unique_ptr<Slot> slot);
     static Task<void> converse(Self self, Connection connection);
     static Task<std::optional<MCPHTTPResponse>> call(Self self, HTTPRequestParser::Request request);

@@ -71,7 +71,8 @@ JSON shellValue(const ShellRun& run, VMOSType os) {
     putOptional(value, "guestCodePage", run.result.codePage);
     if (run.result.timedOut) value["timedOut"] = true;
     if (os == VMOSType::windows)
-        putOptional(value, "hint", MCPGuestTools::windowsSSHHint(run.result.exitCode, run.result.standardError));
+        putOptional(value, "hint",
+                    MCPGuestTools::windowsSSHHint(run.result.exitCode, run.result.standardError));
     return value;
 }
 
@@ -83,8 +84,9 @@ bool looksLikePNG(const Bytes& bytes) {
 Task<MCPToolResult> screenshotFromHost(const MCPToolContext& context, VMRecordPointer vm) {
     const auto png = co_await context.services.vmService.captureHostFramebuffer(vm);
     if (!png)
-        throw MCPToolError("VM '" + vm->name +
-                           "' is not running, so there is no display to capture. Start it first with start_vm.");
+        throw MCPToolError(
+            "VM '" + vm->name +
+            "' is not running, so there is no display to capture. Start it first with start_vm.");
     if (!looksLikePNG(*png)) throw MCPToolError("The VM display returned data that was not a PNG image.");
     co_return MCPToolResult::png(*png);
 }
@@ -108,7 +110,8 @@ Task<JSON> MCPGuestTools::execShell(const MCPToolContext& context, const MCPTool
     co_return shellValue(run, vm->osType);
 }
 
-Task<MCPToolResult> MCPGuestTools::screenshot(const MCPToolContext& context, const MCPToolArguments& arguments) {
+Task<MCPToolResult> MCPGuestTools::screenshot(const MCPToolContext& context,
+                                              const MCPToolArguments& arguments) {
     const auto vm = co_await MCPToolTargets::resolveVM(context, arguments);
     if (vm->osType == VMOSType::windows) {
         auto captured = co_await screenshotFromHost(context, vm);
@@ -118,10 +121,11 @@ Task<MCPToolResult> MCPGuestTools::screenshot(const MCPToolContext& context, con
     const auto captured = co_await context.requireGuestChannelRouter().screenshot(
         vm, arguments.text("username"), guestScreenshotCommand(vm->osType), std::move(endpoint));
     if (!looksLikePNG(captured.png))
-        throw MCPToolError("Screenshot failed in guest '" + vm->name + "' over " +
-                           (captured.channel == GuestChannel::ssh ? "ssh" : "vsock") +
-                           ". If the guest needs different capture steps, run them with exec_shell and pipe PNG data "
-                           "to stdout.");
+        throw MCPToolError(
+            "Screenshot failed in guest '" + vm->name + "' over " +
+            (captured.channel == GuestChannel::ssh ? "ssh" : "vsock") +
+            ". If the guest needs different capture steps, run them with exec_shell and pipe PNG data "
+            "to stdout.");
     co_return MCPToolResult::png(captured.png);
 }
 
@@ -130,16 +134,24 @@ std::optional<std::string> MCPGuestTools::windowsSSHHint(int exitCode, const std
     const auto words = lowercased(standardError);
     const auto says = [&](const char* part) { return words.find(part) != std::string::npos; };
     if (says("username contains invalid characters"))
-        return "The SSH username for this VM contains characters OpenSSH refuses to send (quotes, spaces and shell "
-               "metacharacters among them). Windows allows them in account names but ssh does not, so this account "
-               "cannot be reached over SSH. Create a plain-ASCII administrator account inside Windows and set that "
+        return "The SSH username for this VM contains characters OpenSSH refuses to send (quotes, spaces and "
+               "shell "
+               "metacharacters among them). Windows allows them in account names but ssh does not, so this "
+               "account "
+               "cannot be reached over SSH. Create a plain-ASCII administrator account inside Windows and "
+               "set that "
                "as the VM's SSH username; the key Dorvane installed works for any administrator.";
     if (says("permission denied") || says("no supported authentication"))
-        return "OpenSSH Server is reachable but rejected the key. Run Configure-Dorvane-SSH from the Dorvane disc "
-               "inside Windows as administrator; it writes this VM's key and fixes the permissions on it. A key file "
-               "that is readable by more than Administrators and SYSTEM is ignored by sshd without any error.";
-    return "Could not reach OpenSSH Server inside this Windows VM. Start the VM, then run Install-Dorvane-Drivers "
-           "from the Dorvane drivers disc once (it needs the VM to have internet access the first time), then try "
+        return "OpenSSH Server is reachable but rejected the key. Run Configure-Dorvane-SSH from the Dorvane "
+               "disc "
+               "inside Windows as administrator; it writes this VM's key and fixes the permissions on it. A "
+               "key file "
+               "that is readable by more than Administrators and SYSTEM is ignored by sshd without any "
+               "error.";
+    return "Could not reach OpenSSH Server inside this Windows VM. Start the VM, then run "
+           "Install-Dorvane-Drivers "
+           "from the Dorvane drivers disc once (it needs the VM to have internet access the first time), "
+           "then try "
            "again.";
 }
 

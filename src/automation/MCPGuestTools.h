@@ -13,7 +13,8 @@ struct MCPGuestTools {
     static Task<JSON> execShell(const MCPToolContext& context, const MCPToolArguments& arguments);
     static Task<MCPToolResult> screenshot(const MCPToolContext& context, const MCPToolArguments& arguments);
 
-    /// What to do about an ssh that failed (exit code 255) to reach a Windows guest; absent for any other exit code.
+    /// What to do about an ssh that failed (exit code 255) to reach a Windows guest; absent for any other
+    /// exit code.
     static std::optional<std::string> windowsSSHHint(int exitCode, const std::string& standardError);
 };
 

@@ -14,7 +14,8 @@ std::string MCPHTTPResponse::serialized() const {
 }
 
 MCPHTTPResponse MCPHTTPResponse::unauthorized() {
-    return empty(401, "Unauthorized - reconnect Dorvane in your MCP client", {{"WWW-Authenticate", "Bearer"}});
+    return empty(401, "Unauthorized - reconnect Dorvane in your MCP client",
+                 {{"WWW-Authenticate", "Bearer"}});
 }
 
 }  // namespace dorvane

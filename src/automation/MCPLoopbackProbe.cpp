@@ -33,7 +33,8 @@ std::string requestText(int port, const std::string& token) {
 
 Task<FileDescriptor> connectToLoopback(SerialQueue queue, int port) {
     asio::basic_stream_socket<asio::ip::tcp, Executor> socket(queue.executor());
-    const asio::ip::tcp::endpoint endpoint(asio::ip::address_v4::loopback(), static_cast<std::uint16_t>(port));
+    const asio::ip::tcp::endpoint endpoint(asio::ip::address_v4::loopback(),
+                                           static_cast<std::uint16_t>(port));
     boost::system::error_code error;
     co_await socket.async_connect(endpoint, asio::redirect_error(asio::use_awaitable_t<Executor>{}, error));
     if (error) throw POSIXError(error.value());

@@ -27,7 +27,9 @@ struct MCPLoopbackProbe {
 
         static Result ok(std::size_t toolCount) { return {Kind::ok, toolCount}; }
         static Result unreachable(std::string why) { return {Kind::unreachable, 0, std::move(why)}; }
-        static Result unexpectedResponse(std::string what) { return {Kind::unexpectedResponse, 0, std::move(what)}; }
+        static Result unexpectedResponse(std::string what) {
+            return {Kind::unexpectedResponse, 0, std::move(what)};
+        }
         static Result unauthorized() { return {Kind::unauthorized}; }
     };
 

@@ -7,7 +7,8 @@
 
 namespace dorvane {
 
-/// Main thread only. Each returns the value of a successful call and throws otherwise; arguments outlive the task.
+/// Main thread only. Each returns the value of a successful call and throws otherwise; arguments outlive the
+/// task.
 struct MCPMachineTools {
     static Task<JSON> listVMs(const MCPToolContext& context, const MCPToolArguments& arguments);
     static Task<JSON> startVM(const MCPToolContext& context, const MCPToolArguments& arguments);

@@ -51,8 +51,10 @@ std::optional<MCPHTTPResponse> refusal(const HTTPRequestParser::Request& request
     if (origin != request.headers.end() && !isAllowedMCPOrigin(origin->second))
         return MCPHTTPResponse::empty(403, "Forbidden");
     if (!MCPAuthToken::isEndpointPath(request.path)) return MCPHTTPResponse::empty(404, "Not Found");
-    if (!MCPAuthToken::isAuthorized(request.path, request.headers, token)) return MCPHTTPResponse::unauthorized();
-    if (request.method != "POST") return MCPHTTPResponse::empty(405, "Method Not Allowed", {{"Allow", "POST"}});
+    if (!MCPAuthToken::isAuthorized(request.path, request.headers, token))
+        return MCPHTTPResponse::unauthorized();
+    if (request.method != "POST")
+        return MCPHTTPResponse::empty(405, "Method Not Allowed", {{"Allow", "POST"}});
     return std::nullopt;
 }
 
@@ -102,7 +104,8 @@ Task<std::string> MCPRequestHandler::dispatch(std::string method, JSON params) {
     if (method == "tools/list") co_return MCPToolTable::listText(context_->offersDestructiveTools());
     if (method != "tools/call") throw MCPMethodError(methodNotFoundCode, "Method not found: " + method);
     const auto name = params.find("name");
-    if (name == params.end() || !name->is_string()) throw MCPMethodError(invalidParamsCode, "Missing tool name");
+    if (name == params.end() || !name->is_string())
+        throw MCPMethodError(invalidParamsCode, "Missing tool name");
     const auto result = co_await callTool(name->get<std::string>(), objectMember(params, "arguments"));
     co_return compactJSON(result.encoded());
 }
@@ -138,7 +141,8 @@ Task<MCPToolResult> MCPRequestHandler::callTool(std::string name, JSON arguments
     co_return result;
 }
 
-Task<MCPToolResult> MCPRequestHandler::performTool(const std::string& name, const MCPToolArguments& arguments) {
+Task<MCPToolResult> MCPRequestHandler::performTool(const std::string& name,
+                                                   const MCPToolArguments& arguments) {
     const auto operation = findToolOperation(name);
     if (operation == nullptr) co_return MCPToolResult::failure("Unknown tool: " + name);
     std::exception_ptr failure;

@@ -14,16 +14,16 @@
 
 namespace dorvane {
 
-/// Main thread only. Keeps nothing about its clients: each request stands alone, and several may be under way.
-/// Held by a shared pointer for as long as one is.
+/// Main thread only. Keeps nothing about its clients: each request stands alone, and several may be under
+/// way. Held by a shared pointer for as long as one is.
 class MCPRequestHandler : public MCPRequestHandlerProtocol {
   public:
     /// The token that requests must carry; absent lets nobody in.
     using TokenProvider = std::function<std::optional<std::string>()>;
 
     /// The services and the log outlive every request; `activityLog` may be null.
-    MCPRequestHandler(const Runtime& runtime, MCPToolContext::Services services, AgentActivityLog* activityLog,
-                      std::string serverVersion, TokenProvider tokenProvider);
+    MCPRequestHandler(const Runtime& runtime, MCPToolContext::Services services,
+                      AgentActivityLog* activityLog, std::string serverVersion, TokenProvider tokenProvider);
 
     Task<MCPHTTPResponse> handle(HTTPRequestParser::Request request) override;
 

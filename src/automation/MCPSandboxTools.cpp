@@ -11,7 +11,8 @@ constexpr auto defaultTimeToLive = std::chrono::hours(24);
 constexpr std::int64_t maximumTimeToLiveMinutes = 10080;
 
 constexpr auto emptyMachineNote =
-    "This VM has no operating system installed yet. Installing one is interactive and cannot be driven through MCP. "
+    "This VM has no operating system installed yet. Installing one is interactive and cannot be driven "
+    "through MCP. "
     "To get a ready-to-use environment, use clone_vm on a VM that already has one.";
 
 VMOSType requiredOS(const MCPToolArguments& arguments) {

@@ -10,18 +10,19 @@ MCPServerService::MCPServerService(const Runtime& runtime, SettingsService& sett
     : runtime_(runtime),
       settingsService_(settingsService),
       keychainStore_(keychainStore),
-      host_(std::make_shared<MCPConnectionHost>(
-          runtime, tokenForNetwork_,
-          [anchor = Anchor(anchor_)](HTTPRequestParser::Request request) {
-              return respond(anchor, std::move(request));
-          })),
+      host_(
+          std::make_shared<MCPConnectionHost>(runtime, tokenForNetwork_,
+                                              [anchor = Anchor(anchor_)](HTTPRequestParser::Request request) {
+                                                  return respond(anchor, std::move(request));
+                                              })),
       isEnabled_(settingsService.defaults().boolean(defaultsKey::mcpServerEnabled).value_or(false)) {
     setEndpointToken(MCPAuthToken::load(keychainStore));
 }
 
 MCPServerService::~MCPServerService() { host_->endAll(); }
 
-Task<std::optional<MCPHTTPResponse>> MCPServerService::respond(Anchor anchor, HTTPRequestParser::Request request) {
+Task<std::optional<MCPHTTPResponse>> MCPServerService::respond(Anchor anchor,
+                                                               HTTPRequestParser::Request request) {
     std::shared_ptr<MCPRequestHandlerProtocol> handler;
     if (const auto service = anchor.lock()) handler = (*service)->handler_;
     if (!handler) co_return std::nullopt;
@@ -34,7 +35,8 @@ std::string MCPServerService::endpointURLString() const {
 
 int MCPServerService::effectivePort() const {
     const auto stored = settingsService_.defaults().integer(defaultsKey::mcpServerPort);
-    return stored && *stored >= minimumPort && *stored <= maximumPort ? static_cast<int>(*stored) : defaultPort;
+    return stored && *stored >= minimumPort && *stored <= maximumPort ? static_cast<int>(*stored)
+                                                                      : defaultPort;
 }
 
 void MCPServerService::start() {

@@ -15,10 +15,10 @@
 
 namespace dorvane {
 
-/// Main thread only. The states of its listener: none, starting (a listener, not running), running; `start` moves
-/// from none to starting, the listener's own news from there to running or back to none, `stop` back to none.
-/// Dropping the service ends its listener, its connections and the calls that they wait for, a moment later;
-/// `shutdown` waits for that.
+/// Main thread only. The states of its listener: none, starting (a listener, not running), running; `start`
+/// moves from none to starting, the listener's own news from there to running or back to none, `stop` back to
+/// none. Dropping the service ends its listener, its connections and the calls that they wait for, a moment
+/// later; `shutdown` waits for that.
 class MCPServerService {
   public:
     static constexpr int defaultPort = 59800;
@@ -49,12 +49,13 @@ class MCPServerService {
     void stop();
     /// Throws FileError when the setting can't be kept.
     void setEnabled(bool enabled);
-    /// False, with nothing changed, outside the range. A running server moves to the new port. Throws FileError
-    /// when the setting can't be kept.
+    /// False, with nothing changed, outside the range. A running server moves to the new port. Throws
+    /// FileError when the setting can't be kept.
     bool setPort(int port);
     /// From this moment the old token is refused; the listener stays up.
     void regenerateToken();
-    /// Ends everything and returns once nothing of it runs any more. Before the collaborators of the handler go.
+    /// Ends everything and returns once nothing of it runs any more. Before the collaborators of the handler
+    /// go.
     Task<void> shutdown();
 
   private:

@@ -30,14 +30,15 @@ Task<JSON> MCPSnapshotTools::listSnapshots(const MCPToolContext& context, const 
 Task<JSON> MCPSnapshotTools::takeSnapshot(const MCPToolContext& context, const MCPToolArguments& arguments) {
     const auto vm = co_await MCPToolTargets::resolveVM(context, arguments);
     const auto name = arguments.requiredText("name", "Missing required argument: name");
-    auto operation = context.requireSnapshotService().takeSnapshot(vm, name, arguments.isTrue("include_memory"),
-                                                                   VMSnapshotKind::manual);
+    auto operation = context.requireSnapshotService().takeSnapshot(
+        vm, name, arguments.isTrue("include_memory"), VMSnapshotKind::manual);
     const auto snapshot =
         co_await context.services.operationGate.perform(vm->id, vm->name, std::move(operation));
     co_return snapshotValue(*snapshot);
 }
 
-Task<JSON> MCPSnapshotTools::restoreSnapshot(const MCPToolContext& context, const MCPToolArguments& arguments) {
+Task<JSON> MCPSnapshotTools::restoreSnapshot(const MCPToolContext& context,
+                                             const MCPToolArguments& arguments) {
     const auto vm = co_await MCPToolTargets::resolveVM(context, arguments);
     const auto snapshot = co_await MCPToolTargets::resolveSnapshot(context, arguments, vm);
     auto operation = context.requireSnapshotService().restoreSnapshot(snapshot, vm);

@@ -7,7 +7,8 @@
 
 namespace dorvane {
 
-/// Main thread only. Each returns the value of a successful call and throws otherwise; arguments outlive the task.
+/// Main thread only. Each returns the value of a successful call and throws otherwise; arguments outlive the
+/// task.
 struct MCPSnapshotTools {
     static Task<JSON> listSnapshots(const MCPToolContext& context, const MCPToolArguments& arguments);
     static Task<JSON> takeSnapshot(const MCPToolContext& context, const MCPToolArguments& arguments);

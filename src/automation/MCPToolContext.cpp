@@ -7,13 +7,15 @@ namespace dorvane {
 
 EphemeralSandboxServicing& MCPToolContext::requireSandboxService() const {
     if (!offersDestructiveTools())
-        throw MCPToolError("Creating and deleting VMs is turned off. Turn on \"Allow creating and deleting VMs\" in "
-                           "Dorvane → Settings → Automation.");
+        throw MCPToolError(
+            "Creating and deleting VMs is turned off. Turn on \"Allow creating and deleting VMs\" in "
+            "Dorvane → Settings → Automation.");
     return *services.sandboxService;
 }
 
 VMSnapshotServiceProtocol& MCPToolContext::requireSnapshotService() const {
-    if (services.snapshotService == nullptr) throw MCPToolError("Snapshots are not available in this build yet.");
+    if (services.snapshotService == nullptr)
+        throw MCPToolError("Snapshots are not available in this build yet.");
     return *services.snapshotService;
 }
 

@@ -27,6 +27,8 @@ JSON MCPToolResult::encoded() const {
     return result;
 }
 
-std::string MCPToolResult::firstText() const { return content.empty() ? "" : content.front().value("text", ""); }
+std::string MCPToolResult::firstText() const {
+    return content.empty() ? "" : content.front().value("text", "");
+}
 
 }  // namespace dorvane

@@ -28,20 +28,15 @@ constexpr Property sshUsername{"username", "string", Need::optional,
                                "SSH username. Defaults to the VM's configured username."};
 
 constexpr Tool tools[] = {
-    {"list_vms",
-     "List all virtual machines with their OS type, status, CPU, and memory.",
-     {}},
-    {"start_vm",
-     "Start a stopped virtual machine.",
-     {theVM}},
+    {"list_vms", "List all virtual machines with their OS type, status, CPU, and memory.", {}},
+    {"start_vm", "Start a stopped virtual machine.", {theVM}},
     {"stop_vm",
      "Stop a running virtual machine. A graceful stop that the guest ignores for 30 seconds becomes a "
      "forced one; the result's forced field says which happened. A logged-in macOS guest answers a "
      "graceful stop by asking for confirmation inside the VM, which you cannot click, so it is powered off "
      "after 30 seconds; to keep its state, use suspend_vm instead. Set force=true only if a graceful stop "
      "fails.",
-     {theVM,
-      {"force", "boolean", Need::optional, "Force stop (like pulling the power). Default false."}}},
+     {theVM, {"force", "boolean", Need::optional, "Force stop (like pulling the power). Default false."}}},
     {"restart_vm",
      "Restart a running virtual machine. The result's forced field is true when the guest ignored the "
      "shutdown request and was powered off instead.",
@@ -55,12 +50,8 @@ constexpr Tool tools[] = {
     {"get_vm_status",
      "Get a VM's current status, IP address, display resolution, and network mode.",
      {theVM}},
-    {"get_vm_ip",
-     "Get a running VM's guest IP address, e.g. to reach it over SSH.",
-     {theVM}},
-    {"list_snapshots",
-     "List the snapshots of a virtual machine.",
-     {theVM}},
+    {"get_vm_ip", "Get a running VM's guest IP address, e.g. to reach it over SSH.", {theVM}},
+    {"list_snapshots", "List the snapshots of a virtual machine.", {theVM}},
     {"take_snapshot",
      "Take a disk-only snapshot of a virtual machine. On a running VM the snapshot is crash-consistent (as "
      "if the power had been cut, no memory captured) unless include_memory is true and the guest supports "
@@ -73,8 +64,7 @@ constexpr Tool tools[] = {
        "snapshot is about as large as its memory). Default false."}}},
     {"restore_snapshot",
      "Restore a stopped virtual machine to a previous snapshot. The current disk state is replaced.",
-     {theVM,
-      {"snapshot", "string", Need::required, "Snapshot name or UUID"}}},
+     {theVM, {"snapshot", "string", Need::required, "Snapshot name or UUID"}}},
     {"exec_shell",
      "Run a shell command inside a running guest and return exit code, stdout, and stderr. Linux guests "
      "with the Dorvane guest agent installed use a direct channel that needs no network address and no "
@@ -94,8 +84,7 @@ constexpr Tool tools[] = {
      "agent use a direct channel and can be captured with no display server at all (the agent reads the "
      "kernel framebuffer); otherwise this uses SSH and the guest needs a graphical session and a capture "
      "tool (macOS: built in; Linux: grim on Wayland, scrot or import on X11).",
-     {theVM,
-      sshUsername}},
+     {theVM, sshUsername}},
 };
 
 constexpr Tool destructiveTools[] = {
@@ -109,11 +98,14 @@ constexpr Tool destructiveTools[] = {
       {"ttlMinutes", "number", Need::optional,
        "How long the sandbox should live before Dorvane may reclaim it, in minutes. Default 1440 (one "
        "day), maximum 10080 (one week). Reclaiming only happens while the sandbox is stopped."},
-      {"network", "string", Need::optional,
+      {"network",
+       "string",
+       Need::optional,
        "\"inherit\" (default) keeps the source VM's network. \"isolated\" cuts the sandbox off from the "
        "internet and the local network, for untrusted work; the source VM is not affected. An isolated "
        "macOS or Linux sandbox has no network interface at all, so exec_shell and screenshot work only "
-       "through the Dorvane guest agent there; an isolated Windows sandbox keeps its host-only SSH.", {"inherit", "isolated"}}}},
+       "through the Dorvane guest agent there; an isolated Windows sandbox keeps its host-only SSH.",
+       {"inherit", "isolated"}}}},
     {"delete_vm",
      "Delete a disposable sandbox created by clone_vm and move it to the Trash. Refuses to touch regular "
      "VMs.",

@@ -30,21 +30,27 @@ VMSnapshotPointer findSnapshot(const std::vector<VMSnapshotPointer>& snapshots, 
 
 const char* absentAddressReason(const std::optional<NetworkSummary>& network) {
     if (network && network->isBridgedOverWireless)
-        return "The VM is bridged to a wireless interface. Access points generally do not forward traffic for the "
-               "guest's own MAC address, so the guest will never get an address this way. Switch the VM to NAT or "
+        return "The VM is bridged to a wireless interface. Access points generally do not forward traffic "
+               "for the "
+               "guest's own MAC address, so the guest will never get an address this way. Switch the VM to "
+               "NAT or "
                "bridge it over Ethernet.";
     if (network && network->isBridged)
-        return "The guest has not produced network traffic yet. Wait for it to finish booting, then try again.";
+        return "The guest has not produced network traffic yet. Wait for it to finish booting, then try "
+               "again.";
     if (network && !network->hasHostVisibleAddress)
-        return "This VM uses a shared network whose guest address exists only inside the VM, so this Mac cannot look "
-               "it up and waiting will not help. Run ipconfig (Windows) or ip addr (Linux) inside the guest to see "
+        return "This VM uses a shared network whose guest address exists only inside the VM, so this Mac "
+               "cannot look "
+               "it up and waiting will not help. Run ipconfig (Windows) or ip addr (Linux) inside the guest "
+               "to see "
                "it.";
     return "The guest is still booting or has not requested a DHCP lease yet. Try again in a few seconds.";
 }
 
 }  // namespace
 
-Task<VMRecordPointer> MCPToolTargets::resolveVM(const MCPToolContext& context, const MCPToolArguments& arguments) {
+Task<VMRecordPointer> MCPToolTargets::resolveVM(const MCPToolContext& context,
+                                                const MCPToolArguments& arguments) {
     const auto argument =
         arguments.requiredVisibleText("vm", "Missing required argument: vm (a VM name or UUID)");
     co_await context.services.vmService.refreshVMList();
@@ -55,9 +61,10 @@ Task<VMRecordPointer> MCPToolTargets::resolveVM(const MCPToolContext& context, c
 }
 
 Task<VMSnapshotPointer> MCPToolTargets::resolveSnapshot(const MCPToolContext& context,
-                                                        const MCPToolArguments& arguments, VMRecordPointer vm) {
-    const auto argument = arguments.requiredText(
-        "snapshot", "Missing required argument: snapshot (a snapshot name or UUID)");
+                                                        const MCPToolArguments& arguments,
+                                                        VMRecordPointer vm) {
+    const auto argument =
+        arguments.requiredText("snapshot", "Missing required argument: snapshot (a snapshot name or UUID)");
     const auto snapshots = co_await context.requireSnapshotService().listSnapshots(vm);
     auto snapshot = findSnapshot(snapshots, argument);
     if (snapshot) co_return snapshot;
@@ -75,7 +82,8 @@ Task<std::string> MCPToolTargets::requireRunningIP(const MCPToolContext& context
         throw MCPToolError("VM '" + vm->name +
                            "' is not running, so it has no IP address. Start it first with start_vm.");
     if (display->ipAddress) co_return *display->ipAddress;
-    throw MCPToolError("No IP address found for VM '" + vm->name + "'. " + absentAddressReason(display->network));
+    throw MCPToolError("No IP address found for VM '" + vm->name + "'. " +
+                       absentAddressReason(display->network));
 }
 
 Task<GuestSSHEndpoint> MCPToolTargets::requireSSHEndpoint(const MCPToolContext& context, VMRecordPointer vm) {
@@ -84,10 +92,11 @@ Task<GuestSSHEndpoint> MCPToolTargets::requireSSHEndpoint(const MCPToolContext& 
     if (endpoint.port) {
         endpoint.host = "127.0.0.1";
     } else if (vm->osType == VMOSType::windows) {
-        throw MCPToolError("SSH is not available for VM '" + vm->name +
-                           "'. Start the VM, then run             Install-Dorvane-Drivers inside Windows once (it "
-                           "enables OpenSSH Server),             and run Configure-Dorvane-SSH from the Dorvane disc "
-                           "to install this VM's key.");
+        throw MCPToolError(
+            "SSH is not available for VM '" + vm->name +
+            "'. Start the VM, then run             Install-Dorvane-Drivers inside Windows once (it "
+            "enables OpenSSH Server),             and run Configure-Dorvane-SSH from the Dorvane disc "
+            "to install this VM's key.");
     } else {
         endpoint.host = co_await requireRunningIP(context, vm);
     }

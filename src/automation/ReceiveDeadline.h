@@ -9,8 +9,8 @@
 
 namespace dorvane {
 
-/// The limits that run at present on one queue, and used on it alone. They are all of one length and so end in the
-/// order in which they began: one timer serves them all. Held by a shared pointer.
+/// The limits that run at present on one queue, and used on it alone. They are all of one length and so end
+/// in the order in which they began: one timer serves them all. Held by a shared pointer.
 class ReceiveDeadlines : public std::enable_shared_from_this<ReceiveDeadlines> {
   public:
     struct Entry {
@@ -22,7 +22,8 @@ class ReceiveDeadlines : public std::enable_shared_from_this<ReceiveDeadlines> {
     ReceiveDeadlines(SerialQueue queue, Clock& clock, Duration limit)
         : queue_(std::move(queue)), clock_(clock), limit_(limit) {}
 
-    /// From now on; a connection that is still here when its time is over is closed, which ends its pending read.
+    /// From now on; a connection that is still here when its time is over is closed, which ends its pending
+    /// read.
     Place add(const std::shared_ptr<StreamConnection>& connection);
     void remove(Place place) { running_.erase(place); }
 
@@ -41,7 +42,8 @@ class ReceiveDeadlines : public std::enable_shared_from_this<ReceiveDeadlines> {
 /// One connection's limit.
 class ReceiveDeadline {
   public:
-    ReceiveDeadline(std::shared_ptr<ReceiveDeadlines> all, const std::shared_ptr<StreamConnection>& connection)
+    ReceiveDeadline(std::shared_ptr<ReceiveDeadlines> all,
+                    const std::shared_ptr<StreamConnection>& connection)
         : all_(std::move(all)), place_(all_->add(connection)) {}
     ReceiveDeadline(const ReceiveDeadline&) = delete;
     ReceiveDeadline& operator=(const ReceiveDeadline&) = delete;

@@ -26,8 +26,8 @@ std::string iso8601Text(Date date) {
     const std::chrono::year_month_day ymd{day};
     const std::chrono::hh_mm_ss time{std::chrono::floor<std::chrono::seconds>(date - day)};
     return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(ymd.year()),
-                       static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()), time.hours().count(),
-                       time.minutes().count(), time.seconds().count());
+                       static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                       time.hours().count(), time.minutes().count(), time.seconds().count());
 }
 
 std::optional<Date> parseISO8601(std::string_view text) {

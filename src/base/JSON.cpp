@@ -20,9 +20,13 @@ JSON parseJSON(std::string_view text) {
     }
 }
 
-std::string prettyJSON(const JSON& value) { return value.dump(2, ' ', false, JSON::error_handler_t::replace); }
+std::string prettyJSON(const JSON& value) {
+    return value.dump(2, ' ', false, JSON::error_handler_t::replace);
+}
 
-std::string compactJSON(const JSON& value) { return value.dump(-1, ' ', false, JSON::error_handler_t::replace); }
+std::string compactJSON(const JSON& value) {
+    return value.dump(-1, ' ', false, JSON::error_handler_t::replace);
+}
 
 JSONReader::JSONReader(const JSON& object, std::string_view what) : object_(object) {
     if (!object.is_object()) throw JSONError(std::string(what) + " is not a JSON object.");
@@ -48,7 +52,8 @@ std::int64_t signedInteger(const JSON& value, std::string_view key) {
 
 std::uint64_t unsignedInteger(const JSON& value, std::string_view key) {
     if (value.is_number_unsigned()) return value.get<std::uint64_t>();
-    if (!value.is_number_integer() || value.get<std::int64_t>() < 0) throwMistyped(key, "an unsigned integer");
+    if (!value.is_number_integer() || value.get<std::int64_t>() < 0)
+        throwMistyped(key, "an unsigned integer");
     return static_cast<std::uint64_t>(value.get<std::int64_t>());
 }
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The one place where a text with placeholders becomes a sentence.
 //
-// Texts carry the placeholders of the string catalogue: %@ (any value's text), %lld, %ld, %d, %llu, %hu, %hhu,
-// %f, %s, and for log lines the %{public}s family; %% is a percent sign. Arguments are taken in order. A
-// placeholder without an argument stays as written, so that a wrong text is seen instead of hidden.
+// Texts carry the placeholders of the string catalogue: %@ (any value's text), %lld, %ld, %d, %llu, %hu,
+// %hhu, %f, %s, and for log lines the %{public}s family; %% is a percent sign. Arguments are taken in order.
+// A placeholder without an argument stays as written, so that a wrong text is seen instead of hidden.
 #pragma once
 
 #include <fmt/format.h>

@@ -11,7 +11,10 @@ char32_t decodeOne(std::string_view text, std::size_t& at, bool& valid) {
     const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
     const std::uint8_t lead = byte(at);
     if (lead < 0x80) return byte(at++);
-    const std::size_t length = lead >= 0xF0 && lead < 0xF5 ? 4 : lead >= 0xE0 && lead < 0xF0 ? 3 : lead >= 0xC2 && lead < 0xE0 ? 2 : 0;
+    const std::size_t length = lead >= 0xF0 && lead < 0xF5   ? 4
+                               : lead >= 0xE0 && lead < 0xF0 ? 3
+                               : lead >= 0xC2 && lead < 0xE0 ? 2
+                                                             : 0;
     if (length == 0 || at + length > text.size()) {
         valid = false;
         ++at;
@@ -170,7 +173,8 @@ bool precedesNaturally(std::string_view a, std::string_view b) {
             if (left != right) return left < right;
             continue;
         }
-        const auto left = static_cast<std::uint8_t>(foldedA[i++]), right = static_cast<std::uint8_t>(foldedB[j++]);
+        const auto left = static_cast<std::uint8_t>(foldedA[i++]),
+                   right = static_cast<std::uint8_t>(foldedB[j++]);
         if (left != right) return left < right;
     }
     if (foldedA.size() - i != foldedB.size() - j) return foldedA.size() - i < foldedB.size() - j;

@@ -36,6 +36,7 @@ class UUID {
 template <>
 struct std::hash<dorvane::UUID> {
     std::size_t operator()(const dorvane::UUID& id) const noexcept {
-        return std::hash<std::string_view>{}({reinterpret_cast<const char*>(id.bytes_.data()), id.bytes_.size()});
+        return std::hash<std::string_view>{}(
+            {reinterpret_cast<const char*>(id.bytes_.data()), id.bytes_.size()});
     }
 };

@@ -9,7 +9,8 @@
 
 namespace dorvane {
 
-/// Three passes over the list: the UUID's text, the exact name, the name without regard to case. Null when none.
+/// Three passes over the list: the UUID's text, the exact name, the name without regard to case. Null when
+/// none.
 VMRecordPointer findVM(const std::vector<VMRecordPointer>& vms, std::string_view nameOrID);
 
 }  // namespace dorvane

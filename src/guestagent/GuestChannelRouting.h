@@ -50,12 +50,13 @@ class GuestChannelRouting {
     /// Runs a command over the guest agent, waiting at most `limit`. Throws a guest agent error.
     virtual Task<GuestCommandResult> executeByAgent(VMRecordPointer vm, GuestAgentCommand command,
                                                     Duration limit) = 0;
-    /// Whether a failure means that the agent was never reached, so that another way may be tried. For a command
-    /// that is not idempotent, a failure after it was sent is none.
+    /// Whether a failure means that the agent was never reached, so that another way may be tried. For a
+    /// command that is not idempotent, a failure after it was sent is none.
     virtual bool isChannelUnavailable(const std::exception_ptr& error, bool idempotent) const = 0;
     /// Runs a command over SSH. Throws guestSSHNotConfigured, guestSSHKeyUnreadable or the tool's own error.
-    virtual Task<GuestCommandResult> executeBySSH(VMRecordPointer vm, GuestSSHEndpoint endpoint, std::string command,
-                                                  std::optional<std::string> username, Duration timeout) = 0;
+    virtual Task<GuestCommandResult> executeBySSH(VMRecordPointer vm, GuestSSHEndpoint endpoint,
+                                                  std::string command, std::optional<std::string> username,
+                                                  Duration timeout) = 0;
     /// A screenshot from inside the guest: by the agent, else by `sshCommand` over the endpoint.
     virtual Task<GuestScreenshot> screenshot(VMRecordPointer vm, std::optional<std::string> username,
                                              std::string sshCommand,

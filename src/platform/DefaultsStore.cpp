@@ -20,7 +20,9 @@ std::optional<bool> DefaultsStore::boolean(const std::string& key) const { retur
 std::optional<std::int64_t> DefaultsStore::integer(const std::string& key) const {
     return convert<std::int64_t>(value(key));
 }
-std::optional<double> DefaultsStore::number(const std::string& key) const { return convert<double>(value(key)); }
+std::optional<double> DefaultsStore::number(const std::string& key) const {
+    return convert<double>(value(key));
+}
 std::optional<std::string> DefaultsStore::text(const std::string& key) const {
     return convert<std::string>(value(key));
 }

@@ -18,7 +18,8 @@ class DefaultsStore {
 
     /// The stored value, or null when the key was never written.
     virtual JSON value(const std::string& key) const = 0;
-    /// Stores a value; null removes the key. Throws FileError when it can't be kept; the old value stays then.
+    /// Stores a value; null removes the key. Throws FileError when it can't be kept; the old value stays
+    /// then.
     virtual void set(const std::string& key, JSON value) = 0;
     virtual std::vector<std::string> keys() const = 0;
     /// Tells the key of each change, on the thread that made it.

@@ -15,7 +15,8 @@ struct OperatingSystemVersion {
     int major = 0, minor = 0, patch = 0;
     auto operator<=>(const OperatingSystemVersion&) const = default;
     std::string text() const {
-        return std::to_string(major) + "." + std::to_string(minor) + (patch > 0 ? "." + std::to_string(patch) : "");
+        return std::to_string(major) + "." + std::to_string(minor) +
+               (patch > 0 ? "." + std::to_string(patch) : "");
     }
 };
 

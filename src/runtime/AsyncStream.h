@@ -20,8 +20,12 @@ class AsyncStream {
         bool isFinished = false;
         Event changed;
 
-        void push(T value) { update([&] { values.push_back(std::move(value)); }); }
-        void finish() { update([&] { isFinished = true; }); }
+        void push(T value) {
+            update([&] { values.push_back(std::move(value)); });
+        }
+        void finish() {
+            update([&] { isFinished = true; });
+        }
 
       private:
         template <typename Change>

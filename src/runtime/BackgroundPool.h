@@ -14,8 +14,9 @@ class BackgroundPool {
 
     const Executor& executor() const { return executor_; }
 
-    /// Runs `work` on the pool and comes back to the caller's executor with its value or exception. The work may
-    /// refer to the caller's variables: a cancellation of the caller takes effect only after the work has ended.
+    /// Runs `work` on the pool and comes back to the caller's executor with its value or exception. The work
+    /// may refer to the caller's variables: a cancellation of the caller takes effect only after the work has
+    /// ended.
     template <typename Work, typename Result = std::invoke_result_t<Work&>>
     Task<Result> run(Work work) const {
         OneShot<Result> outcome;

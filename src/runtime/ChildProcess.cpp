@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/ChildProcess.h"
 
-#include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <array>
 #include <thread>
@@ -66,7 +66,10 @@ ExitStatus exitStatusFrom(int waitStatus) {
 class OutputPump {
   public:
     OutputPump(ChildProcess& child, ByteView input)
-        : input_(child.takeStandardInput()), output_(child.takeStandardOutput()), error_(child.takeStandardError()), rest_(input) {
+        : input_(child.takeStandardInput()),
+          output_(child.takeStandardOutput()),
+          error_(child.takeStandardError()),
+          rest_(input) {
         if (input_) setNonBlocking(input_.get(), true);
         if (rest_.empty()) input_.reset();
     }
@@ -131,7 +134,8 @@ std::shared_ptr<ChildProcess> ChildProcess::start(const ProcessCommand& command)
     state->standardError = std::move(error.own);
     std::thread([state] {
         siginfo_t info{};
-        while (::waitid(P_PID, static_cast<id_t>(state->pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+        while (::waitid(P_PID, static_cast<id_t>(state->pid), &info, WEXITED | WNOWAIT) != 0 &&
+               errno == EINTR) {
         }
         {
             // Reaped under the lock that `signal` takes: the number can't be reused in between.

@@ -45,8 +45,8 @@ struct ExitStatus {
 };
 
 /// One child. Nothing but its three standard streams reaches it; it is always waited for, so no zombie stays,
-/// and its process id is never signalled after the child has been reaped. Dropping the object leaves the child
-/// running. All operations may be called from any thread.
+/// and its process id is never signalled after the child has been reaped. Dropping the object leaves the
+/// child running. All operations may be called from any thread.
 class ChildProcess {
   public:
     /// Throws POSIXError when the program can't be started.
@@ -82,8 +82,8 @@ struct ProcessOutput {
     Bytes standardError;
 };
 
-/// Runs a command to its end and gathers both outputs (a standard input pipe gets `input`). Blocks the calling
-/// thread; for background work. Throws POSIXError when the program can't be started.
+/// Runs a command to its end and gathers both outputs (a standard input pipe gets `input`). Blocks the
+/// calling thread; for background work. Throws POSIXError when the program can't be started.
 ProcessOutput runBlocking(ProcessCommand command, ByteView input = {});
 
 /// The same from a coroutine. Cancelling it ends the child (SIGTERM, after 2 s SIGKILL) and throws a

@@ -63,7 +63,9 @@ class SystemClock : public Clock {
     explicit SystemClock(Executor ioExecutor) : ioExecutor_(std::move(ioExecutor)) {}
 
     Instant now() const override { return std::chrono::steady_clock::now(); }
-    Date date() const override { return std::chrono::floor<Date::duration>(std::chrono::system_clock::now()); }
+    Date date() const override {
+        return std::chrono::floor<Date::duration>(std::chrono::system_clock::now());
+    }
     Task<void> sleep(Duration duration) override;
     Timer schedule(Executor executor, Duration delay, std::function<void()> action) override;
 

@@ -42,7 +42,8 @@ void Event::addWaiter(const std::shared_ptr<State>& state, asio::cancellation_sl
 
 Task<bool> Event::suspend(std::shared_ptr<State> state, bool cancellable) {
     const auto initiate = [state, cancellable](auto handler) {
-        const auto slot = cancellable ? asio::get_associated_cancellation_slot(handler) : asio::cancellation_slot();
+        const auto slot =
+            cancellable ? asio::get_associated_cancellation_slot(handler) : asio::cancellation_slot();
         const Executor executor = asio::get_associated_executor(handler);
         auto shared = std::make_shared<decltype(handler)>(std::move(handler));
         addWaiter(state, slot, [shared, executor](bool cancelled) {

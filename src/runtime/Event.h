@@ -25,7 +25,8 @@ class Event {
     void set() const;
     bool isSet() const;
 
-    /// Returns when the event is set, on the caller's executor; throws CancellationError when cancelled first.
+    /// Returns when the event is set, on the caller's executor; throws CancellationError when cancelled
+    /// first.
     Task<void> wait() const;
     /// The same, but deaf to a cancellation: for a caller whose variables somebody else still uses.
     Task<void> waitUncancelled() const;

@@ -39,7 +39,8 @@ class TemporaryFile {
 
 /// A rename is durable only once its directory is on disk; a file system that can't sync one is left alone.
 void syncDirectory(const Path& directory) {
-    const FileDescriptor fd(::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const FileDescriptor fd(
+        ::open(directory.empty() ? "." : directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd) ::fsync(fd.get());
 }
 
@@ -66,7 +67,9 @@ Bytes readFile(const Path& path, std::size_t limit) {
     return bytes;
 }
 
-std::string readTextFile(const Path& path, std::size_t limit) { return std::string(asText(readFile(path, limit))); }
+std::string readTextFile(const Path& path, std::size_t limit) {
+    return std::string(asText(readFile(path, limit)));
+}
 
 void writeFileAtomically(const Path& path, ByteView bytes, unsigned mode) {
     TemporaryFile temporary(path.parent_path() /

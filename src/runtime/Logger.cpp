@@ -24,7 +24,8 @@ LogTarget& target() {
 
 spdlog::logger& standardError() {
     static const auto logger = [] {
-        auto made = std::make_shared<spdlog::logger>("dorvane", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+        auto made =
+            std::make_shared<spdlog::logger>("dorvane", std::make_shared<spdlog::sinks::stderr_sink_mt>());
         made->set_pattern("%Y-%m-%dT%H:%M:%S.%e %^%l%$ %v");
         made->set_level(spdlog::level::trace);
         made->flush_on(spdlog::level::trace);
@@ -35,9 +36,12 @@ spdlog::logger& standardError() {
 
 spdlog::level::level_enum spdlogLevel(LogLevel level) {
     switch (level) {
-        case LogLevel::debug: return spdlog::level::debug;
-        case LogLevel::info: return spdlog::level::info;
-        case LogLevel::error: return spdlog::level::err;
+        case LogLevel::debug:
+            return spdlog::level::debug;
+        case LogLevel::info:
+            return spdlog::level::info;
+        case LogLevel::error:
+            return spdlog::level::err;
     }
     return spdlog::level::err;
 }

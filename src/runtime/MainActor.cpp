@@ -8,6 +8,8 @@ namespace dorvane {
 
 void MainActor::async(std::function<void()> action) const { asio::post(executor_, std::move(action)); }
 
-void MainActor::assertIsolated() const { assert(isCurrent() && "main-thread state touched from another thread"); }
+void MainActor::assertIsolated() const {
+    assert(isCurrent() && "main-thread state touched from another thread");
+}
 
 }  // namespace dorvane

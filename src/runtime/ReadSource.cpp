@@ -12,19 +12,20 @@ struct ReadSource::State : std::enable_shared_from_this<State> {
         : stream(queue.executor(), fd.release()), onReadable(std::move(handler)) {}
 
     void watch() {
-        stream.async_wait(asio::posix::stream_descriptor::wait_read,
-                          [self = shared_from_this()](const boost::system::error_code& error) {
-                              if (error || !self->onReadable) return;
-                              // A copy keeps the handler alive while it cancels its own source.
-                              const auto handler = self->onReadable;
-                              try {
-                                  handler();
-                              } catch (const std::exception& failure) {
-                                  Logger("ReadSource").error("A read handler failed: %{public}s", failure.what());
-                                  self->cancel();
-                              }
-                              if (self->onReadable) self->watch();
-                          });
+        stream.async_wait(
+            asio::posix::stream_descriptor::wait_read,
+            [self = shared_from_this()](const boost::system::error_code& error) {
+                if (error || !self->onReadable) return;
+                // A copy keeps the handler alive while it cancels its own source.
+                const auto handler = self->onReadable;
+                try {
+                    handler();
+                } catch (const std::exception& failure) {
+                    Logger("ReadSource").error("A read handler failed: %{public}s", failure.what());
+                    self->cancel();
+                }
+                if (self->onReadable) self->watch();
+            });
     }
 
     void cancel() {

@@ -11,8 +11,8 @@
 namespace dorvane {
 
 /// Owns the descriptor. Made and cancelled on the queue; the handler runs there, level-triggered: as long as
-/// bytes (or an end of stream) wait, it is called again after it returns. After `cancel`, or destruction on the
-/// queue, it is never called again and the descriptor is closed.
+/// bytes (or an end of stream) wait, it is called again after it returns. After `cancel`, or destruction on
+/// the queue, it is never called again and the descriptor is closed.
 class ReadSource {
   public:
     ReadSource(const SerialQueue& queue, FileDescriptor fd, std::function<void()> onReadable);

@@ -31,6 +31,8 @@ Timer SerialQueue::after(Clock& clock, Duration delay, std::function<void()> act
     return clock.schedule(strand_, delay, std::move(action));
 }
 
-void SerialQueue::assertIsolated() const { assert(isCurrent() && "queue state touched from outside its queue"); }
+void SerialQueue::assertIsolated() const {
+    assert(isCurrent() && "queue state touched from outside its queue");
+}
 
 }  // namespace dorvane

@@ -13,15 +13,16 @@ namespace dorvane {
 /// A strand over a pool. Copies are the same queue. All operations may be called from any thread.
 class SerialQueue {
   public:
-    SerialQueue(Executor pool, std::string label) : strand_(asio::make_strand(std::move(pool))), label_(std::move(label)) {}
+    SerialQueue(Executor pool, std::string label)
+        : strand_(asio::make_strand(std::move(pool))), label_(std::move(label)) {}
 
     const std::string& label() const { return label_; }
     /// For sockets, timers and coroutines that live on this queue.
     Executor executor() const { return strand_; }
 
     void async(std::function<void()> action) const;
-    /// Waits for `action` to run on the queue; runs it at once when already there. Never call it from a thread
-    /// that the queue's pool needs in order to make progress, other than from the queue itself.
+    /// Waits for `action` to run on the queue; runs it at once when already there. Never call it from a
+    /// thread that the queue's pool needs in order to make progress, other than from the queue itself.
     void sync(const std::function<void()>& action) const;
     [[nodiscard]] Timer after(Clock& clock, Duration delay, std::function<void()> action) const;
 

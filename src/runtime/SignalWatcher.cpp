@@ -7,7 +7,8 @@
 namespace dorvane {
 
 struct SignalWatcher::State : std::enable_shared_from_this<State> {
-    State(const Executor& executor, std::function<void(int)> action) : signals(executor), handler(std::move(action)) {}
+    State(const Executor& executor, std::function<void(int)> action)
+        : signals(executor), handler(std::move(action)) {}
 
     void watch() {
         signals.async_wait([self = shared_from_this()](const boost::system::error_code& error, int number) {
@@ -21,7 +22,8 @@ struct SignalWatcher::State : std::enable_shared_from_this<State> {
     std::function<void(int)> handler;
 };
 
-SignalWatcher::SignalWatcher(Executor executor, const std::vector<int>& signals, std::function<void(int)> handler)
+SignalWatcher::SignalWatcher(Executor executor, const std::vector<int>& signals,
+                             std::function<void(int)> handler)
     : state_(std::make_shared<State>(executor, std::move(handler))) {
     for (const int number : signals) state_->signals.add(number);
     state_->watch();

@@ -14,7 +14,8 @@ namespace dorvane {
 /// signals lose their default action meanwhile.
 class SignalWatcher {
   public:
-    SignalWatcher(Executor executor, const std::vector<int>& signals, std::function<void(int signal)> handler);
+    SignalWatcher(Executor executor, const std::vector<int>& signals,
+                  std::function<void(int signal)> handler);
     ~SignalWatcher();
 
   private:

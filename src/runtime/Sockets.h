@@ -16,7 +16,8 @@ constexpr std::size_t maximumSocketPathBytes = 103;
 /// One blocking connect. Throws POSIXError; ENAMETOOLONG for a path beyond the limit. The descriptor is
 /// close-on-exec and blocking; a peer's disappearance shows as an error, since SIGPIPE is ignored.
 FileDescriptor connectUnixSocket(const std::string& path);
-/// Listens at `path` with permissions 0600. Throws POSIXError; an existing file there is an error (EADDRINUSE).
+/// Listens at `path` with permissions 0600. Throws POSIXError; an existing file there is an error
+/// (EADDRINUSE).
 FileDescriptor listenUnixSocket(const std::string& path, int backlog = 64);
 
 /// Listens on 127.0.0.1 with address reuse. Throws POSIXError. Port 0 takes any free port.

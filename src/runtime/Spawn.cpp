@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/Spawn.h"
 
-#include <csignal>
 #include <spawn.h>
 #include <unistd.h>
+#include <csignal>
 
 extern char** environ;
 
@@ -73,9 +73,9 @@ int spawnProgram(const ProcessCommand& command, const SpawnStreams& streams) {
     const SpawnAttributes attributes;
     const SpawnActions actions(streams);
     pid_t pid = 0;
-    const int number = ::posix_spawn(&pid, command.executable.c_str(), actions.get(), attributes.get(),
-                                     argumentPointers.data(),
-                                     command.environment ? environmentPointers.data() : environ);
+    const int number =
+        ::posix_spawn(&pid, command.executable.c_str(), actions.get(), attributes.get(),
+                      argumentPointers.data(), command.environment ? environmentPointers.data() : environ);
     if (number != 0) throw POSIXError("Could not start " + command.executable.string(), number);
     return pid;
 }

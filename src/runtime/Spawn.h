@@ -11,8 +11,9 @@ struct SpawnStreams {
     int input, output, error;
 };
 
-/// Starts the program and returns its process id. In the child: the three streams are put in place, every other
-/// descriptor is closed, no signal is blocked and SIGPIPE has its default action again. Throws POSIXError.
+/// Starts the program and returns its process id. In the child: the three streams are put in place, every
+/// other descriptor is closed, no signal is blocked and SIGPIPE has its default action again. Throws
+/// POSIXError.
 int spawnProgram(const ProcessCommand& command, const SpawnStreams& streams);
 
 }  // namespace dorvane

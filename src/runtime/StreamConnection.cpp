@@ -36,7 +36,7 @@ Task<std::size_t> StreamConnection::read(Bytes& into, std::size_t maximum) {
     into.resize(size + maximum);
     boost::system::error_code error;
     const auto count = co_await socket().async_read_some(asio::buffer(into.data() + size, maximum),
-                                                        asio::redirect_error(AwaitableToken{}, error));
+                                                         asio::redirect_error(AwaitableToken{}, error));
     into.resize(size + count);
     if (error == asio::error::eof) co_return 0;
     throwIfFailed(error);

@@ -18,8 +18,8 @@ class StreamConnection {
     /// `family` is AF_UNIX or AF_INET, as the descriptor was made.
     StreamConnection(const SerialQueue& queue, FileDescriptor fd, int family);
 
-    /// Appends at least one byte and at most `maximum` to `into`, and returns how many; 0 is the peer's end of
-    /// stream. Throws POSIXError.
+    /// Appends at least one byte and at most `maximum` to `into`, and returns how many; 0 is the peer's end
+    /// of stream. Throws POSIXError.
     Task<std::size_t> read(Bytes& into, std::size_t maximum);
     /// Writes everything. Throws POSIXError.
     Task<void> write(ByteView bytes);
@@ -46,8 +46,8 @@ class StreamListener {
   public:
     StreamListener(const SerialQueue& queue, FileDescriptor listeningSocket, int family);
 
-    /// The next connection. Throws POSIXError, ECANCELED once closed. A passing failure (no descriptors left, a
-    /// peer that went away) is reported too, and the listener lives on.
+    /// The next connection. Throws POSIXError, ECANCELED once closed. A passing failure (no descriptors left,
+    /// a peer that went away) is reported too, and the listener lives on.
     Task<std::shared_ptr<StreamConnection>> accept();
     void close();
 

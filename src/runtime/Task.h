@@ -31,11 +31,12 @@ bool isCancellation(const std::exception_ptr& error);
 /// The message of a std::exception, and a plain sentence for anything else.
 std::string errorText(const std::exception_ptr& error);
 
-/// `co_await ignoreCancellation();`: from here on the calling coroutine, with those that await it, is no longer
-/// cancelled. For clean-up that must run to its end.
+/// `co_await ignoreCancellation();`: from here on the calling coroutine, with those that await it, is no
+/// longer cancelled. For clean-up that must run to its end.
 inline auto ignoreCancellation() {
     // Not a coroutine itself: starting one would throw at once in a cancelled caller.
-    return asio::this_coro::reset_cancellation_state(asio::disable_cancellation(), asio::disable_cancellation());
+    return asio::this_coro::reset_cancellation_state(asio::disable_cancellation(),
+                                                     asio::disable_cancellation());
 }
 
 }  // namespace dorvane

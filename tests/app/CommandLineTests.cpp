@@ -17,12 +17,18 @@ TEST(CommandLine, turnsWordsIntoOneRequest) {
         {{"status"}, "service.status", JSON::object()},
         {{"status", "Win"}, "status", {{"vm", "Win"}}},
         {{"stop", "--force", "Win"}, "stop", {{"vm", "Win"}, {"force", true}}},
-        {{"create", "Win", "--cpus", "2", "--memory", "2048"}, "create",
+        {{"create", "Win", "--cpus", "2", "--memory", "2048"},
+         "create",
          {{"name", "Win"}, {"os", "windows"}, {"cpuCount", 2}, {"memoryMB", 2048}}},
-        {{"snapshot", "take", "Win", "before", "--memory"}, "snapshot.take",
+        {{"snapshot", "take", "Win", "before", "--memory"},
+         "snapshot.take",
          {{"vm", "Win"}, {"name", "before"}, {"includeMemory", true}}},
-        {{"exec", "--timeout", "5", "Win", "dir", "/b"}, "exec", {{"vm", "Win"}, {"command", "dir /b"}, {"timeout", 5.0}}},
-        {{"settings", "set", "mcpServerPort", "6000"}, "settings.set", {{"key", "mcpServerPort"}, {"value", "6000"}}},
+        {{"exec", "--timeout", "5", "Win", "dir", "/b"},
+         "exec",
+         {{"vm", "Win"}, {"command", "dir /b"}, {"timeout", 5.0}}},
+        {{"settings", "set", "mcpServerPort", "6000"},
+         "settings.set",
+         {{"key", "mcpServerPort"}, {"value", "6000"}}},
         {{"mcp", "token", "--regenerate"}, "mcp.token", {{"regenerate", true}}},
     };
     for (const auto& expected : cases) {
@@ -46,7 +52,8 @@ TEST(CommandLine, everyServiceCommandTakesJSONAndDeletesOnlyAfterAQuestion) {
 }
 
 TEST(CommandLine, mistakesAreUsageErrorsAndHelpIsNot) {
-    for (const std::vector<std::string>& words : {std::vector<std::string>{}, {"fly"}, {"start"}, {"stop", "a", "b"}, {"serve", "--port", "80"}}) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{}, {"fly"}, {"start"}, {"stop", "a", "b"}, {"serve", "--port", "80"}}) {
         const auto print = std::get<PrintRequest>(parseCommandLine(words));
         EXPECT_TRUE(print.isError);
         EXPECT_EQ(print.exitStatus, 2);

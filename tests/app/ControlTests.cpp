@@ -22,12 +22,12 @@ TEST(ControlProtocol, refusesWhatIsNoRequest) {
         const char* line;
         ControlErrorCode code;
     };
-    for (const auto& [line, code] : {Case{"", ControlErrorCode::parseError}, Case{"{", ControlErrorCode::parseError},
-                                     Case{"[]", ControlErrorCode::invalidRequest},
-                                     Case{R"({"id":1})", ControlErrorCode::invalidRequest},
-                                     Case{R"({"method":"x"})", ControlErrorCode::invalidRequest},
-                                     Case{R"({"id":1,"method":5})", ControlErrorCode::invalidRequest},
-                                     Case{R"({"id":1,"method":"x","params":[]})", ControlErrorCode::invalidRequest}}) {
+    for (const auto& [line, code] :
+         {Case{"", ControlErrorCode::parseError}, Case{"{", ControlErrorCode::parseError},
+          Case{"[]", ControlErrorCode::invalidRequest}, Case{R"({"id":1})", ControlErrorCode::invalidRequest},
+          Case{R"({"method":"x"})", ControlErrorCode::invalidRequest},
+          Case{R"({"id":1,"method":5})", ControlErrorCode::invalidRequest},
+          Case{R"({"id":1,"method":"x","params":[]})", ControlErrorCode::invalidRequest}}) {
         try {
             parseControlRequest(line);
             ADD_FAILURE() << line;
@@ -83,7 +83,8 @@ TEST_F(ControlServerTest, answersReportsProgressAndPassesSentencesOn) {
         EXPECT_EQ(info.st_mode & 0777, 0600U);
         ControlClient client(socket);
         std::vector<std::string> messages;
-        EXPECT_EQ(client.call("echo", {{"a", 1}}, [&](const auto& progress) { messages.push_back(progress.message); }),
+        EXPECT_EQ(client.call("echo", {{"a", 1}},
+                              [&](const auto& progress) { messages.push_back(progress.message); }),
                   (JSON{{"a", 1}}));
         EXPECT_EQ(messages, (std::vector<std::string>{"half way"}));
         for (const auto& [method, sentence] :
@@ -150,7 +151,8 @@ TEST(InstanceLock, secondProcessIsRefusedByNameOfTheFirst) {
         ADD_FAILURE();
     } catch (const std::runtime_error& error) {
         EXPECT_EQ(std::string(error.what()), "Dorvane is already running on this library (process " +
-                                                 std::to_string(::getpid()) + "). Use its commands, or stop it first.");
+                                                 std::to_string(::getpid()) +
+                                                 "). Use its commands, or stop it first.");
     }
 }
 

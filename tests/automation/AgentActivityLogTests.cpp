@@ -90,7 +90,8 @@ TEST_F(AgentActivityLogTest, skipsWhatItCannotRead) {
     auto mistyped = entry("x").encoded();
     mistyped["durationMilliseconds"] = true;
     std::filesystem::create_directories(file.parent_path());
-    writeFileAtomically(file, "junk\n" + good + "\n\xff\xfe\n[]\n" + mistyped.dump() + "\n" + good + good.substr(0, 40));
+    writeFileAtomically(
+        file, "junk\n" + good + "\n\xff\xfe\n[]\n" + mistyped.dump() + "\n" + good + good.substr(0, 40));
     AgentActivityLog log(host.runtime(), file);
     EXPECT_EQ(log.entries().size(), 2u);
     log.record(entry("after"));

@@ -30,7 +30,8 @@ std::string headOfSize(std::size_t size) {
 
 TEST(HTTPRequestParser, readsARequestWhateverTheSizeOfThePieces) {
     const std::string text =
-        "POST   /mcp/abc?x=1?y  HTTP/1.0\r\nHost: a\r\nX-Twice: 1\r\nCONTENT-LENGTH:\t 5 \r\nx-twice:\t2:3 \r\n\r\nhello";
+        "POST   /mcp/abc?x=1?y  HTTP/1.0\r\nHost: a\r\nX-Twice: 1\r\nCONTENT-LENGTH:\t 5 \r\nx-twice:\t2:3 "
+        "\r\n\r\nhello";
     for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{7}, text.size()}) {
         HTTPRequestParser parser;
         Result::Kind result = Result::NeedMoreData{};
@@ -71,7 +72,8 @@ TEST(HTTPRequestParser, judgesHeads) {
         {"POST /mcp HTTP/1.1\r\ncontent-length: -1\r\n\r\n", "invalid: malformed Content-Length"},
         {"POST /mcp HTTP/1.1\r\ncontent-length: 1x\r\n\r\n", "invalid: malformed Content-Length"},
         {"POST /mcp HTTP/1.1\r\ncontent-length:\r\n\r\n", "invalid: malformed Content-Length"},
-        {"POST /mcp HTTP/1.1\r\ncontent-length: 99999999999999999999\r\n\r\n", "invalid: malformed Content-Length"},
+        {"POST /mcp HTTP/1.1\r\ncontent-length: 99999999999999999999\r\n\r\n",
+         "invalid: malformed Content-Length"},
         {"POST /mcp HTTP/1.1\r\ncontent-length: 4194304\r\n\r\n", "more"},
         {"POST /mcp HTTP/1.1\r\ncontent-length: 4194305\r\n\r\n", "invalid: body too large"},
         {headOfSize(65536), "complete"},
@@ -79,7 +81,8 @@ TEST(HTTPRequestParser, judgesHeads) {
         {std::string(65536, 'a'), "more"},
         {std::string(65537, 'a'), "invalid: header too large"},
     };
-    for (const auto& one : cases) EXPECT_EQ(described(parse(one.head)), one.expected) << one.head.substr(0, 80);
+    for (const auto& one : cases)
+        EXPECT_EQ(described(parse(one.head)), one.expected) << one.head.substr(0, 80);
 }
 
 TEST(HTTPRequestParser, authorizesOnceAndBeforeTheBody) {
@@ -104,9 +107,11 @@ TEST(HTTPRequestParser, authorizesOnceAndBeforeTheBody) {
 TEST(MCPHTTPResponse, sortsItsHeadersAndAlwaysTellsLengthAndClose) {
     EXPECT_EQ(MCPHTTPResponse::empty(202, "Accepted").serialized(),
               "HTTP/1.1 202 Accepted\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
-    const MCPHTTPResponse response{200, "OK", {{"Content-Type", "a/b"}, {"Content-Length", "9"}, {"Allow", "x"}}, "{}"};
+    const MCPHTTPResponse response{
+        200, "OK", {{"Content-Type", "a/b"}, {"Content-Length", "9"}, {"Allow", "x"}}, "{}"};
     EXPECT_EQ(response.serialized(),
-              "HTTP/1.1 200 OK\r\nAllow: x\r\nConnection: close\r\nContent-Length: 2\r\nContent-Type: a/b\r\n\r\n{}");
+              "HTTP/1.1 200 OK\r\nAllow: x\r\nConnection: close\r\nContent-Length: 2\r\nContent-Type: "
+              "a/b\r\n\r\n{}");
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ constexpr auto account = "endpointToken";
 constexpr auto token = "0123456789abcdef0123456789abcdef";
 
 TEST(MCPAuthToken, makesOneWhenTheKeychainHoldsNoneWorthHaving) {
-    for (const auto& held : {std::optional<std::string>{}, std::optional<std::string>{""}, std::optional<std::string>{"\xff"}}) {
+    for (const auto& held :
+         {std::optional<std::string>{}, std::optional<std::string>{""}, std::optional<std::string>{"\xff"}}) {
         FakeKeychain keychain;
         if (held) keychain.save(service, account, asBytes(*held));
         const auto made = MCPAuthToken::load(keychain);
@@ -57,12 +58,14 @@ TEST(MCPAuthToken, opensByPathOrByHeader) {
 }
 
 TEST(MCPOrigin, allowsThisMachineAlone) {
-    for (const auto* allowed : {"http://localhost", "https://127.0.0.1:8080", "http://[::1]:3000", "vscode://localhost"})
+    for (const auto* allowed :
+         {"http://localhost", "https://127.0.0.1:8080", "http://[::1]:3000", "vscode://localhost"})
         EXPECT_TRUE(isAllowedMCPOrigin(allowed)) << allowed;
     for (const auto* refused :
-         {"null", "", "localhost", "http://localhost.example.org", "http://127.0.0.1.example.org", "http://LOCALHOST",
-          "http://localhost@example.org", "http://127.0.0.1@example.org", "http://127.0.0.1:80x", "http://[::1].example.org",
-         "http://127.0.0.2", "http://", "http://local host", "file:///localhost"})
+         {"null", "", "localhost", "http://localhost.example.org", "http://127.0.0.1.example.org",
+          "http://LOCALHOST", "http://localhost@example.org", "http://127.0.0.1@example.org",
+          "http://127.0.0.1:80x", "http://[::1].example.org", "http://127.0.0.2", "http://",
+          "http://local host", "file:///localhost"})
         EXPECT_FALSE(isAllowedMCPOrigin(refused)) << refused;
 }
 

@@ -38,8 +38,8 @@ TEST_F(MCPGuestToolsTest, runACommandOverTheAgent) {
 
 TEST_F(MCPGuestToolsTest, boundTheTimeout) {
     router.agentAnswer = said("");
-    const std::pair<const char*, double> cases[] = {
-        {"0", 1}, {"-5", 1}, {"9999", 600}, {"1e300", 600}, {"30", 30}, {"\"30\"", 60}, {"true", 60}, {"null", 60}};
+    const std::pair<const char*, double> cases[] = {{"0", 1},   {"-5", 1},      {"9999", 600}, {"1e300", 600},
+                                                    {"30", 30}, {"\"30\"", 60}, {"true", 60},  {"null", 60}};
     for (const auto& [given, expected] : cases) {
         value("exec_shell", (std::string(R"({"vm":"L","command":"x","timeout":)") + given + "}").c_str());
         EXPECT_EQ(router.agentCommands.back().timeoutSeconds, expected) << given;
@@ -64,8 +64,10 @@ TEST_F(MCPGuestToolsTest, fallBackToSSHOnlyWhenTheAgentWasNotReached) {
 TEST_F(MCPGuestToolsTest, sayWhyThereIsNoWayIn) {
     vmService.guest(windowsVM).sshPort.reset();
     EXPECT_EQ(failure("exec_shell", R"({"vm":"W","command":"x"})"),
-              "SSH is not available for VM 'W'. Start the VM, then run             Install-Dorvane-Drivers inside Windows "
-              "once (it enables OpenSSH Server),             and run Configure-Dorvane-SSH from the Dorvane disc to "
+              "SSH is not available for VM 'W'. Start the VM, then run             Install-Dorvane-Drivers "
+              "inside Windows "
+              "once (it enables OpenSSH Server),             and run Configure-Dorvane-SSH from the Dorvane "
+              "disc to "
               "install this VM's key.");
     linuxVM->status = VMStatus::stopped;
     EXPECT_EQ(failure("exec_shell", R"({"vm":"L","command":"x"})"),
@@ -89,8 +91,9 @@ TEST_F(MCPGuestToolsTest, cutLongOutputByCharacters) {
     EXPECT_EQ(cut["stdoutTruncated"], true);
     router.agentAnswer = said("short");
     router.agentAnswer->outputTruncated = router.agentAnswer->timedOut = true;
-    EXPECT_EQ(value("exec_shell", R"({"vm":"L","command":"x"})").dump(),
-              R"({"channel":"vsock","exitCode":0,"stderr":"","stdout":"short","stdoutTruncated":true,"timedOut":true})");
+    EXPECT_EQ(
+        value("exec_shell", R"({"vm":"L","command":"x"})").dump(),
+        R"({"channel":"vsock","exitCode":0,"stderr":"","stdout":"short","stdoutTruncated":true,"timedOut":true})");
 }
 
 TEST_F(MCPGuestToolsTest, decodeOutputFromTheGuestsCodePage) {
@@ -98,9 +101,15 @@ TEST_F(MCPGuestToolsTest, decodeOutputFromTheGuestsCodePage) {
         int page;
         std::string bytes, text;
     } cases[] = {
-        {850, "Gr\x81\xE1" "e", "Grüße"},
+        {850,
+         "Gr\x81\xE1"
+         "e",
+         "Grüße"},
         {936, "\xD6\xD0\xCE\xC4", "中文"},
-        {65001, "Gr\xC3\xBC\xC3\x9F" "e", "Grüße"},
+        {65001,
+         "Gr\xC3\xBC\xC3\x9F"
+         "e",
+         "Grüße"},
         {65001, "a\xFF", "a\uFFFD"},
         {99999, "Gr\xC3\xBC", "Grü"},
         {932, "ok\x81", "ok\uFFFD"},
@@ -125,8 +134,11 @@ TEST_F(MCPGuestToolsTest, hintAtWhatKeepsSSHOutOfWindows) {
     for (const auto& [words, start] : cases) {
         router.sshAnswer = said("", 255);
         router.sshAnswer->standardError = words;
-        EXPECT_TRUE(value("exec_shell", R"({"vm":"W","command":"x"})")["hint"].get<std::string>().starts_with(start)) << words;
-        EXPECT_FALSE(value("exec_shell", R"({"vm":"L","command":"x"})").contains("hint")) << "Windows alone gets one";
+        EXPECT_TRUE(
+            value("exec_shell", R"({"vm":"W","command":"x"})")["hint"].get<std::string>().starts_with(start))
+            << words;
+        EXPECT_FALSE(value("exec_shell", R"({"vm":"L","command":"x"})").contains("hint"))
+            << "Windows alone gets one";
         router.sshAnswer->exitCode = 1;
         EXPECT_FALSE(value("exec_shell", R"({"vm":"W","command":"x"})").contains("hint"));
     }
@@ -135,9 +147,11 @@ TEST_F(MCPGuestToolsTest, hintAtWhatKeepsSSHOutOfWindows) {
 TEST_F(MCPGuestToolsTest, captureWindowsOnTheHost) {
     vmService.guest(windowsVM).screen = png;
     EXPECT_EQ(call("screenshot", R"({"vm":"W"})").encoded().dump(),
-              R"({"content":[{"data":")" + base64Text(png) + R"(","mimeType":"image/png","type":"image"}],"isError":false})");
+              R"({"content":[{"data":")" + base64Text(png) +
+                  R"(","mimeType":"image/png","type":"image"}],"isError":false})");
     vmService.guest(windowsVM).screen = toBytes("\x89PNG....");
-    EXPECT_EQ(failure("screenshot", R"({"vm":"W"})"), "The VM display returned data that was not a PNG image.");
+    EXPECT_EQ(failure("screenshot", R"({"vm":"W"})"),
+              "The VM display returned data that was not a PNG image.");
     vmService.guest(windowsVM).screen.reset();
     EXPECT_EQ(failure("screenshot", R"({"vm":"W"})"),
               "VM 'W' is not running, so there is no display to capture. Start it first with start_vm.");
@@ -148,7 +162,8 @@ TEST_F(MCPGuestToolsTest, captureOthersFromInside) {
     EXPECT_FALSE(call("screenshot", R"({"vm":"L"})").isError);
     router.agentScreen->png = toBytes("nothing");
     EXPECT_EQ(failure("screenshot", R"({"vm":"L"})"),
-              "Screenshot failed in guest 'L' over vsock. If the guest needs different capture steps, run them with "
+              "Screenshot failed in guest 'L' over vsock. If the guest needs different capture steps, run "
+              "them with "
               "exec_shell and pipe PNG data to stdout.");
     router.agentScreen.reset();
     router.sshScreen = GuestScreenshot{png, GuestChannel::ssh};

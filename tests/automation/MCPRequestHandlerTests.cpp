@@ -15,7 +15,8 @@ class MCPRequestHandlerTest : public MCPToolFixture {
         return host.run(handler->handle({"POST", "/mcp/secret", {}, toBytes(body)}));
     }
     JSON result(const std::string& method, const std::string& params) {
-        const auto reply = parseJSON(post(R"({"id":7,"method":")" + method + R"(","params":)" + params + "}").body);
+        const auto reply =
+            parseJSON(post(R"({"id":7,"method":")" + method + R"(","params":)" + params + "}").body);
         return reply.value("result", JSON());
     }
 };
@@ -58,20 +59,26 @@ TEST_F(MCPRequestHandlerTest, repliesInOneLineWithSortedKeys) {
     } cases[] = {
         {R"({"method":"ping","id":1})", R"({"id":1,"jsonrpc":"2.0","result":{}})"},
         {R"({"jsonrpc":"1.0","method":"ping","id":"a\"é"})", R"({"id":"a\"é","jsonrpc":"2.0","result":{}})"},
-        {R"({"method":"ping","id":18446744073709551615})", R"({"id":18446744073709551615,"jsonrpc":"2.0","result":{}})"},
-        {R"({"method":"ping","id":-9223372036854775808})", R"({"id":-9223372036854775808,"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":18446744073709551615})",
+         R"({"id":18446744073709551615,"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":-9223372036854775808})",
+         R"({"id":-9223372036854775808,"jsonrpc":"2.0","result":{}})"},
         {R"({"p":{"id":3e1},"method":"ping","id":123456789012345678901234567890})",
          R"({"id":123456789012345678901234567890,"jsonrpc":"2.0","result":{}})"},
         {R"({"method":"ping","id":1.5})", R"({"id":1.5,"jsonrpc":"2.0","result":{}})"},
-        {R"({"method":"ping","id":{"b":1,"a":[true]}})", R"({"id":{"a":[true],"b":1},"jsonrpc":"2.0","result":{}})"},
+        {R"({"method":"ping","id":{"b":1,"a":[true]}})",
+         R"({"id":{"a":[true],"b":1},"jsonrpc":"2.0","result":{}})"},
         {R"({"method":"ping","id":false,"params":[1]})", R"({"id":false,"jsonrpc":"2.0","result":{}})"},
         {"{", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
         {"", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
         {"\"\xff\"", R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})"},
-        {"[]", R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
-        {"3", R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
+        {"[]",
+         R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
+        {"3",
+         R"({"error":{"code":-32600,"message":"Batch requests are not supported"},"id":null,"jsonrpc":"2.0"})"},
         {R"({"id":5})", R"({"error":{"code":-32600,"message":"Invalid Request"},"id":5,"jsonrpc":"2.0"})"},
-        {R"({"id":"x","method":2})", R"({"error":{"code":-32600,"message":"Invalid Request"},"id":"x","jsonrpc":"2.0"})"},
+        {R"({"id":"x","method":2})",
+         R"({"error":{"code":-32600,"message":"Invalid Request"},"id":"x","jsonrpc":"2.0"})"},
         {R"({"id":1,"method":"a/b"})",
          R"({"error":{"code":-32601,"message":"Method not found: a/b"},"id":1,"jsonrpc":"2.0"})"},
         {R"({"id":1,"method":"tools/call","params":{"name":1}})",
@@ -87,8 +94,9 @@ TEST_F(MCPRequestHandlerTest, repliesInOneLineWithSortedKeys) {
 
 TEST_F(MCPRequestHandlerTest, acceptsNotificationsAndDoesNothing) {
     vmService.add("Ubuntu");
-    for (const auto* body : {R"({"method":"notifications/initialized"})", R"({"method":"ping","id":null})",
-                             R"({"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"Ubuntu"}}})", "{}"}) {
+    for (const auto* body :
+         {R"({"method":"notifications/initialized"})", R"({"method":"ping","id":null})",
+          R"({"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"Ubuntu"}}})", "{}"}) {
         const auto response = post(body);
         EXPECT_EQ(response.status, 202) << body;
         EXPECT_EQ(response.reason, "Accepted");
@@ -103,10 +111,12 @@ TEST_F(MCPRequestHandlerTest, introducesItself) {
     EXPECT_EQ(introduction["capabilities"].dump(), R"({"tools":{}})");
     EXPECT_EQ(introduction["serverInfo"].dump(), R"({"name":"Dorvane","version":"1.2.3"})");
     const auto instructions = introduction["instructions"].get<std::string>();
-    EXPECT_TRUE(instructions.starts_with("Drive the virtual machines on this Mac.\n\nInventory and lifecycle: list_vms"));
+    EXPECT_TRUE(instructions.starts_with(
+        "Drive the virtual machines on this Mac.\n\nInventory and lifecycle: list_vms"));
     EXPECT_NE(instructions.find("suspend_vm.\nSnapshots: list_snapshots"), std::string::npos);
     EXPECT_NE(instructions.find("screenshot.\n\nDisposable sandboxes"), std::string::npos);
-    for (const auto* params : {"{}", R"({"protocolVersion":"1999-01-01"})", R"({"protocolVersion":20250618})", "[]"})
+    for (const auto* params :
+         {"{}", R"({"protocolVersion":"1999-01-01"})", R"({"protocolVersion":20250618})", "[]"})
         EXPECT_EQ(result("initialize", params)["protocolVersion"], "2025-03-26") << params;
     EXPECT_EQ(result("initialize", R"({"protocolVersion":"2025-06-18"})")["protocolVersion"], "2025-06-18");
 }
@@ -119,7 +129,8 @@ TEST_F(MCPRequestHandlerTest, listsTheToolsThatTheUserAllows) {
         return all;
     };
     const std::string usual =
-        "list_vms start_vm stop_vm restart_vm suspend_vm get_vm_status get_vm_ip list_snapshots take_snapshot "
+        "list_vms start_vm stop_vm restart_vm suspend_vm get_vm_status get_vm_ip list_snapshots "
+        "take_snapshot "
         "restore_snapshot exec_shell screenshot ";
     EXPECT_EQ(names(), usual);
     allowSandboxes();
@@ -140,22 +151,26 @@ TEST_F(MCPRequestHandlerTest, describesEveryToolWithASchema) {
         EXPECT_NE(call(tool["name"], "{}").firstText(), "Unknown tool: " + tool["name"].get<std::string>());
     }
     EXPECT_EQ(all[0]["inputSchema"].dump(), R"({"properties":{},"required":[],"type":"object"})");
-    EXPECT_EQ(all[9]["inputSchema"].dump(),
-              R"({"properties":{"snapshot":{"description":"Snapshot name or UUID","type":"string"},)"
-              R"("vm":{"description":"VM name or UUID","type":"string"}},"required":["vm","snapshot"],"type":"object"})");
+    EXPECT_EQ(
+        all[9]["inputSchema"].dump(),
+        R"({"properties":{"snapshot":{"description":"Snapshot name or UUID","type":"string"},)"
+        R"("vm":{"description":"VM name or UUID","type":"string"}},"required":["vm","snapshot"],"type":"object"})");
     EXPECT_EQ(all[12]["inputSchema"]["properties"]["network"]["enum"].dump(), R"(["inherit","isolated"])");
     EXPECT_EQ(all[14]["inputSchema"]["required"].dump(), R"(["name","os"])");
 }
 
 TEST_F(MCPRequestHandlerTest, wrapsAToolsResult) {
     vmService.add("Ubuntu")->id = *UUID::parse("00000000-0000-4000-8000-00000000000a");
-    EXPECT_EQ(post(R"({"id":1,"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"ubuntu"}}})").body,
-              R"({"id":1,"jsonrpc":"2.0","result":{"content":[{"text":"{\n  \"autoSnapshot\": \"created: Before agent )"
-              R"(start 2026-01-01T00:00:00Z\",\n  \"status\": \"started\",\n  \"vm\": \"Ubuntu\"\n}","type":"text"}],)"
-              R"("isError":false}})");
-    EXPECT_EQ(post(R"({"id":2,"method":"tools/call","params":{"name":"Start_VM","arguments":3}})").body,
-              R"({"id":2,"jsonrpc":"2.0","result":{"content":[{"text":"Unknown tool: Start_VM","type":"text"}],)"
-              R"("isError":true}})");
+    EXPECT_EQ(
+        post(R"({"id":1,"method":"tools/call","params":{"name":"start_vm","arguments":{"vm":"ubuntu"}}})")
+            .body,
+        R"({"id":1,"jsonrpc":"2.0","result":{"content":[{"text":"{\n  \"autoSnapshot\": \"created: Before agent )"
+        R"(start 2026-01-01T00:00:00Z\",\n  \"status\": \"started\",\n  \"vm\": \"Ubuntu\"\n}","type":"text"}],)"
+        R"("isError":false}})");
+    EXPECT_EQ(
+        post(R"({"id":2,"method":"tools/call","params":{"name":"Start_VM","arguments":3}})").body,
+        R"({"id":2,"jsonrpc":"2.0","result":{"content":[{"text":"Unknown tool: Start_VM","type":"text"}],)"
+        R"("isError":true}})");
 }
 
 TEST_F(MCPRequestHandlerTest, recordsEachCall) {

@@ -70,12 +70,13 @@ class MCPServerServiceTest : public testing::Test {
         return answer(client);
     }
     static std::string post(std::string_view path, std::string_view body) {
-        return "POST " + std::string(path) + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
-               std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
+        return "POST " + std::string(path) +
+               " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+               std::string(body);
     }
     static std::string echoed(const std::string& text) {
-        return "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(text.size()) + "\r\n\r\n" +
-               text;
+        return "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(text.size()) +
+               "\r\n\r\n" + text;
     }
 
     static constexpr auto badRequest =
@@ -371,7 +372,8 @@ TEST(MCPLoopbackProbe, interpretsResponses) {
         {"HTTP/1.1 200 OK\r\n\r\n[1]", otherBody},
         {"HTTP/1.1 200 OK\r\n\r\nhello", otherBody},
     };
-    for (const auto& one : cases) EXPECT_EQ(MCPLoopbackProbe::interpret(asBytes(one.response)), one.expected) << one.response;
+    for (const auto& one : cases)
+        EXPECT_EQ(MCPLoopbackProbe::interpret(asBytes(one.response)), one.expected) << one.response;
 }
 
 }  // namespace

@@ -11,7 +11,8 @@ using MCPSandboxToolsTest = MCPToolFixture;
 const auto beforeStart = std::string("Before agent start 2026-01-01T00:00:00Z");
 
 TEST_F(MCPMachineToolsTest, findAMachineByIdentifierNameOrFoldedName) {
-    const auto first = vmService.add("ubuntu"), second = vmService.add("Ubuntu"), blank = vmService.add("Blank ");
+    const auto first = vmService.add("ubuntu"), second = vmService.add("Ubuntu"),
+               blank = vmService.add("Blank ");
     const auto found = [&](const std::string& argument) {
         JSON arguments;
         arguments["vm"] = argument;
@@ -21,7 +22,8 @@ TEST_F(MCPMachineToolsTest, findAMachineByIdentifierNameOrFoldedName) {
     EXPECT_EQ(found("Ubuntu"), second->id.text());
     EXPECT_EQ(found("UBUNTU"), first->id.text());
     EXPECT_EQ(found("blank "), blank->id.text());
-    EXPECT_EQ(failure("get_vm_status", R"({"vm":"Blank"})"), "No VM named 'Blank'. Known VMs: Blank , Ubuntu, ubuntu");
+    EXPECT_EQ(failure("get_vm_status", R"({"vm":"Blank"})"),
+              "No VM named 'Blank'. Known VMs: Blank , Ubuntu, ubuntu");
     for (const auto* arguments : {"{}", R"({"vm":7})", R"({"vm":" \t"})"})
         EXPECT_EQ(failure("start_vm", arguments), "Missing required argument: vm (a VM name or UUID)");
     host.run(vmService.deleteVM(first, true));
@@ -39,25 +41,29 @@ TEST_F(MCPMachineToolsTest, listMachinesWithoutAbsentKeys) {
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0].dump(), R"({"cpuCount":2,"id":")" + plain->id.text() +
                                   R"(","memoryMB":4096,"name":"Plain","os":"macos","status":"stopped"})");
-    EXPECT_EQ(list[1].dump(), R"({"cpuCount":2,"ephemeral":true,"expiresAt":"2026-02-03T04:05:06Z","id":")" +
-                                  sandbox->id.text() +
-                                  R"(","memoryMB":4096,"name":"Box","os":"windows","osVersion":"11","status":"error"})");
+    EXPECT_EQ(list[1].dump(),
+              R"({"cpuCount":2,"ephemeral":true,"expiresAt":"2026-02-03T04:05:06Z","id":")" +
+                  sandbox->id.text() +
+                  R"(","memoryMB":4096,"name":"Box","os":"windows","osVersion":"11","status":"error"})");
 }
 
 TEST_F(MCPMachineToolsTest, stopAndRestartSayWhetherTheyForced) {
     const auto vm = vmService.add("A", VMOSType::linux, VMStatus::running);
-    EXPECT_EQ(value("stop_vm", R"({"vm":"a","force":"true"})").dump(), R"({"forced":false,"status":"stopped","vm":"A"})");
+    EXPECT_EQ(value("stop_vm", R"({"vm":"a","force":"true"})").dump(),
+              R"({"forced":false,"status":"stopped","vm":"A"})");
     vm->status = VMStatus::running;
     EXPECT_EQ(value("stop_vm", R"({"vm":"a","force":true})")["forced"], true);
     vm->status = VMStatus::running;
-    EXPECT_EQ(value("restart_vm", R"({"vm":"a"})").dump(), R"({"forced":false,"status":"restarted","vm":"A"})");
+    EXPECT_EQ(value("restart_vm", R"({"vm":"a"})").dump(),
+              R"({"forced":false,"status":"restarted","vm":"A"})");
     vmService.guest(vm).ignoresShutdown = true;
     EXPECT_EQ(value("restart_vm", R"({"vm":"a"})")["forced"], true);
     EXPECT_EQ(value("stop_vm", R"({"vm":"a"})")["forced"], true);
     vm->status = VMStatus::running;
     EXPECT_EQ(value("suspend_vm", R"({"vm":"a"})").dump(), R"({"status":"suspended","vm":"A"})");
     const DorvaneError notRunning(DorvaneError::Case::vmNotRunning, "A");
-    EXPECT_EQ(failure("stop_vm", R"({"vm":"a"})"), describedWithSuggestion(std::make_exception_ptr(notRunning)));
+    EXPECT_EQ(failure("stop_vm", R"({"vm":"a"})"),
+              describedWithSuggestion(std::make_exception_ptr(notRunning)));
 }
 
 TEST_F(MCPMachineToolsTest, statusTellsWhatTheHostKnows) {
@@ -85,12 +91,15 @@ TEST_F(MCPMachineToolsTest, addressRefusalsSayWhatToDo) {
     bridged.isBridged = true;
     wireless.isBridged = wireless.isBridgedOverWireless = true;
     const std::pair<std::optional<NetworkSummary>, const char*> cases[] = {
-        {std::nullopt, "The guest is still booting"}, {shared, "The guest is still booting"},
-        {wireless, "The VM is bridged to a wireless interface."}, {bridged, "The guest has not produced network traffic"},
+        {std::nullopt, "The guest is still booting"},
+        {shared, "The guest is still booting"},
+        {wireless, "The VM is bridged to a wireless interface."},
+        {bridged, "The guest has not produced network traffic"},
         {hidden, "This VM uses a shared network whose guest address"}};
     for (const auto& [network, start] : cases) {
         vmService.guest(vm).network = network;
-        EXPECT_TRUE(failure("get_vm_ip", R"({"vm":"A"})").starts_with("No IP address found for VM 'A'. " + std::string(start)))
+        EXPECT_TRUE(failure("get_vm_ip", R"({"vm":"A"})")
+                        .starts_with("No IP address found for VM 'A'. " + std::string(start)))
             << start;
     }
 }
@@ -102,7 +111,8 @@ TEST_F(MCPMachineToolsTest, startTakesAnAutomaticSnapshotFirst) {
     EXPECT_EQ(snapshots.all[0]->kind(), VMSnapshotKind::automatic);
     EXPECT_FALSE(gate.isBusy(vm->id));
     const DorvaneError alreadyRunning(DorvaneError::Case::vmAlreadyRunning, "A");
-    EXPECT_EQ(failure("start_vm", R"({"vm":"A"})"), describedWithSuggestion(std::make_exception_ptr(alreadyRunning)));
+    EXPECT_EQ(failure("start_vm", R"({"vm":"A"})"),
+              describedWithSuggestion(std::make_exception_ptr(alreadyRunning)));
     EXPECT_EQ(snapshots.all.size(), 1u) << "a running machine gets none";
 }
 
@@ -139,7 +149,8 @@ TEST_F(MCPMachineToolsTest, startMakesRoomInAChainThatIsTooDeep) {
     std::erase_if(snapshots.all, [](const auto& snapshot) { return snapshot->name != "mine"; });
     snapshots.maximumDepth = 1;
     vm->status = VMStatus::stopped;
-    const auto tooDeep = describedWithSuggestion(std::make_exception_ptr(DorvaneError::snapshotChainTooDeep(16)));
+    const auto tooDeep =
+        describedWithSuggestion(std::make_exception_ptr(DorvaneError::snapshotChainTooDeep(16)));
     EXPECT_EQ(value("start_vm", R"({"vm":"A"})")["autoSnapshot"], "skipped: " + tooDeep);
     EXPECT_EQ(vm->status, VMStatus::running) << "it starts all the same";
     EXPECT_TRUE(log.contains("Automatic snapshot skipped for A: " + tooDeep));
@@ -158,14 +169,16 @@ TEST_F(MCPMachineToolsTest, startGoesAheadWithoutASnapshotOfABusyMachine) {
 
 TEST_F(MCPMachineToolsTest, aFailedStartLeavesNoSnapshotBehind) {
     vmService.add("A");
-    const auto failed = std::make_exception_ptr(DorvaneError(DorvaneError::Case::vmStartupFailed, "A", "no disk"));
+    const auto failed =
+        std::make_exception_ptr(DorvaneError(DorvaneError::Case::vmStartupFailed, "A", "no disk"));
     vmService.nextFailure = failed;
     EXPECT_EQ(failure("start_vm", R"({"vm":"A"})"), describedWithSuggestion(failed));
     EXPECT_TRUE(snapshots.all.empty());
     vmService.nextFailure = failed;
     snapshots.deleteFailure = std::make_exception_ptr(std::runtime_error("disk is gone"));
     failure("start_vm", R"({"vm":"A"})");
-    EXPECT_TRUE(log.contains("Could not remove the automatic snapshot after a failed start of A: disk is gone"));
+    EXPECT_TRUE(
+        log.contains("Could not remove the automatic snapshot after a failed start of A: disk is gone"));
 }
 
 TEST_F(MCPSnapshotToolsTest, takeListAndRestore) {
@@ -173,15 +186,18 @@ TEST_F(MCPSnapshotToolsTest, takeListAndRestore) {
     const auto taken = value("take_snapshot", R"({"vm":"A","name":"one","include_memory":true})");
     ASSERT_EQ(snapshots.all.size(), 1u);
     const auto id = snapshots.all[0]->id.text();
-    EXPECT_EQ(taken.dump(), R"({"createdAt":"2026-01-01T00:00:00Z","id":")" + id +
-                                R"(","includesRAMState":true,"logicalDiskSizeBytes":68719476736,"name":"one",)"
-                                R"("takenWhileRunning":true})");
+    EXPECT_EQ(taken.dump(),
+              R"({"createdAt":"2026-01-01T00:00:00Z","id":")" + id +
+                  R"(","includesRAMState":true,"logicalDiskSizeBytes":68719476736,"name":"one",)"
+                  R"("takenWhileRunning":true})");
     EXPECT_EQ(snapshots.all[0]->kind(), VMSnapshotKind::manual);
-    EXPECT_EQ(value("take_snapshot", R"({"vm":"A","name":"two","include_memory":"yes"})")["includesRAMState"], false);
+    EXPECT_EQ(value("take_snapshot", R"({"vm":"A","name":"two","include_memory":"yes"})")["includesRAMState"],
+              false);
     EXPECT_EQ(value("list_snapshots", R"({"vm":"A"})")[0], taken);
     EXPECT_EQ(value("restore_snapshot", R"({"vm":"A","snapshot":"two"})").dump(),
               R"({"snapshot":"two","status":"restored","vm":"A"})");
-    EXPECT_EQ(value("restore_snapshot", (R"({"vm":"A","snapshot":")" + id + "\"}").c_str())["snapshot"], "one");
+    EXPECT_EQ(value("restore_snapshot", (R"({"vm":"A","snapshot":")" + id + "\"}").c_str())["snapshot"],
+              "one");
     EXPECT_EQ(snapshots.restored.size(), 2u);
     EXPECT_FALSE(gate.isBusy(vm->id));
 }
@@ -190,7 +206,8 @@ TEST_F(MCPSnapshotToolsTest, refuseInTheirOrder) {
     const auto vm = vmService.add("A");
     EXPECT_TRUE(failure("take_snapshot", R"({"vm":"B"})").starts_with("No VM named 'B'."));
     EXPECT_EQ(failure("take_snapshot", R"({"vm":"A","name":""})"), "Missing required argument: name");
-    EXPECT_EQ(failure("restore_snapshot", R"({"vm":"A"})"), "Missing required argument: snapshot (a snapshot name or UUID)");
+    EXPECT_EQ(failure("restore_snapshot", R"({"vm":"A"})"),
+              "Missing required argument: snapshot (a snapshot name or UUID)");
     EXPECT_EQ(failure("restore_snapshot", R"({"vm":"A","snapshot":"x"})"),
               "No snapshot named 'x' for VM 'A'. Known snapshots: (none)");
     snapshots.add(vm, "b", VMSnapshotKind::manual);
@@ -199,20 +216,24 @@ TEST_F(MCPSnapshotToolsTest, refuseInTheirOrder) {
               "No snapshot named 'B' for VM 'A'. Known snapshots: b, a");
     const VMOperationGate::Hold hold(gate, vm->id, vm->name);
     const DorvaneError busy(DorvaneError::Case::vmBusy, "A");
-    EXPECT_EQ(failure("take_snapshot", R"({"vm":"A","name":"n"})"), describedWithSuggestion(std::make_exception_ptr(busy)));
+    EXPECT_EQ(failure("take_snapshot", R"({"vm":"A","name":"n"})"),
+              describedWithSuggestion(std::make_exception_ptr(busy)));
 }
 
 TEST_F(MCPSnapshotToolsTest, sayThatThisBuildHasNone) {
     makeHandler(false);
     vmService.add("A");
     for (const auto* tool : {"list_snapshots", "take_snapshot", "restore_snapshot"})
-        EXPECT_EQ(failure(tool, R"({"vm":"A","name":"n","snapshot":"s"})"), "Snapshots are not available in this build yet.");
-    EXPECT_EQ(value("start_vm", R"({"vm":"A"})")["autoSnapshot"], "skipped: Snapshots are not available in this build yet.");
+        EXPECT_EQ(failure(tool, R"({"vm":"A","name":"n","snapshot":"s"})"),
+                  "Snapshots are not available in this build yet.");
+    EXPECT_EQ(value("start_vm", R"({"vm":"A"})")["autoSnapshot"],
+              "skipped: Snapshots are not available in this build yet.");
 }
 
 TEST_F(MCPSandboxToolsTest, areOffUntilTheUserTurnsThemOn) {
-    const auto* off = "Creating and deleting VMs is turned off. Turn on \"Allow creating and deleting VMs\" in Dorvane → "
-                      "Settings → Automation.";
+    const auto* off =
+        "Creating and deleting VMs is turned off. Turn on \"Allow creating and deleting VMs\" in Dorvane → "
+        "Settings → Automation.";
     for (const auto* tool : {"create_vm", "clone_vm", "delete_vm"})
         EXPECT_EQ(failure(tool, R"({"vm":"Nobody"})"), off);
     allowSandboxes();
@@ -222,11 +243,13 @@ TEST_F(MCPSandboxToolsTest, areOffUntilTheUserTurnsThemOn) {
 
 TEST_F(MCPSandboxToolsTest, createAnEmptyMachine) {
     allowSandboxes();
-    const auto made = value("create_vm", R"({"name":" N ","os":"linux","cpuCount":4,"memoryMB":8192.0,"diskSizeGB":"64"})");
+    const auto made =
+        value("create_vm", R"({"name":" N ","os":"linux","cpuCount":4,"memoryMB":8192.0,"diskSizeGB":"64"})");
     EXPECT_EQ(made["vm"], " N ");
     EXPECT_EQ(made["os"], "linux");
     EXPECT_EQ(made["status"], "created");
-    EXPECT_TRUE(made["note"].get<std::string>().starts_with("This VM has no operating system installed yet."));
+    EXPECT_TRUE(
+        made["note"].get<std::string>().starts_with("This VM has no operating system installed yet."));
     EXPECT_EQ(vmService.lastConfiguration.cpuCount, 4);
     EXPECT_EQ(vmService.lastConfiguration.memoryMB, 8192);
     EXPECT_FALSE(vmService.lastConfiguration.diskSizeGB);
@@ -252,7 +275,8 @@ TEST_F(MCPSandboxToolsTest, cloneAndDeleteASandbox) {
               R"({"movedToTrash":true,"status":"deleted","vm":"A-sandbox"})");
     EXPECT_EQ(vmService.trashed, std::vector<std::string>{"A-sandbox"});
     EXPECT_EQ(failure("delete_vm", R"({"vm":"A"})"),
-              "Dorvane only deletes sandboxes it created. 'A' is a regular VM; delete it from the Dorvane window if you "
+              "Dorvane only deletes sandboxes it created. 'A' is a regular VM; delete it from the Dorvane "
+              "window if you "
               "meant to.");
 }
 
@@ -262,11 +286,14 @@ TEST_F(MCPSandboxToolsTest, cloneChecksItsArgumentsInOrder) {
     EXPECT_EQ(failure("clone_vm", R"({"vm":"A","ttlMinutes":0})"),
               "VM 'A' must be stopped before it can be cloned. Stop it first with stop_vm.");
     vm->status = VMStatus::stopped;
-    for (const auto* arguments : {R"({"vm":"A","ttlMinutes":0,"network":"x"})", R"({"vm":"A","ttlMinutes":10081})",
-                                  R"({"vm":"A","ttlMinutes":99999999999999999999})"})
+    for (const auto* arguments :
+         {R"({"vm":"A","ttlMinutes":0,"network":"x"})", R"({"vm":"A","ttlMinutes":10081})",
+          R"({"vm":"A","ttlMinutes":99999999999999999999})"})
         EXPECT_EQ(failure("clone_vm", arguments), "ttlMinutes must be between 1 and 10080 (one week).");
-    EXPECT_EQ(failure("clone_vm", R"({"vm":"A","network":"Isolated"})"), R"(network must be "inherit" or "isolated".)");
-    for (const auto* arguments : {R"({"vm":"A","ttlMinutes":1.5})", R"({"vm":"A","ttlMinutes":"5","network":3})"}) {
+    EXPECT_EQ(failure("clone_vm", R"({"vm":"A","network":"Isolated"})"),
+              R"(network must be "inherit" or "isolated".)");
+    for (const auto* arguments :
+         {R"({"vm":"A","ttlMinutes":1.5})", R"({"vm":"A","ttlMinutes":"5","network":3})"}) {
         const auto made = value("clone_vm", arguments);
         EXPECT_EQ(made["expiresAt"], "2026-01-02T00:00:00Z");
         EXPECT_EQ(made["network"], "inherit");

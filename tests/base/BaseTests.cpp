@@ -14,7 +14,8 @@ namespace dorvane {
 namespace {
 
 TEST(Localized, fillsEveryPlaceholderFormInOrder) {
-    EXPECT_EQ(formatted("%@ of %lld at %hux%hu, %{public}f%% %%@", "a", 5, 640, 480, 1.5), "a of 5 at 640x480, 1.5% %@");
+    EXPECT_EQ(formatted("%@ of %lld at %hux%hu, %{public}f%% %%@", "a", 5, 640, 480, 1.5),
+              "a of 5 at 640x480, 1.5% %@");
     EXPECT_EQ(formatted("%@ and %@", "one"), "one and %@");
     EXPECT_EQ(formatted("100% sure %{public", "x"), "100% sure %{public");
     EXPECT_EQ(formatted("%@", "%@"), "%@");
@@ -25,7 +26,8 @@ TEST(Base64, readsOnlyWhatItWrites) {
         const auto bytes = toBytes(text);
         EXPECT_EQ(parseBase64(base64Text(bytes)), bytes);
     }
-    for (const auto* bad : {"Zg=", "Zg", "Z===", "Zm9v!A==", "Zg==Zg==", "Z=g="}) EXPECT_FALSE(parseBase64(bad)) << bad;
+    for (const auto* bad : {"Zg=", "Zg", "Z===", "Zm9v!A==", "Zg==Zg==", "Z=g="})
+        EXPECT_FALSE(parseBase64(bad)) << bad;
 }
 
 TEST(UUID, textFormIsUpperCaseAndStrict) {
@@ -33,15 +35,16 @@ TEST(UUID, textFormIsUpperCaseAndStrict) {
     EXPECT_EQ(UUID::parse(id.text()), id);
     EXPECT_EQ(UUID::parse(asciiLowercased(id.text())), id);
     EXPECT_EQ(id.text(), asciiUppercased(id.text()));
-    for (const auto* bad : {"", "x", "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}", "6BA7B8109DAD11D180B400C04FD430C8",
-                            "6BA7B810-9DAD-11D1-80B4-00C04FD430CG"})
+    for (const auto* bad : {"", "x", "{6BA7B810-9DAD-11D1-80B4-00C04FD430C8}",
+                            "6BA7B8109DAD11D180B400C04FD430C8", "6BA7B810-9DAD-11D1-80B4-00C04FD430CG"})
         EXPECT_FALSE(UUID::parse(bad)) << bad;
 }
 
 TEST(Date, roundTripsAndRefusesWhatIsNoDate) {
     for (const auto* text : {"1970-01-01T00:00:00Z", "2024-02-29T23:59:59Z", "2026-11-21T08:43:19Z"})
         EXPECT_EQ(iso8601Text(*parseISO8601(text)), text);
-    for (const auto* bad : {"", "2023-02-29T00:00:00Z", "2026-11-21 08:43:19Z", "2026-11-21T25:00:00Z", "2026-1-21T08:43:19Z "})
+    for (const auto* bad :
+         {"", "2023-02-29T00:00:00Z", "2026-11-21 08:43:19Z", "2026-11-21T25:00:00Z", "2026-1-21T08:43:19Z "})
         EXPECT_FALSE(parseISO8601(bad)) << bad;
 }
 
@@ -58,7 +61,8 @@ TEST(Text, decodesRepairsAndFolds) {
 
 TEST(Text, sortsLikeAFileBrowser) {
     std::vector<std::string> names{"vm10", "VM2", "vm1", "b", "A", "vm02"};
-    std::stable_sort(names.begin(), names.end(), [](const auto& a, const auto& b) { return precedesNaturally(a, b); });
+    std::stable_sort(names.begin(), names.end(),
+                     [](const auto& a, const auto& b) { return precedesNaturally(a, b); });
     EXPECT_EQ(names, (std::vector<std::string>{"A", "b", "vm1", "VM2", "vm02", "vm10"}));
 }
 

@@ -12,7 +12,8 @@ TEST(PCScanCodeMap, knowsItsFirstLastAndExtendedKeys) {
     EXPECT_EQ(PCScanCodeMap::scanCode(0), 30u);
     EXPECT_EQ(PCScanCodeMap::scanCode(126), 200u);
     EXPECT_EQ(PCScanCodeMap::scanCode(55), 219u);
-    for (const std::uint16_t missing : {52, 63, 66, 127, 65'535}) EXPECT_FALSE(PCScanCodeMap::scanCode(missing));
+    for (const std::uint16_t missing : {52, 63, 66, 127, 65'535})
+        EXPECT_FALSE(PCScanCodeMap::scanCode(missing));
 }
 
 TEST(PCScanCodeMap, givesEachPositionToOneKey) {

@@ -59,20 +59,26 @@ TEST(ChildProcess, signalsStopOnceItHasEnded) {
 TEST(ChildProcess, cancelledRunEndsTheChild) {
     ProcessRuntime process;
     bool cancelled = false;
-    auto work = spawn(process.runtime().main.executor(), [](ProcessRuntime& host, bool& flag) -> Task<void> {
-        auto inner = spawn(host.runtime().main.executor(), [](const Runtime& runtime, bool& seen) -> Task<void> {
-            auto command = helper({"sleep"});
-            try {
-                co_await runProcess(runtime, std::move(command));
-            } catch (...) {
-                seen = isCancellation(std::current_exception());
-            }
-        }(host.runtime(), flag), "inner");
-        co_await host.runtime().clock.sleep(milliseconds(50));
-        inner.cancel();
-        co_await inner.finished();
-        host.stop();
-    }(process, cancelled), "outer");
+    auto work = spawn(
+        process.runtime().main.executor(),
+        [](ProcessRuntime& host, bool& flag) -> Task<void> {
+            auto inner = spawn(
+                host.runtime().main.executor(),
+                [](const Runtime& runtime, bool& seen) -> Task<void> {
+                    auto command = helper({"sleep"});
+                    try {
+                        co_await runProcess(runtime, std::move(command));
+                    } catch (...) {
+                        seen = isCancellation(std::current_exception());
+                    }
+                }(host.runtime(), flag),
+                "inner");
+            co_await host.runtime().clock.sleep(milliseconds(50));
+            inner.cancel();
+            co_await inner.finished();
+            host.stop();
+        }(process, cancelled),
+        "outer");
     process.run();
     EXPECT_TRUE(cancelled);
 }

@@ -20,7 +20,9 @@ TEST(Clock, sleepsOnVirtualTimeWithoutWaiting) {
 TEST(Clock, droppedTimerNeverFires) {
     TestRuntime host;
     bool fired = false;
-    { const auto timer = host.clock().schedule(host.runtime().io, seconds(1), [&] { fired = true; }); }
+    {
+        const auto timer = host.clock().schedule(host.runtime().io, seconds(1), [&] { fired = true; });
+    }
     host.clock().advance(seconds(2));
     host.settle();
     EXPECT_FALSE(fired);
@@ -40,14 +42,17 @@ TEST(Clock, pollTriesAtOnceAndOnceMoreAtTheDeadline) {
 TEST(TaskHandle, droppingItCancelsAtTheNextSuspension) {
     TestRuntime host;
     bool reached = false, unwound = false;
-    auto handle = spawn(host.runtime().io, [](Clock& clock, bool& after, bool& left) -> Task<void> {
-        struct Guard {
-            bool& flag;
-            ~Guard() { flag = true; }
-        } guard{left};
-        co_await clock.sleep(seconds(5));
-        after = true;
-    }(host.clock(), reached, unwound), "sleeper");
+    auto handle = spawn(
+        host.runtime().io,
+        [](Clock& clock, bool& after, bool& left) -> Task<void> {
+            struct Guard {
+                bool& flag;
+                ~Guard() { flag = true; }
+            } guard{left};
+            co_await clock.sleep(seconds(5));
+            after = true;
+        }(host.clock(), reached, unwound),
+        "sleeper");
     host.settle();
     EXPECT_FALSE(unwound);
     handle = TaskHandle();
@@ -59,13 +64,16 @@ TEST(TaskHandle, droppingItCancelsAtTheNextSuspension) {
 TEST(TaskHandle, logsAnEscapingExceptionButNotACancellation) {
     TestRuntime host;
     const LogCapture log;
-    auto failing = spawn(host.runtime().io, []() -> Task<void> {
-        throw std::runtime_error("broken");
-        co_return;
-    }(), "work");
-    auto cancelled = spawn(host.runtime().io, [](Clock& clock) -> Task<void> {
-        co_await clock.sleep(seconds(1));
-    }(host.clock()), "other");
+    auto failing = spawn(
+        host.runtime().io,
+        []() -> Task<void> {
+            throw std::runtime_error("broken");
+            co_return;
+        }(),
+        "work");
+    auto cancelled = spawn(
+        host.runtime().io, [](Clock& clock) -> Task<void> { co_await clock.sleep(seconds(1)); }(host.clock()),
+        "other");
     cancelled.cancel();
     host.settle();
     EXPECT_TRUE(log.contains("work failed: broken"));
@@ -75,17 +83,20 @@ TEST(TaskHandle, logsAnEscapingExceptionButNotACancellation) {
 TEST(Task, cleanUpGoesOnAfterIgnoringTheCancellation) {
     TestRuntime host;
     bool cleaned = false;
-    auto handle = spawn(host.runtime().io, [](Clock& clock, bool& done) -> Task<void> {
-        std::exception_ptr failure;
-        try {
-            co_await clock.sleep(seconds(5));
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        co_await ignoreCancellation();
-        co_await clock.sleep(seconds(1));
-        done = isCancellation(failure);
-    }(host.clock(), cleaned), "cleaner");
+    auto handle = spawn(
+        host.runtime().io,
+        [](Clock& clock, bool& done) -> Task<void> {
+            std::exception_ptr failure;
+            try {
+                co_await clock.sleep(seconds(5));
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            co_await ignoreCancellation();
+            co_await clock.sleep(seconds(1));
+            done = isCancellation(failure);
+        }(host.clock(), cleaned),
+        "cleaner");
     host.settle();
     handle.cancel();
     host.driveUntil([&] { return handle.isFinished(); });
@@ -126,7 +137,8 @@ TEST(Timeout, passesExceptionsThroughAtOnce) {
             throw std::logic_error("no");
             co_return 0;
         }());
-    }(host.clock())), std::logic_error);
+    }(host.clock())),
+                 std::logic_error);
     EXPECT_EQ(host.clock().now(), before);
 }
 
@@ -153,16 +165,18 @@ TEST(ProcessRuntime, hopsBetweenItsThreadsAndReturnsToTheCaller) {
     const auto& runtime = process.runtime();
     const auto mainThread = std::this_thread::get_id();
     bool backgroundWasElsewhere = false, cameBack = false, queueRan = false;
-    auto handle = spawn(runtime.main.executor(), [](ProcessRuntime& host, std::thread::id home, bool& away, bool& back,
-                                                    bool& queued) -> Task<void> {
-        const auto& rt = host.runtime();
-        const auto worker = co_await rt.background.run([] { return std::this_thread::get_id(); });
-        away = worker != home;
-        co_await rt.clock.sleep(milliseconds(1));
-        back = rt.main.isCurrent();
-        rt.makeQueue("test").sync([&] { queued = true; });
-        host.stop();
-    }(process, mainThread, backgroundWasElsewhere, cameBack, queueRan), "hops");
+    auto handle = spawn(
+        runtime.main.executor(),
+        [](ProcessRuntime& host, std::thread::id home, bool& away, bool& back, bool& queued) -> Task<void> {
+            const auto& rt = host.runtime();
+            const auto worker = co_await rt.background.run([] { return std::this_thread::get_id(); });
+            away = worker != home;
+            co_await rt.clock.sleep(milliseconds(1));
+            back = rt.main.isCurrent();
+            rt.makeQueue("test").sync([&] { queued = true; });
+            host.stop();
+        }(process, mainThread, backgroundWasElsewhere, cameBack, queueRan),
+        "hops");
     process.run();
     EXPECT_TRUE(backgroundWasElsewhere);
     EXPECT_TRUE(cameBack);

@@ -26,7 +26,8 @@ class FakeGuestChannelRouter : public GuestChannelRouting {
     /// Called when a screenshot falls back to SSH, before the endpoint is asked for.
     std::function<void()> beforeFallback;
 
-    Task<GuestCommandResult> executeByAgent(VMRecordPointer, GuestAgentCommand command, Duration limit) override {
+    Task<GuestCommandResult> executeByAgent(VMRecordPointer, GuestAgentCommand command,
+                                            Duration limit) override {
         agentCommands.push_back(std::move(command));
         agentLimits.push_back(limit);
         if (!agentAnswer) throw agentFailure;
@@ -38,8 +39,8 @@ class FakeGuestChannelRouter : public GuestChannelRouting {
         } catch (const DorvaneError& known) {
             using Case = DorvaneError::Case;
             if (known.which() == Case::guestAgentNoReply) return idempotent;
-            return known.which() == Case::guestAgentNotEnabled || known.which() == Case::guestAgentUnavailable ||
-                   known.which() == Case::guestAgentTimedOut;
+            return known.which() == Case::guestAgentNotEnabled ||
+                   known.which() == Case::guestAgentUnavailable || known.which() == Case::guestAgentTimedOut;
         } catch (...) {
             return false;
         }
@@ -50,7 +51,8 @@ class FakeGuestChannelRouter : public GuestChannelRouting {
         if (!sshAnswer) throw DorvaneError(DorvaneError::Case::guestSSHNotConfigured);
         co_return *sshAnswer;
     }
-    Task<GuestScreenshot> screenshot(VMRecordPointer vm, std::optional<std::string> username, std::string sshCommand,
+    Task<GuestScreenshot> screenshot(VMRecordPointer vm, std::optional<std::string> username,
+                                     std::string sshCommand,
                                      std::function<Task<GuestSSHEndpoint>()> endpoint) override {
         if (agentScreen) co_return *agentScreen;
         if (beforeFallback) beforeFallback();

@@ -22,7 +22,8 @@ class FakeVMService : public VMServiceProtocol {
         bool ignoresShutdown = false;
     };
 
-    VMRecordPointer add(std::string name, VMOSType os = VMOSType::linux, VMStatus status = VMStatus::stopped) {
+    VMRecordPointer add(std::string name, VMOSType os = VMOSType::linux,
+                        VMStatus status = VMStatus::stopped) {
         auto record = std::make_shared<VMRecord>();
         record->name = std::move(name);
         record->osType = os;
@@ -74,7 +75,8 @@ class FakeVMService : public VMServiceProtocol {
 
     Task<void> startVM(VMRecordPointer vm) override {
         fail();
-        if (vm->status == VMStatus::running) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, vm->name);
+        if (vm->status == VMStatus::running)
+            throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, vm->name);
         vm->status = VMStatus::running;
         co_return;
     }
@@ -122,8 +124,12 @@ class FakeVMService : public VMServiceProtocol {
         info->network = known.network;
         co_return info;
     }
-    Task<std::optional<int>> sshForwardedPort(VMRecordPointer vm) override { co_return guests_[vm->id].sshPort; }
-    Task<std::optional<Bytes>> captureHostFramebuffer(VMRecordPointer vm) override { co_return guests_[vm->id].screen; }
+    Task<std::optional<int>> sshForwardedPort(VMRecordPointer vm) override {
+        co_return guests_[vm->id].sshPort;
+    }
+    Task<std::optional<Bytes>> captureHostFramebuffer(VMRecordPointer vm) override {
+        co_return guests_[vm->id].screen;
+    }
     Task<std::string> getVMLogs(VMRecordPointer) override { co_return ""; }
 
     std::vector<std::string> trashed, erased;

@@ -12,8 +12,9 @@ namespace dorvane::test {
 
 class TestRuntime {
   public:
-    /// `TimeMode::automatic`: whenever nothing is ready, time moves to the next timer. `manual`: only the test moves
-    /// time (for code that talks to a real socket or child, whose answers must not race with virtual time).
+    /// `TimeMode::automatic`: whenever nothing is ready, time moves to the next timer. `manual`: only the
+    /// test moves time (for code that talks to a real socket or child, whose answers must not race with
+    /// virtual time).
     enum class TimeMode { automatic, manual };
 
     explicit TestRuntime(TimeMode mode = TimeMode::automatic) : mode_(mode) {}
@@ -22,8 +23,8 @@ class TestRuntime {
     const Runtime& runtime() const { return runtime_; }
     VirtualClock& clock() { return clock_; }
 
-    /// Runs until the task ends and returns its value or throws its exception. Fails the test by throwing when
-    /// nothing can make progress any more, or after 20 s of real time.
+    /// Runs until the task ends and returns its value or throws its exception. Fails the test by throwing
+    /// when nothing can make progress any more, or after 20 s of real time.
     template <typename T>
     T run(Task<T> task) {
         OneShot<T> outcome;

@@ -11,11 +11,14 @@ constexpr auto sandboxReaperInterval = seconds(1800);
 }  // namespace
 
 AppState::AppState(const HostServices& host, ModelContext& modelContext)
-    : host_(host), modelContext_(modelContext),
+    : host_(host),
+      modelContext_(modelContext),
       settingsService_(host.defaults, host.directories, host.system.userName()),
       mcpServerService_(std::make_unique<MCPServerService>(host.runtime, settingsService_, host.keychain)),
-      qemu_(host_), engineRouter_(host.runtime, nullptr, &qemu_.engine()),
-      directoryDisposer_(host.files), displayTransports_(host.runtime, host.defaults),
+      qemu_(host_),
+      engineRouter_(host.runtime, nullptr, &qemu_.engine()),
+      directoryDisposer_(host.files),
+      displayTransports_(host.runtime, host.defaults),
       framebufferCapture_(host.runtime, displayTransports_) {
     hasCompletedOnboarding_ = host.defaults.boolean(defaultsKey::hasCompletedOnboarding).value_or(false);
     host.defaults.set(defaultsKey::backendMode, "native");
@@ -55,7 +58,8 @@ void AppState::configureMCPServer() {
     if (std::exchange(isMCPServerConfigured_, true)) return;
     auto& service = makeSharedVMService();
     observeSharedVMListMembership();
-    activityLog_ = std::make_unique<AgentActivityLog>(host_.runtime, AgentActivityLog::defaultFile(host_.directories));
+    activityLog_ =
+        std::make_unique<AgentActivityLog>(host_.runtime, AgentActivityLog::defaultFile(host_.directories));
     const MCPToolContext::Services services{
         .vmService = service,
         .sandboxService = sandboxService_,
@@ -124,8 +128,9 @@ void AppState::refreshBackendAvailability(bool force) {
     if (*isBackendAvailable_)
         backendAlertMessage_.reset();
     else
-        backendAlertMessage_ = localized("Virtualization is not available on this Mac. Dorvane requires Apple "
-                                         "Silicon with Virtualization.framework support.");
+        backendAlertMessage_ = localized(
+            "Virtualization is not available on this Mac. Dorvane requires Apple "
+            "Silicon with Virtualization.framework support.");
 }
 
 void AppState::completeOnboarding() {

@@ -8,7 +8,8 @@
 
 namespace dorvane {
 
-std::shared_ptr<GuestDisplayTransport> DisplayTransportFactory::makeTransport(const GuestDisplayChannel& channel) {
+std::shared_ptr<GuestDisplayTransport> DisplayTransportFactory::makeTransport(
+    const GuestDisplayChannel& channel) {
     const auto* vnc = std::get_if<VNCChannel>(&channel);
     if (vnc == nullptr)
         throw DorvaneError(DorvaneError::Case::invalidConfiguration,

@@ -6,12 +6,15 @@
 namespace dorvane {
 QEMUParts::QEMUParts(const HostServices& host)
     : host_(host),
-      capabilities_(host.runtime), keyStore_(host.runtime, host.directories.applicationSupport),
-      windowsGuestSupport_(locate(), host.system.version(), std::nullopt), engine_(makeContext()) {}
+      capabilities_(host.runtime),
+      keyStore_(host.runtime, host.directories.applicationSupport),
+      windowsGuestSupport_(locate(), host.system.version(), std::nullopt),
+      engine_(makeContext()) {}
 
 std::optional<QEMURuntimeResources> QEMUParts::locate() const {
     std::vector<QEMURuntimeResources> candidates;
-    for (const auto& root : host_.qemuPackageRoots) candidates.push_back(QEMURuntimeResources::packaged(root));
+    for (const auto& root : host_.qemuPackageRoots)
+        candidates.push_back(QEMURuntimeResources::packaged(root));
     candidates.push_back(QEMURuntimeResources::systemInstalled("/"));
     return QEMURuntimeResources::locate(candidates, host_.environment);
 }

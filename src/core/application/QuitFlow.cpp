@@ -31,11 +31,13 @@ std::optional<QuitQuestion> QuitFlow::question() const {
     if (!running && inProgress.empty()) return std::nullopt;
     std::vector<std::string> paragraphs;
     if (!inProgress.empty())
-        paragraphs.push_back(localized("Still in progress: %@. Quitting now interrupts it, and what it has not "
-                                       "finished is discarded.",
-                                       listText(inProgress)));
+        paragraphs.push_back(
+            localized("Still in progress: %@. Quitting now interrupts it, and what it has not "
+                      "finished is discarded.",
+                      listText(inProgress)));
     if (running)
-        paragraphs.push_back(localized("Quitting will stop %d running virtual machine(s).", engine_.runningVMIDs().size()));
+        paragraphs.push_back(
+            localized("Quitting will stop %d running virtual machine(s).", engine_.runningVMIDs().size()));
     return QuitQuestion{localized("Quit Dorvane?"), joined(paragraphs, "\n\n"),
                         running ? localized("Stop VMs and Quit") : localized("Quit Anyway")};
 }

@@ -30,8 +30,8 @@ class QuitFlow {
 
     /// What has to be asked; absent when nothing runs and nothing is in progress.
     std::optional<QuitQuestion> question() const;
-    /// Asks, if there is something to ask; `confirm` says whether the first button was chosen. After `later` the
-    /// caller awaits `stopAllVMs` and then ends the process.
+    /// Asks, if there is something to ask; `confirm` says whether the first button was chosen. After `later`
+    /// the caller awaits `stopAllVMs` and then ends the process.
     Reply shouldTerminate(const std::function<bool(const QuitQuestion&)>& confirm) const;
     /// Every machine is asked to shut down and powered off after 30 s.
     Task<void> stopAllVMs() const;

@@ -13,7 +13,8 @@ void copyNewRows(FrameImage& image, ByteView pixels, const RowVersions& versions
         if (versions.rows[first] <= since) continue;
         auto end = first + 1;
         while (end < rowCount && versions.rows[end] > since) ++end;
-        std::memcpy(image.pixels.data() + first * stride, pixels.data() + first * stride, (end - first) * stride);
+        std::memcpy(image.pixels.data() + first * stride, pixels.data() + first * stride,
+                    (end - first) * stride);
         first = end;
     }
 }

@@ -18,8 +18,8 @@ struct RowVersions {
 /// `snapshot` belongs to one queue; pictures are dropped on any thread, also after the pool has gone.
 class FramePool : public std::enable_shared_from_this<FramePool> {
   public:
-    /// A picture of `pixels`, made in a spare one of the same size when there is one: then only rows that are newer
-    /// than it are copied.
+    /// A picture of `pixels`, made in a spare one of the same size when there is one: then only rows that are
+    /// newer than it are copied.
     FramePointer snapshot(int width, int height, ByteView pixels, const RowVersions& versions);
 
   private:

@@ -14,7 +14,8 @@ namespace {
 
 template <bool redFirst>
 void expandOneByOne(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, redFirst ? loadRGB(in + i * 3) : loadBGR(in + i * 3));
+    for (std::size_t i = 0; i < count; ++i)
+        storePixel(out + i * 4, redFirst ? loadRGB(in + i * 3) : loadBGR(in + i * 3));
 }
 
 #if defined(__x86_64__)
@@ -32,7 +33,8 @@ template <bool redFirst>
 
 template <bool redFirst>
 void expand(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
-    static const auto best = __builtin_cpu_supports("ssse3") ? expandByFour<redFirst> : expandOneByOne<redFirst>;
+    static const auto best =
+        __builtin_cpu_supports("ssse3") ? expandByFour<redFirst> : expandOneByOne<redFirst>;
     best(in, out, count);
 }
 
@@ -42,8 +44,8 @@ template <bool redFirst>
 void expand(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
     for (; count >= 16; count -= 16, in += 48, out += 64) {
         const auto channels = vld3q_u8(in);
-        vst4q_u8(out, uint8x16x4_t{{channels.val[redFirst ? 2 : 0], channels.val[1], channels.val[redFirst ? 0 : 2],
-                                    vdupq_n_u8(0)}});
+        vst4q_u8(out, uint8x16x4_t{{channels.val[redFirst ? 2 : 0], channels.val[1],
+                                    channels.val[redFirst ? 0 : 2], vdupq_n_u8(0)}});
     }
     expandOneByOne<redFirst>(in, out, count);
 }
@@ -59,7 +61,9 @@ void expand(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
 
 }  // namespace
 
-void expandBGR(const std::uint8_t* in, std::uint8_t* out, std::size_t count) { expand<false>(in, out, count); }
+void expandBGR(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
+    expand<false>(in, out, count);
+}
 void expandRGB(const std::uint8_t* in, std::uint8_t* out, std::size_t count) { expand<true>(in, out, count); }
 
 }  // namespace dorvane

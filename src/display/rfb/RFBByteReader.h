@@ -9,8 +9,8 @@
 
 namespace dorvane {
 
-/// Reads big-endian numbers. Every operation either succeeds or leaves the position alone. The bytes belong to
-/// the caller and outlive the reader and the slices that it gives.
+/// Reads big-endian numbers. Every operation either succeeds or leaves the position alone. The bytes belong
+/// to the caller and outlive the reader and the slices that it gives.
 class RFBByteReader {
   public:
     explicit RFBByteReader(ByteView bytes) : bytes_(bytes) {}

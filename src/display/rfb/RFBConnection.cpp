@@ -9,16 +9,18 @@ namespace dorvane {
 std::vector<RFBEncoding> RFBConnection::encodings(bool preferTight) {
     using enum RFBEncoding;
     if (preferTight)
-        return {copyRect, tight, zrle, raw, extendedDesktopSize, desktopSize, cursor, qemuExtendedKeyEvent,
-                compressLevel5};
-    return {copyRect, raw, tight, zrle, extendedDesktopSize, desktopSize, cursor, qemuExtendedKeyEvent,
+        return {
+            copyRect,      tight, zrle, raw, extendedDesktopSize, desktopSize, cursor, qemuExtendedKeyEvent,
+            compressLevel5};
+    return {copyRect,      raw, tight, zrle, extendedDesktopSize, desktopSize, cursor, qemuExtendedKeyEvent,
             compressLevel5};
 }
 
 RFBConnection::RFBConnection(const Runtime& runtime, std::string socketPath, bool preferTight)
     : RFBConnection(runtime, std::move(socketPath), encodings(preferTight)) {}
 
-RFBConnection::RFBConnection(const Runtime& runtime, std::string socketPath, std::vector<RFBEncoding> encodings)
+RFBConnection::RFBConnection(const Runtime& runtime, std::string socketPath,
+                             std::vector<RFBEncoding> encodings)
     : link_(std::make_shared<RFBLink>(runtime, std::move(socketPath), std::move(encodings))) {}
 
 RFBConnection::~RFBConnection() { link_->abandon(); }

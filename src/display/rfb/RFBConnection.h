@@ -13,9 +13,9 @@ namespace dorvane {
 
 class RFBLink;
 
-/// Operations may be called from any thread. The callbacks are taken over when `connect` begins and run on the
-/// connection's queue "com.dorvane.vnc"; a cursor is never reported. After destruction at most the callback that is
-/// running at that moment still finishes.
+/// Operations may be called from any thread. The callbacks are taken over when `connect` begins and run on
+/// the connection's queue "com.dorvane.vnc"; a cursor is never reported. After destruction at most the
+/// callback that is running at that moment still finishes.
 class RFBConnection : public GuestDisplayTransport {
   public:
     using ConnectionError = RFBConnectionError;

@@ -7,7 +7,8 @@ namespace dorvane {
 
 RFBConnectionError RFBConnectionError::socketPathTooLong(const std::string& path, std::size_t limit) {
     return {Case::socketPathTooLong,
-            localized("The VM display socket path is too long (%lld bytes, limit %lld): %@", path.size(), limit, path)};
+            localized("The VM display socket path is too long (%lld bytes, limit %lld): %@", path.size(),
+                      limit, path)};
 }
 
 RFBConnectionError RFBConnectionError::socketUnavailable(const std::string& path) {

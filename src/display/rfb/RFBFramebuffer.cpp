@@ -21,7 +21,8 @@ void RFBFramebuffer::applyRaw(const RFBRectangleHeader& header, ByteView pixels)
     const int top = std::max(header.y, 0), bottom = std::min(header.y + header.height, height_);
     if (left >= right || top >= bottom) return;
     const auto sourceStride = std::size_t(header.width) * 4;
-    const auto* source = pixels.data() + std::size_t(top - header.y) * sourceStride + std::size_t(left - header.x) * 4;
+    const auto* source =
+        pixels.data() + std::size_t(top - header.y) * sourceStride + std::size_t(left - header.x) * 4;
     auto* destination = pixels_.data() + std::size_t(top) * stride() + std::size_t(left) * 4;
     for (int y = top; y < bottom; ++y, source += sourceStride, destination += stride())
         std::memcpy(destination, source, std::size_t(right - left) * 4);

@@ -24,7 +24,8 @@ class RFBFramebuffer {
 
     /// Negative sizes become 0. A new size gives a black screen, the present one changes nothing.
     void resize(int width, int height);
-    /// Draws what lies inside the screen. `pixels` has rows of the header's width; too few of them draw nothing.
+    /// Draws what lies inside the screen. `pixels` has rows of the header's width; too few of them draw
+    /// nothing.
     void applyRaw(const RFBRectangleHeader& header, ByteView pixels);
     /// Copies the part for which source and destination both lie inside the screen; they may overlap.
     void applyCopyRect(const RFBRectangleHeader& header, int sourceX, int sourceY);
@@ -34,8 +35,8 @@ class RFBFramebuffer {
     /// changed from now on.
     PixelTarget target(const RFBRectangleHeader& header);
 
-    /// The present picture; nothing without pixels. Copies only rows that changed since a picture was last made
-    /// in the memory that it takes.
+    /// The present picture; nothing without pixels. Copies only rows that changed since a picture was last
+    /// made in the memory that it takes.
     FramePointer makeImage();
 
   private:

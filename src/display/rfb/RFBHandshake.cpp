@@ -34,21 +34,28 @@ std::size_t RFBHandshake::consume(ByteView input, Bytes& output) {
 
 void RFBHandshake::advance(ByteView bytes, Bytes& output) {
     switch (state_) {
-        case State::version: return readVersion(bytes, output);
+        case State::version:
+            return readVersion(bytes, output);
         case State::securityCount:
             return bytes[0] == 0 ? wait(State::failureLength, 4) : wait(State::securityTypes, bytes[0]);
         case State::failureLength:
-            return wait(State::failureText, std::min<std::size_t>(loadBE32(bytes.data()), maximumReasonBytes));
-        case State::failureText: throw RFBConnectionError::handshakeFailed(repairedUTF8(bytes));
-        case State::securityTypes: return readSecurityTypes(bytes, output);
+            return wait(State::failureText,
+                        std::min<std::size_t>(loadBE32(bytes.data()), maximumReasonBytes));
+        case State::failureText:
+            throw RFBConnectionError::handshakeFailed(repairedUTF8(bytes));
+        case State::securityTypes:
+            return readSecurityTypes(bytes, output);
         case State::securityResult:
             if (loadBE32(bytes.data()) != 0)
                 throw RFBConnectionError::handshakeFailed("The VM display rejected the connection.");
             output.push_back(shared);
             return wait(State::serverInit, serverInitBytes);
-        case State::serverInit: return readServerInit(bytes);
-        case State::name: return finish(bytes, output);
-        case State::finished: return;
+        case State::serverInit:
+            return readServerInit(bytes);
+        case State::name:
+            return finish(bytes, output);
+        case State::finished:
+            return;
     }
 }
 

@@ -22,8 +22,8 @@ namespace dorvane {
 /// | streaming  | end of stream, error, close  | closed     | `finish` tells onDisconnect, once     |
 /// | closed     | open                         | connecting |                                       |
 ///
-/// All state belongs to the queue, but for `extendedKeyEvents_`. The tasks hold the link; it ends them by closing the
-/// socket, at the latest in `abandon`.
+/// All state belongs to the queue, but for `extendedKeyEvents_`. The tasks hold the link; it ends them by
+/// closing the socket, at the latest in `abandon`.
 class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamHandler {
   public:
     struct Callbacks {

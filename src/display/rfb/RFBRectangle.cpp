@@ -18,7 +18,8 @@ std::size_t checkedSize(std::size_t bytes) {
     return bytes;
 }
 
-std::optional<Content> parseRaw(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
+std::optional<Content> parseRaw(RFBByteReader& reader, const RFBRectangleHeader& header,
+                                std::size_t pixelBytes) {
     const auto pixels = reader.slice(checkedSize(pixelBytes));
     if (!pixels) return std::nullopt;
     return RFBRectangle::Raw{header, *pixels};
@@ -31,7 +32,8 @@ std::optional<Content> parseCopyRect(RFBByteReader& reader, const RFBRectangleHe
     return RFBRectangle::CopyRect{header, *x, *y};
 }
 
-std::optional<Content> parseZRLE(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
+std::optional<Content> parseZRLE(RFBByteReader& reader, const RFBRectangleHeader& header,
+                                 std::size_t pixelBytes) {
     checkedSize(pixelBytes);
     const auto length = reader.readUInt32();
     if (!length) return std::nullopt;
@@ -53,16 +55,20 @@ std::optional<std::size_t> readCompactLength(RFBByteReader& reader) {
 }
 
 /// The size of the data before compression; reads the filter byte and skips the palette.
-std::optional<std::size_t> readTightDataSize(RFBByteReader& reader, const RFBRectangleHeader& header, bool hasFilter) {
+std::optional<std::size_t> readTightDataSize(RFBByteReader& reader, const RFBRectangleHeader& header,
+                                             bool hasFilter) {
     const auto width = std::size_t(header.width), height = std::size_t(header.height);
     if (!hasFilter) return width * height * 3;
     const auto filter = reader.readUInt8();
     if (!filter) return std::nullopt;
     switch (*filter) {
         case tight::copyFilter:
-        case tight::gradientFilter: return width * height * 3;
-        case tight::paletteFilter: break;
-        default: throw ParseError::unsupportedTightVariant(*filter);
+        case tight::gradientFilter:
+            return width * height * 3;
+        case tight::paletteFilter:
+            break;
+        default:
+            throw ParseError::unsupportedTightVariant(*filter);
     }
     const auto count = reader.readUInt8();
     if (!count || !reader.skip((std::size_t(*count) + 1) * 3)) return std::nullopt;
@@ -82,7 +88,8 @@ bool skipTightPayload(RFBByteReader& reader, const RFBRectangleHeader& header) {
     return length && reader.skip(*length);
 }
 
-std::optional<Content> parseTight(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
+std::optional<Content> parseTight(RFBByteReader& reader, const RFBRectangleHeader& header,
+                                  std::size_t pixelBytes) {
     checkedSize(pixelBytes);
     const auto start = reader.position();
     if (!skipTightPayload(reader, header)) return std::nullopt;
@@ -97,7 +104,8 @@ std::optional<Content> parseExtendedDesktopSize(RFBByteReader& reader, const RFB
     return RFBExtendedDesktopSize{header.x, header.y, header.width, header.height, *screens};
 }
 
-std::optional<Content> parseCursor(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
+std::optional<Content> parseCursor(RFBByteReader& reader, const RFBRectangleHeader& header,
+                                   std::size_t pixelBytes) {
     const auto maskBytes = (std::size_t(header.width) + 7) / 8 * std::size_t(header.height);
     const auto pixels = reader.slice(checkedSize(pixelBytes));
     const auto mask = pixels ? reader.slice(maskBytes) : std::nullopt;
@@ -109,15 +117,24 @@ std::optional<Content> parseContent(RFBByteReader& reader, const RFBRectangleHea
                                     const RFBPixelFormat& format) {
     const auto pixelBytes = header.pixelCount() * (format.bitsPerPixel / 8u);
     switch (RFBEncoding(header.encoding)) {
-        case RFBEncoding::raw: return parseRaw(reader, header, pixelBytes);
-        case RFBEncoding::copyRect: return parseCopyRect(reader, header);
-        case RFBEncoding::zrle: return parseZRLE(reader, header, pixelBytes);
-        case RFBEncoding::tight: return parseTight(reader, header, pixelBytes);
-        case RFBEncoding::desktopSize: return RFBRectangle::DesktopSize{header.width, header.height};
-        case RFBEncoding::cursor: return parseCursor(reader, header, pixelBytes);
-        case RFBEncoding::extendedDesktopSize: return parseExtendedDesktopSize(reader, header);
-        case RFBEncoding::qemuExtendedKeyEvent: return RFBRectangle::QEMUExtendedKeyEventSupported{};
-        case RFBEncoding::compressLevel5: break;
+        case RFBEncoding::raw:
+            return parseRaw(reader, header, pixelBytes);
+        case RFBEncoding::copyRect:
+            return parseCopyRect(reader, header);
+        case RFBEncoding::zrle:
+            return parseZRLE(reader, header, pixelBytes);
+        case RFBEncoding::tight:
+            return parseTight(reader, header, pixelBytes);
+        case RFBEncoding::desktopSize:
+            return RFBRectangle::DesktopSize{header.width, header.height};
+        case RFBEncoding::cursor:
+            return parseCursor(reader, header, pixelBytes);
+        case RFBEncoding::extendedDesktopSize:
+            return parseExtendedDesktopSize(reader, header);
+        case RFBEncoding::qemuExtendedKeyEvent:
+            return RFBRectangle::QEMUExtendedKeyEventSupported{};
+        case RFBEncoding::compressLevel5:
+            break;
     }
     throw ParseError::unsupportedEncoding(header.encoding);
 }
@@ -130,12 +147,14 @@ ParseError ParseError::unsupportedEncoding(std::int32_t encoding) {
 }
 
 ParseError ParseError::unsupportedTightVariant(std::uint8_t variant) {
-    return {Case::unsupportedTightVariant,
-            localized("The VM display sent a Tight variant this client does not support (%lld).", int{variant})};
+    return {
+        Case::unsupportedTightVariant,
+        localized("The VM display sent a Tight variant this client does not support (%lld).", int{variant})};
 }
 
 ParseError ParseError::tooLarge(std::size_t bytes) {
-    return {Case::tooLarge, localized("The VM display sent a rectangle that is too large (%lld bytes).", bytes)};
+    return {Case::tooLarge,
+            localized("The VM display sent a rectangle that is too large (%lld bytes).", bytes)};
 }
 
 std::optional<RFBRectangleHeader> RFBRectangle::readHeader(RFBByteReader& reader) {

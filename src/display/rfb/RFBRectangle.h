@@ -77,8 +77,8 @@ struct RFBRectangle {
 
     /// Takes the 12 bytes before every rectangle; absent, with the reader where it was, when there are fewer.
     static std::optional<RFBRectangleHeader> readHeader(RFBByteReader& reader);
-    /// From a reader standing at a rectangle header. Absent, with the reader where it was, when the rectangle isn't
-    /// complete yet. Throws ParseError.
+    /// From a reader standing at a rectangle header. Absent, with the reader where it was, when the rectangle
+    /// isn't complete yet. Throws ParseError.
     static std::optional<RFBRectangle> parse(RFBByteReader& reader, const RFBPixelFormat& pixelFormat);
 };
 

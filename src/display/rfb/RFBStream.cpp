@@ -12,7 +12,8 @@ namespace {
 // Below these a raw rectangle goes through the buffer: more spans would cost more than the copy saves.
 constexpr std::size_t minimumDirectBytes = 16'384;
 constexpr std::size_t minimumDirectRowBytes = 2'048;
-// After a rectangle received in place another is likely: only its header, and little else, goes through the buffer.
+// After a rectangle received in place another is likely: only its header, and little else, goes through the
+// buffer.
 constexpr std::size_t headerChunkBytes = 1'024;
 // More than any rectangle that can still become complete: the longest is a cursor with its mask.
 constexpr std::size_t maximumWaitingBytes = RFBRectangle::maximumBytes + RFBRectangle::maximumBytes / 8;
@@ -47,7 +48,9 @@ void RFBStream::prepareRaw() {
     }
 }
 
-void RFBStream::addSpan(std::span<std::uint8_t> memory) { spans_[spanCount_++] = {memory.data(), memory.size()}; }
+void RFBStream::addSpan(std::span<std::uint8_t> memory) {
+    spans_[spanCount_++] = {memory.data(), memory.size()};
+}
 
 void RFBStream::commit(std::size_t count) {
     if (isDirect_) {
@@ -85,11 +88,15 @@ bool RFBStream::parseMessage() {
     const auto type = reader.readUInt8();
     if (!type) return false;
     switch (RFBServerMessageType(*type)) {
-        case RFBServerMessageType::framebufferUpdate: return parseUpdate(reader);
+        case RFBServerMessageType::framebufferUpdate:
+            return parseUpdate(reader);
         case RFBServerMessageType::setColourMapEntries:
             throw RFBConnectionError::handshakeFailed("The VM display sent an unexpected colour map.");
-        case RFBServerMessageType::bell: buffer_.consume(reader.position()); return true;
-        case RFBServerMessageType::serverCutText: return parseCutText(reader);
+        case RFBServerMessageType::bell:
+            buffer_.consume(reader.position());
+            return true;
+        case RFBServerMessageType::serverCutText:
+            return parseCutText(reader);
     }
     throw RFBConnectionError::handshakeFailed("Unknown message type " + std::to_string(*type) +
                                               " from the VM display.");
@@ -144,7 +151,8 @@ bool RFBStream::beginRaw() {
     if (content.size() > maximumWaitingBytes) throw RFBRectangle::ParseError::tooLarge(content.size());
     RFBByteReader reader(content);
     const auto header = RFBRectangle::readHeader(reader);
-    if (!header || header->encoding != rawValue(RFBEncoding::raw) || !framebuffer_.contains(*header)) return false;
+    if (!header || header->encoding != rawValue(RFBEncoding::raw) || !framebuffer_.contains(*header))
+        return false;
     buffer_.consume(reader.position());
     raw_ = RawBody{framebuffer_.target(*header), std::size_t(header->width) * 4, 0, header->pixelCount() * 4};
     didTouchPixels_ = true;
@@ -200,7 +208,9 @@ void RFBStream::apply(const RFBExtendedDesktopSize& size) {
 
 void RFBStream::apply(const RFBRectangle::Cursor&) { handler_.cursorReceived(); }
 
-void RFBStream::apply(const RFBRectangle::QEMUExtendedKeyEventSupported&) { handler_.extendedKeyEventsSupported(); }
+void RFBStream::apply(const RFBRectangle::QEMUExtendedKeyEventSupported&) {
+    handler_.extendedKeyEventsSupported();
+}
 
 template <typename Decoder>
 void RFBStream::decode(Decoder& decoder, const RFBRectangleHeader& header, ByteView payload) {

@@ -8,8 +8,8 @@
 #include <memory>
 #include <span>
 
-#include "display/rfb/ReceiveBuffer.h"
 #include "display/rfb/RFBFramebuffer.h"
+#include "display/rfb/ReceiveBuffer.h"
 #include "display/rfb/TightDecoder.h"
 #include "display/rfb/ZRLEDecoder.h"
 
@@ -30,9 +30,9 @@ class RFBStreamHandler {
     virtual void cursorReceived() = 0;
 };
 
-/// A resumable parser: takes the stream in pieces of any size and keeps what is incomplete. It knows no socket.
-/// Lives on one queue. After a throw (RFBRectangle::ParseError, a decoder's DecodeError, RFBConnectionError) the
-/// stream is of no more use.
+/// A resumable parser: takes the stream in pieces of any size and keeps what is incomplete. It knows no
+/// socket. Lives on one queue. After a throw (RFBRectangle::ParseError, a decoder's DecodeError,
+/// RFBConnectionError) the stream is of no more use.
 class RFBStream {
   public:
     /// Both outlive the stream.
@@ -42,7 +42,8 @@ class RFBStream {
     /// Where the next bytes of the stream belong, in order: a large raw rectangle is received right into the
     /// framebuffer, all else into a buffer. Valid until the next call of `commit`.
     std::span<const iovec> prepare();
-    /// Takes the first `count` bytes of what `prepare` gave as received, and does all that can be done with them.
+    /// Takes the first `count` bytes of what `prepare` gave as received, and does all that can be done with
+    /// them.
     void commit(std::size_t count);
     /// Both for bytes that are elsewhere already.
     void feed(ByteView bytes);

@@ -9,8 +9,8 @@
 
 namespace dorvane {
 
-/// Bytes are written at the back and consumed at the front. What is kept moves only in `tail`, so views into it stay
-/// valid until then.
+/// Bytes are written at the back and consumed at the front. What is kept moves only in `tail`, so views into
+/// it stay valid until then.
 class ReceiveBuffer {
   public:
     /// The least room that `tail` gives.
@@ -24,8 +24,8 @@ class ReceiveBuffer {
     void commit(std::size_t count) { end_ += count; }
 
   private:
-    /// Up to here, moving what is kept to the front costs less than what it saves: the same memory stays in the
-    /// processor's cache.
+    /// Up to here, moving what is kept to the front costs less than what it saves: the same memory stays in
+    /// the processor's cache.
     static constexpr std::size_t smallContent = 16'384;
 
     std::unique_ptr<std::uint8_t[]> memory_;

@@ -14,7 +14,8 @@ namespace {
 using DecodeError = TightDecoder::DecodeError;
 using Case = DecodeError::Case;
 
-// Rows are inflated and expanded in pieces that stay in the processor's cache; one row is at most 196,605 bytes.
+// Rows are inflated and expanded in pieces that stay in the processor's cache; one row is at most 196,605
+// bytes.
 constexpr std::size_t pieceBytes = 65'536;
 constexpr std::size_t windowBytes = 262'144;
 // Room beyond the data: zlib's fast loop runs only with 258 bytes to spare, and too much output is noticed.
@@ -46,7 +47,8 @@ std::size_t readCompactLength(RFBByteReader& reader) {
 
 }  // namespace
 
-TightDecoder::TightDecoder() : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + spareBytes)) {}
+TightDecoder::TightDecoder()
+    : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + spareBytes)) {}
 
 Bytes TightDecoder::decode(int width, int height, ByteView payload) {
     Bytes pixels(std::size_t(width) * std::size_t(height) * 4);
@@ -70,7 +72,8 @@ void TightDecoder::decodeRectangle(int width, int height, RFBByteReader& reader,
     resetStreams(control);
     if (tight::isFill(control)) {
         readPalette(reader, 1);
-        for (int y = 0; y < height; ++y) fillPixels(target.row(std::size_t(y)), std::size_t(width), palette_[0]);
+        for (int y = 0; y < height; ++y)
+            fillPixels(target.row(std::size_t(y)), std::size_t(width), palette_[0]);
         return;
     }
     if (tight::isUnsupported(control))
@@ -97,10 +100,15 @@ TightDecoder::Form TightDecoder::readForm(std::size_t width, std::size_t height,
     if (!tight::hasFilterByte(control)) return form;
     const auto filter = required(reader.readUInt8());
     switch (filter) {
-        case tight::copyFilter: return form;
-        case tight::gradientFilter: form.filter = Filter::gradient; return form;
-        case tight::paletteFilter: break;
-        default: throw DecodeError(Case::unknownFilter, formatted("Tight unknown filter %d", int{filter}));
+        case tight::copyFilter:
+            return form;
+        case tight::gradientFilter:
+            form.filter = Filter::gradient;
+            return form;
+        case tight::paletteFilter:
+            break;
+        default:
+            throw DecodeError(Case::unknownFilter, formatted("Tight unknown filter %d", int{filter}));
     }
     form.colorCount = required(reader.readUInt8()) + 1u;
     readPalette(reader, form.colorCount);
@@ -149,10 +157,18 @@ void TightDecoder::expandRows(const Form& form, std::size_t y, std::size_t rows,
     for (std::size_t end = y + rows; y < end; ++y, data += form.rowBytes) {
         auto* out = target.row(y);
         switch (form.filter) {
-            case Filter::copy: expandRGB(data, out, form.width); break;
-            case Filter::bitmap: expandBitmap(data, out, form.width, palette_[0], palette_[1]); break;
-            case Filter::palette: expandIndices(data, out, form.width, palette_); break;
-            case Filter::gradient: undoGradient(data, out, y > 0 ? target.row(y - 1) : nullptr, form.width); break;
+            case Filter::copy:
+                expandRGB(data, out, form.width);
+                break;
+            case Filter::bitmap:
+                expandBitmap(data, out, form.width, palette_[0], palette_[1]);
+                break;
+            case Filter::palette:
+                expandIndices(data, out, form.width, palette_);
+                break;
+            case Filter::gradient:
+                undoGradient(data, out, y > 0 ? target.row(y - 1) : nullptr, form.width);
+                break;
         }
     }
 }

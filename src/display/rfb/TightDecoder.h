@@ -13,14 +13,19 @@
 
 namespace dorvane {
 
-/// One connection's four zlib streams: sees every Tight rectangle of the connection, in order. After a throw the
-/// streams' positions are lost and the connection must end.
+/// One connection's four zlib streams: sees every Tight rectangle of the connection, in order. After a throw
+/// the streams' positions are lost and the connection must end.
 class TightDecoder {
   public:
     class DecodeError : public std::runtime_error {
       public:
         enum class Case {
-            zlibFailure, unsupportedCompression, unknownFilter, sizeMismatch, trailingBytes, truncated,
+            zlibFailure,
+            unsupportedCompression,
+            unknownFilter,
+            sizeMismatch,
+            trailingBytes,
+            truncated,
             paletteIndexOutOfRange,
         };
         DecodeError(Case which, const std::string& text) : std::runtime_error(text), which_(which) {}
@@ -32,8 +37,8 @@ class TightDecoder {
 
     TightDecoder();
 
-    /// `payload` begins at the control byte. Returns `width` times `height` pixels without row padding, the fourth byte
-    /// of each 0. Throws DecodeError.
+    /// `payload` begins at the control byte. Returns `width` times `height` pixels without row padding, the
+    /// fourth byte of each 0. Throws DecodeError.
     Bytes decode(int width, int height, ByteView payload);
     /// The same, drawn in place; after a throw the target may be half drawn.
     void decode(int width, int height, ByteView payload, PixelTarget target);

@@ -8,7 +8,9 @@ namespace dorvane {
 void expandBitmap(const std::uint8_t* in, std::uint8_t* out, std::size_t width, std::uint32_t zero,
                   std::uint32_t one) {
     const auto difference = zero ^ one;
-    const auto pixel = [&](unsigned bits, unsigned shift) { return zero ^ (difference & (0u - ((bits >> shift) & 1u))); };
+    const auto pixel = [&](unsigned bits, unsigned shift) {
+        return zero ^ (difference & (0u - ((bits >> shift) & 1u)));
+    };
     for (; width >= 8; width -= 8, out += 32) {
         const unsigned bits = *in++;
         for (unsigned i = 0; i < 8; ++i) storePixel(out + i * 4, pixel(bits, 7 - i));

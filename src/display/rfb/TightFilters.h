@@ -14,8 +14,8 @@ void expandBitmap(const std::uint8_t* in, std::uint8_t* out, std::size_t width, 
 /// One index a pixel, all of them checked.
 void expandIndices(const std::uint8_t* in, std::uint8_t* out, std::size_t width,
                    const std::array<std::uint32_t, 256>& palette);
-/// Each channel is the difference to a prediction from the pixels to the left, above, and above to the left. `above`
-/// is the decoded row before this one, nullptr for the first.
+/// Each channel is the difference to a prediction from the pixels to the left, above, and above to the left.
+/// `above` is the decoded row before this one, nullptr for the first.
 void undoGradient(const std::uint8_t* in, std::uint8_t* out, const std::uint8_t* above, std::size_t width);
 
 }  // namespace dorvane

@@ -12,10 +12,11 @@ namespace {
 using DecodeError = ZRLEDecoder::DecodeError;
 using Case = DecodeError::Case;
 
-// Inflated in pieces that stay in the processor's cache, each topped up before a tile that might not be whole in it.
+// Inflated in pieces that stay in the processor's cache, each topped up before a tile that might not be whole
+// in it.
 constexpr std::size_t windowBytes = 65'536;
-// Palette run-length with 127 colours and plain runs of one pixel are the longest forms of a 64 by 64 tile; more only
-// comes in an invalid one, which ends early.
+// Palette run-length with 127 colours and plain runs of one pixel are the longest forms of a 64 by 64 tile;
+// more only comes in an invalid one, which ends early.
 constexpr std::size_t maximumTileBytes = 1 + 127 * 3 + 4'096 * 4 + 64;
 
 constexpr std::uint8_t solid = 1, largestPacked = 16, plainRuns = 128, smallestPaletteRuns = 130;
@@ -28,7 +29,8 @@ constexpr unsigned bitsPerIndex(unsigned colorCount) { return colorCount == 2 ? 
 
 /// One row of packed indices, the most significant bits first. Returns the largest index met.
 template <unsigned bits>
-unsigned unpackRow(const std::uint8_t* in, std::uint8_t* out, std::size_t width, const std::uint32_t* palette) {
+unsigned unpackRow(const std::uint8_t* in, std::uint8_t* out, std::size_t width,
+                   const std::uint32_t* palette) {
     constexpr unsigned perByte = 8 / bits, mask = (1u << bits) - 1;
     unsigned largest = 0;
     const auto unpack = [&](unsigned byte, unsigned count) {
@@ -46,15 +48,19 @@ unsigned unpackRow(const std::uint8_t* in, std::uint8_t* out, std::size_t width,
 unsigned unpackRow(unsigned bits, const std::uint8_t* in, std::uint8_t* out, std::size_t width,
                    const std::uint32_t* palette) {
     switch (bits) {
-        case 1: return unpackRow<1>(in, out, width, palette);
-        case 2: return unpackRow<2>(in, out, width, palette);
-        default: return unpackRow<4>(in, out, width, palette);
+        case 1:
+            return unpackRow<1>(in, out, width, palette);
+        case 2:
+            return unpackRow<2>(in, out, width, palette);
+        default:
+            return unpackRow<4>(in, out, width, palette);
     }
 }
 
 }  // namespace
 
-ZRLEDecoder::ZRLEDecoder() : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + expansionSlackBytes)) {}
+ZRLEDecoder::ZRLEDecoder()
+    : inflated_(std::make_unique_for_overwrite<std::uint8_t[]>(windowBytes + expansionSlackBytes)) {}
 
 Bytes ZRLEDecoder::decode(int width, int height, ByteView payload) {
     Bytes pixels(std::size_t(width) * std::size_t(height) * 4);
@@ -70,7 +76,8 @@ void ZRLEDecoder::decode(int width, int height, ByteView payload, PixelTarget ta
         decodeTiles(std::size_t(width), std::size_t(height), target);
         const auto left = available() + stream_.discard({inflated_.get(), windowBytes});
         if (left > 0)
-            throw DecodeError(Case::trailingBytes, formatted("ZRLE rectangle left %lld undecoded bytes", left));
+            throw DecodeError(Case::trailingBytes,
+                              formatted("ZRLE rectangle left %lld undecoded bytes", left));
     } catch (const ZlibFailure& failure) {
         throw DecodeError(Case::zlibFailure, formatted("ZRLE zlib error %d", failure.code));
     }

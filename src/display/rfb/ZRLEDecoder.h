@@ -11,8 +11,8 @@
 
 namespace dorvane {
 
-/// One connection's zlib stream: sees every ZRLE rectangle of the connection, in order. After a throw the stream's
-/// position is lost and the connection must end.
+/// One connection's zlib stream: sees every ZRLE rectangle of the connection, in order. After a throw the
+/// stream's position is lost and the connection must end.
 class ZRLEDecoder {
   public:
     class DecodeError : public std::runtime_error {
@@ -27,8 +27,8 @@ class ZRLEDecoder {
 
     ZRLEDecoder();
 
-    /// `payload` comes without its length field. Returns `width` times `height` pixels without row padding, the fourth
-    /// byte of each 0. Throws DecodeError.
+    /// `payload` comes without its length field. Returns `width` times `height` pixels without row padding,
+    /// the fourth byte of each 0. Throws DecodeError.
     Bytes decode(int width, int height, ByteView payload);
     /// The same, drawn in place; after a throw the target may be partly drawn.
     void decode(int width, int height, ByteView payload, PixelTarget target);

@@ -14,8 +14,8 @@ namespace dorvane::test {
 namespace {
 
 constexpr int screenWidth = 40, screenHeight = 30;
-const auto serverInit = be16(screenWidth) + be16(screenHeight) + RFBPixelFormat::bgra32().encoded() + be32(4) +
-                        toBytes("demo");
+const auto serverInit =
+    be16(screenWidth) + be16(screenHeight) + RFBPixelFormat::bgra32().encoded() + be32(4) + toBytes("demo");
 constexpr std::size_t setupBytes = 20 + 4 + 9 * 4;  // setPixelFormat and setEncodings
 constexpr std::size_t requestBytes = 10;
 const Bytes fullRequest{3, 0, 0, 0, 0, 0, 0, screenWidth, 0, screenHeight};
@@ -101,7 +101,8 @@ class RFBConnectionTest : public testing::Test {
         server_.emplace(host_.runtime(), path_);
         makeConnection(preferTight);
         OneShot<Bytes> sent;
-        auto handle = spawn(host_.runtime().io, deliver(server_->shakeHands(std::move(init)), sent), "server");
+        auto handle =
+            spawn(host_.runtime().io, deliver(server_->shakeHands(std::move(init)), sent), "server");
         host_.run(connection_->connect(seconds(15)));
         return host_.run(sent.wait());
     }
@@ -137,7 +138,8 @@ TEST_F(RFBConnectionTest, asksForItsFormatItsEncodingsAndTheWholeScreen) {
 
 TEST_F(RFBConnectionTest, asksForTheNextUpdateAtTheHeaderAndGivesOnePictureAnUpdate) {
     connect();
-    const auto bytes = update({rectangle(0, 0, 40, 30, 0, Bytes(4'800, 1)), rectangle(1, 1, 1, 1, 0, Bytes(4, 2))});
+    const auto bytes =
+        update({rectangle(0, 0, 40, 30, 0, Bytes(4'800, 1)), rectangle(1, 1, 1, 1, 0, Bytes(4, 2))});
     serve(Bytes(bytes.begin(), bytes.begin() + 4));
     EXPECT_EQ(expect(requestBytes), incrementalRequest);
     EXPECT_TRUE(frames_.empty());
@@ -156,7 +158,8 @@ TEST_F(RFBConnectionTest, readsWhatCameWithTheHandshake) {
 
 TEST_F(RFBConnectionTest, givesNoPictureWithoutNewPixels) {
     connect();
-    serve(update({rectangle(0, 0, 4, 1, -239, Bytes(17))}) + update({}) + update({rectangle(0, 0, 1, 1, 0, Bytes(4))}));
+    serve(update({rectangle(0, 0, 4, 1, -239, Bytes(17))}) + update({}) +
+          update({rectangle(0, 0, 1, 1, 0, Bytes(4))}));
     host_.driveUntil([&] { return !frames_.empty(); });
     EXPECT_EQ(frames_.size(), 1u);
 }
@@ -289,7 +292,8 @@ TEST_F(RFBConnectionTest, failsAtASilentServerAfterFiveSeconds) {
         host_.run(outcome.wait());
         ADD_FAILURE();
     } catch (const RFBConnectionError& error) {
-        EXPECT_STREQ(error.what(), "The VM display connection could not be established. Read failed (errno 11).");
+        EXPECT_STREQ(error.what(),
+                     "The VM display connection could not be established. Read failed (errno 11).");
     }
     EXPECT_TRUE(host_.run(server_->sawEnd()));
     EXPECT_TRUE(ends_.empty());

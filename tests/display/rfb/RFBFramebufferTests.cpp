@@ -17,7 +17,9 @@ RFBFramebuffer numberedFramebuffer(int width, int height) {
     return framebuffer;
 }
 
-Bytes content(const RFBFramebuffer& framebuffer) { return {framebuffer.pixels().begin(), framebuffer.pixels().end()}; }
+Bytes content(const RFBFramebuffer& framebuffer) {
+    return {framebuffer.pixels().begin(), framebuffer.pixels().end()};
+}
 
 TEST(RFBFramebuffer, keepsPixelsOnlyAtTheSameSize) {
     auto framebuffer = numberedFramebuffer(4, 3);
@@ -31,16 +33,24 @@ TEST(RFBFramebuffer, keepsPixelsOnlyAtTheSameSize) {
 }
 
 TEST(RFBFramebuffer, drawsOnlyWhatLiesInside) {
-    for (const auto& header : {RFBRectangleHeader{2, 1, 4, 4, 0}, {0, 0, 9, 9, 0}, {-2, -1, 4, 3, 0}, {3, 2, 1, 1, 0},
-                               {4, 0, 2, 2, 0}, {0, 3, 2, 2, 0}}) {
+    for (const auto& header : {RFBRectangleHeader{2, 1, 4, 4, 0},
+                               {0, 0, 9, 9, 0},
+                               {-2, -1, 4, 3, 0},
+                               {3, 2, 1, 1, 0},
+                               {4, 0, 2, 2, 0},
+                               {0, 3, 2, 2, 0}}) {
         RFBFramebuffer framebuffer;
         framebuffer.resize(4, 3);
         framebuffer.applyRaw(header, picture(header.width, header.height, numbered));
-        EXPECT_EQ(content(framebuffer), picture(4, 3, [&](int x, int y) {
-            const int column = x - header.x, row = y - header.y;
-            const bool inside = column >= 0 && row >= 0 && column < header.width && row < header.height;
-            return inside ? numbered(column, row) : 0u;
-        })) << header.x << "," << header.y;
+        EXPECT_EQ(content(framebuffer), picture(4, 3,
+                                                [&](int x, int y) {
+                                                    const int column = x - header.x, row = y - header.y;
+                                                    const bool inside = column >= 0 && row >= 0 &&
+                                                                        column < header.width &&
+                                                                        row < header.height;
+                                                    return inside ? numbered(column, row) : 0u;
+                                                }))
+            << header.x << "," << header.y;
     }
 }
 
@@ -57,18 +67,21 @@ TEST(RFBFramebuffer, copiesOverlappingAndClippedRectangles) {
         int sourceX, sourceY;
     };
     for (const auto& [header, sourceX, sourceY] :
-         {Row{{0, 1, 8, 5, 1}, 0, 0}, Row{{0, 0, 8, 5, 1}, 0, 1}, Row{{1, 0, 7, 6, 1}, 0, 0}, Row{{0, 0, 7, 6, 1}, 1, 0},
-          Row{{3, 2, 4, 3, 1}, 2, 1}, Row{{5, 3, 9, 9, 1}, 1, 1}, Row{{0, 0, 9, 9, 1}, 5, 4},
-          Row{{2, 2, 4, 4, 1}, 60, 1}, Row{{60, 1, 4, 4, 1}, 0, 0}}) {
+         {Row{{0, 1, 8, 5, 1}, 0, 0}, Row{{0, 0, 8, 5, 1}, 0, 1}, Row{{1, 0, 7, 6, 1}, 0, 0},
+          Row{{0, 0, 7, 6, 1}, 1, 0}, Row{{3, 2, 4, 3, 1}, 2, 1}, Row{{5, 3, 9, 9, 1}, 1, 1},
+          Row{{0, 0, 9, 9, 1}, 5, 4}, Row{{2, 2, 4, 4, 1}, 60, 1}, Row{{60, 1, 4, 4, 1}, 0, 0}}) {
         auto framebuffer = numberedFramebuffer(8, 6);
         framebuffer.applyCopyRect(header, sourceX, sourceY);
-        EXPECT_EQ(content(framebuffer), picture(8, 6, [&](int x, int y) {
-            const int column = x - header.x, row = y - header.y;
-            const int fromX = sourceX + column, fromY = sourceY + row;
-            const bool copied = column >= 0 && row >= 0 && column < header.width && row < header.height &&
-                                fromX < 8 && fromY < 6;
-            return copied ? numbered(fromX, fromY) : numbered(x, y);
-        })) << header.x << "," << header.y << " from " << sourceX << "," << sourceY;
+        EXPECT_EQ(content(framebuffer), picture(8, 6,
+                                                [&](int x, int y) {
+                                                    const int column = x - header.x, row = y - header.y;
+                                                    const int fromX = sourceX + column, fromY = sourceY + row;
+                                                    const bool copied =
+                                                        column >= 0 && row >= 0 && column < header.width &&
+                                                        row < header.height && fromX < 8 && fromY < 6;
+                                                    return copied ? numbered(fromX, fromY) : numbered(x, y);
+                                                }))
+            << header.x << "," << header.y << " from " << sourceX << "," << sourceY;
     }
 }
 
@@ -88,7 +101,8 @@ TEST(RFBFramebuffer, reusesDroppedPicturesWithoutStaleRows) {
     for (int step = 0; step < 40; ++step) {
         const int y = step % 6;
         framebuffer.applyRaw({step % 8, y, 1, 1, 0}, be32(0xAABB0000u + unsigned(step)));
-        if (step % 3 == 0) *framebuffer.target({0, (y + 2) % 6, 8, 1, 0}).pixels = static_cast<std::uint8_t>(step);
+        if (step % 3 == 0)
+            *framebuffer.target({0, (y + 2) % 6, 8, 1, 0}).pixels = static_cast<std::uint8_t>(step);
         if (step % 5 == 0) framebuffer.applyCopyRect({0, 0, 8, 2, 1}, 0, 3);
         kept.push_back(framebuffer.makeImage());
         ASSERT_EQ(kept.back()->pixels, content(framebuffer)) << step;

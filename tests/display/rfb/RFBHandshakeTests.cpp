@@ -12,7 +12,8 @@ namespace {
 const auto version = toBytes("RFB 003.008\n");
 
 Bytes serverInit(int width, int height, std::uint32_t nameLength) {
-    return be16(unsigned(width)) + be16(unsigned(height)) + RFBPixelFormat::bgra32().encoded() + be32(nameLength);
+    return be16(unsigned(width)) + be16(unsigned(height)) + RFBPixelFormat::bgra32().encoded() +
+           be32(nameLength);
 }
 
 TEST(RFBHandshake, goesThroughItsStatesByteByByte) {

@@ -38,7 +38,7 @@ TEST(RFBPixelFormat, readsWhatItWrites) {
     EXPECT_EQ(tooShort.position(), 0u);
 }
 
-const auto tightCopy11 = Bytes{0x40, 1, 2} + Bytes(9) + Bytes(11);          // palette of 3, 11 indices: stored
+const auto tightCopy11 = Bytes{0x40, 1, 2} + Bytes(9) + Bytes(11);  // palette of 3, 11 indices: stored
 const auto tightCopy12 = Bytes{0x40, 1, 2} + Bytes(9) + Bytes{5} + Bytes(5);  // 12 indices: length and data
 const auto tightBits = Bytes{0x40, 1, 1} + Bytes(6) + Bytes{3} + Bytes(3);  // two rows of one and a bit bytes
 
@@ -96,10 +96,14 @@ TEST(RFBRectangle, refusesWhatWasNotAskedFor) {
     const std::vector<std::pair<Bytes, std::string>> table{
         {rectangle(0, 0, 1, 1, 5), "The VM display sent an unsupported encoding (5)."},
         {rectangle(0, 0, 1, 1, -251), "The VM display sent an unsupported encoding (-251)."},
-        {rectangle(0, 0, 9, 9, 7, {0x90}), "The VM display sent a Tight variant this client does not support (9)."},
-        {rectangle(0, 0, 9, 9, 7, {0xF0}), "The VM display sent a Tight variant this client does not support (15)."},
-        {rectangle(0, 0, 9, 9, 7, {0x40, 3}), "The VM display sent a Tight variant this client does not support (3)."},
-        {rectangle(0, 0, 65'535, 65'535, 0), "The VM display sent a rectangle that is too large (17179344900 bytes)."},
+        {rectangle(0, 0, 9, 9, 7, {0x90}),
+         "The VM display sent a Tight variant this client does not support (9)."},
+        {rectangle(0, 0, 9, 9, 7, {0xF0}),
+         "The VM display sent a Tight variant this client does not support (15)."},
+        {rectangle(0, 0, 9, 9, 7, {0x40, 3}),
+         "The VM display sent a Tight variant this client does not support (3)."},
+        {rectangle(0, 0, 65'535, 65'535, 0),
+         "The VM display sent a rectangle that is too large (17179344900 bytes)."},
         {rectangle(0, 0, 1, 1, 16, be32(0xFFFFFFFF)),
          "The VM display sent a rectangle that is too large (4294967295 bytes)."},
     };

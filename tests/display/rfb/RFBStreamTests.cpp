@@ -13,7 +13,9 @@ class EventLog : public RFBStreamHandler {
   public:
     std::vector<std::string> events;
 
-    void updateBegan(int rectangleCount) override { events.push_back("began " + std::to_string(rectangleCount)); }
+    void updateBegan(int rectangleCount) override {
+        events.push_back("began " + std::to_string(rectangleCount));
+    }
     void updateFinished(bool didTouchPixels) override {
         events.push_back(didTouchPixels ? "finished, touched" : "finished");
     }
@@ -51,20 +53,23 @@ Session everything() {
     Deflater zrle, tight;
     const auto zrlePayload = zrle.piece({1, 1, 2, 3});
     const auto tightData = tight.piece(packed(picture(40, 20, shaded), true));
-    const auto whole = picture(width, height, shaded), part = picture(380, 100, [](int x, int y) { return shaded(y, x); });
+    const auto whole = picture(width, height, shaded),
+               part = picture(380, 100, [](int x, int y) { return shaded(y, x); });
     Session session;
     session.bytes =
-        update({rectangle(0, 0, 0, 0, -258), rectangle(0, 0, width, height, -308, Bytes{1, 0, 0, 0} + Bytes(16))}) +
-        Bytes{2} + update({rectangle(0, 0, width, height, 0, whole)}) + Bytes{3, 0, 0, 0} + be32(5) + toBytes("hello") +
+        update({rectangle(0, 0, 0, 0, -258),
+                rectangle(0, 0, width, height, -308, Bytes{1, 0, 0, 0} + Bytes(16))}) +
+        Bytes{2} + update({rectangle(0, 0, width, height, 0, whole)}) + Bytes{3, 0, 0, 0} + be32(5) +
+        toBytes("hello") +
         update({rectangle(10, 50, 380, 100, 0, part), rectangle(0, 10, 20, 10, 1, {0, 15, 0, 60}),
                 rectangle(3, 3, 30, 30, 16, be32(std::uint32_t(zrlePayload.size())) + zrlePayload)}) +
         update({}) +
         update({rectangle(380, 190, 40, 20, 7, Bytes{0} + compactLength(tightData.size()) + tightData),
                 rectangle(390, 195, 2, 2, 0, Bytes(16, 0x55)), rectangle(1, 1, 8, 1, -239, Bytes(33))}) +
         update({rectangle(5, 5, 8, 1, -239, Bytes(33))});
-    session.events = {"began 2", "extended keys", "finished", "began 1", "finished, touched", "began 3",
-                      "finished, touched", "began 0", "began 3", "cursor", "finished, touched", "began 1", "cursor",
-                      "finished"};
+    session.events = {"began 2",           "extended keys",     "finished", "began 1", "finished, touched",
+                      "began 3",           "finished, touched", "began 0",  "began 3", "cursor",
+                      "finished, touched", "began 1",           "cursor",   "finished"};
     session.screen = picture(width, height, [&](int x, int y) -> std::uint32_t {
         const auto before = [](int a, int b) {
             return a >= 10 && a < 390 && b >= 50 && b < 150 ? shaded(b - 50, a - 10) : shaded(a, b);
@@ -105,8 +110,9 @@ TEST(RFBStream, receivesLargeRawRectanglesInPlace) {
 
 TEST(RFBStream, resizesOnlyToAnotherSize) {
     Client client(8, 8);
-    client.stream.feed(update({rectangle(0, 0, 8, 8, -223), rectangle(0, 0, 0, 9, -223), rectangle(0, 0, 4, 2, 0, Bytes(32, 9)),
-                               rectangle(2, 0, 4, 2, -308, Bytes(4)), rectangle(0, 0, 4, 2, -223)}));
+    client.stream.feed(update({rectangle(0, 0, 8, 8, -223), rectangle(0, 0, 0, 9, -223),
+                               rectangle(0, 0, 4, 2, 0, Bytes(32, 9)), rectangle(2, 0, 4, 2, -308, Bytes(4)),
+                               rectangle(0, 0, 4, 2, -223)}));
     EXPECT_EQ(client.log.events, (std::vector<std::string>{"began 5", "resized 4x2", "finished, touched"}));
     EXPECT_EQ(client.pixels(), Bytes(32));
 }

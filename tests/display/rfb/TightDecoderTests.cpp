@@ -30,7 +30,8 @@ Bytes gradient(const Bytes& bgra, int width, int height) {
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x)
             for (int c = 0; c < 3; ++c) {
-                const int prediction = std::clamp(at(x - 1, y, c) + at(x, y - 1, c) - at(x - 1, y - 1, c), 0, 255);
+                const int prediction =
+                    std::clamp(at(x - 1, y, c) + at(x, y - 1, c) - at(x - 1, y - 1, c), 0, 255);
                 out.push_back(static_cast<std::uint8_t>(at(x, y, c) - prediction));
             }
     return out;
@@ -42,9 +43,13 @@ TEST(TightDecoder, decodesEveryFormAtEverySize) {
     // The last needs several pieces, and its rows don't fill them evenly.
     for (const auto& [width, height] : {std::pair{2, 2}, {4, 1}, {9, 6}, {64, 3}, {100, 50}, {333, 250}}) {
         const auto image = picture(width, height, colorful);
-        EXPECT_EQ(decoder.decode(width, height, compressed(0x00, {}, streams[0], packed(image, true))), image);
-        EXPECT_EQ(decoder.decode(width, height, compressed(0x50, {0}, streams[1], packed(image, true))), image);
-        EXPECT_EQ(decoder.decode(width, height, compressed(0x60, {2}, streams[2], gradient(image, width, height))), image)
+        EXPECT_EQ(decoder.decode(width, height, compressed(0x00, {}, streams[0], packed(image, true))),
+                  image);
+        EXPECT_EQ(decoder.decode(width, height, compressed(0x50, {0}, streams[1], packed(image, true))),
+                  image);
+        EXPECT_EQ(
+            decoder.decode(width, height, compressed(0x60, {2}, streams[2], gradient(image, width, height))),
+            image)
             << width;
     }
 }
@@ -54,21 +59,25 @@ TEST(TightDecoder, decodesPalettes) {
     Deflater deflater;
     const Bytes palette{1, 2, 3, 4, 5, 6};
     // 9 columns: two bytes a row, and the unused bits are noise.
-    const auto bits = decoder.decode(9, 6, compressed(0x40, Bytes{1, 1} + palette, deflater,
-                                                      {0x80, 0xFF, 0x01, 0x7F, 0, 0, 0xFF, 0x80, 0xAA, 0, 0x55, 0x80}));
+    const auto bits =
+        decoder.decode(9, 6,
+                       compressed(0x40, Bytes{1, 1} + palette, deflater,
+                                  {0x80, 0xFF, 0x01, 0x7F, 0, 0, 0xFF, 0x80, 0xAA, 0, 0x55, 0x80}));
     const std::array<unsigned, 6> rows{0x101, 0x002, 0x000, 0x1FF, 0x154, 0x0AB};
     EXPECT_EQ(bits, picture(9, 6, [&](int x, int y) {
-        return (rows[std::size_t(y)] >> (8 - x)) & 1 ? 0x040506u : 0x010203u;
-    }));
+                  return (rows[std::size_t(y)] >> (8 - x)) & 1 ? 0x040506u : 0x010203u;
+              }));
 
     Bytes everyColor, indices;
     for (unsigned i = 0; i < 256; ++i) {
         everyColor += Bytes{static_cast<std::uint8_t>(i), 0, 9};
         indices.push_back(static_cast<std::uint8_t>(255 - i));
     }
-    EXPECT_EQ(decoder.decode(16, 16, compressed(0x40, Bytes{1, 255} + everyColor, deflater, indices)),
-              picture(16, 16, [](int x, int y) { return static_cast<std::uint32_t>(255 - y * 16 - x) << 16 | 9; }));
-    EXPECT_EQ(decoder.decode(3, 1, Bytes{0x40, 1, 0, 7, 8, 9, 0, 0, 0}), picture(3, 1, [](int, int) { return 0x070809u; }));
+    EXPECT_EQ(
+        decoder.decode(16, 16, compressed(0x40, Bytes{1, 255} + everyColor, deflater, indices)),
+        picture(16, 16, [](int x, int y) { return static_cast<std::uint32_t>(255 - y * 16 - x) << 16 | 9; }));
+    EXPECT_EQ(decoder.decode(3, 1, Bytes{0x40, 1, 0, 7, 8, 9, 0, 0, 0}),
+              picture(3, 1, [](int, int) { return 0x070809u; }));
 }
 
 TEST(TightDecoder, fillsAndTakesSmallDataAsTheyAre) {
@@ -103,8 +112,8 @@ TEST(TightDecoder, drawsInPlaceWithoutTouchingTheNeighbours) {
         std::fill(screen.begin(), screen.end(), std::uint8_t{0xEE});
         decoder.decode(5, 4, payload, PixelTarget{screen.data(), 36}.at(2, 3));
         EXPECT_EQ(screen, picture(9, 8, [&](int x, int y) {
-            return x >= 2 && x < 7 && y >= 3 && y < 7 ? colorful(x - 2, y - 3) : 0xEEEEEEEEu;
-        }));
+                      return x >= 2 && x < 7 && y >= 3 && y < 7 ? colorful(x - 2, y - 3) : 0xEEEEEEEEu;
+                  }));
     }
 }
 

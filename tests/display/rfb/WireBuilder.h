@@ -67,7 +67,8 @@ inline Bytes compactLength(std::size_t length) {
     if (length < 128) return {static_cast<std::uint8_t>(length)};
     if (length < 16'384)
         return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)), static_cast<std::uint8_t>(length >> 7)};
-    return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)), static_cast<std::uint8_t>(0x80 | ((length >> 7) & 0x7F)),
+    return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)),
+            static_cast<std::uint8_t>(0x80 | ((length >> 7) & 0x7F)),
             static_cast<std::uint8_t>(length >> 14)};
 }
 
@@ -77,7 +78,8 @@ inline Bytes picture(int width, int height, const std::function<std::uint32_t(in
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) {
             const auto value = pixel(x, y);
-            for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+            for (int shift = 0; shift < 32; shift += 8)
+                out.push_back(static_cast<std::uint8_t>(value >> shift));
         }
     return out;
 }

@@ -15,7 +15,8 @@ std::uint32_t colorful(int x, int y) {
 }
 
 Bytes color(std::uint32_t pixel) {
-    return {static_cast<std::uint8_t>(pixel), static_cast<std::uint8_t>(pixel >> 8), static_cast<std::uint8_t>(pixel >> 16)};
+    return {static_cast<std::uint8_t>(pixel), static_cast<std::uint8_t>(pixel >> 8),
+            static_cast<std::uint8_t>(pixel >> 16)};
 }
 
 Bytes run(std::size_t length) {
@@ -33,7 +34,8 @@ Bytes decoded(int width, int height, const Bytes& tiles) {
 TEST(ZRLEDecoder, cutsARectangleIntoTiles) {
     // One colour a tile, so the picture shows where each tile lies.
     const auto tiles = Bytes{1} + color(1) + Bytes{1} + color(2) + Bytes{1} + color(3) + Bytes{1} + color(4);
-    EXPECT_EQ(decoded(65, 65, tiles), picture(65, 65, [](int x, int y) { return 1u + (x >= 64) + 2 * (y >= 64); }));
+    EXPECT_EQ(decoded(65, 65, tiles),
+              picture(65, 65, [](int x, int y) { return 1u + (x >= 64) + 2 * (y >= 64); }));
     EXPECT_EQ(decoded(0, 7, {}), Bytes());
 }
 
@@ -47,7 +49,9 @@ TEST(ZRLEDecoder, keepsItsStreamOverLargeRawRectangles) {
             for (int left = 0; left < 300; left += 64) {
                 const int width = std::min(64, 300 - left), height = std::min(64, 200 - top);
                 tiles += Bytes{0} +
-                        packed(picture(width, height, [&](int x, int y) { return colorful(left + x + round, top + y); }), false);
+                         packed(picture(width, height,
+                                        [&](int x, int y) { return colorful(left + x + round, top + y); }),
+                                false);
             }
         ASSERT_EQ(decoder.decode(300, 200, deflater.piece(tiles)), image) << round;
     }
@@ -63,11 +67,14 @@ TEST(ZRLEDecoder, unpacksPalettes) {
             for (int y = 0; y < 3; ++y) {
                 Bytes row(std::size_t((width * bits + 7) / 8));
                 for (int x = 0; x < width; ++x)
-                    row[std::size_t(x * bits / 8)] |= static_cast<std::uint8_t>(index(x, y) << (8 - bits - x * bits % 8));
+                    row[std::size_t(x * bits / 8)] |=
+                        static_cast<std::uint8_t>(index(x, y) << (8 - bits - x * bits % 8));
                 tile += row;
             }
-            EXPECT_EQ(decoded(width, 3, tile),
-                      picture(width, 3, [&](int x, int y) { return static_cast<std::uint32_t>(index(x, y)) * 0x10101; }))
+            EXPECT_EQ(
+                decoded(width, 3, tile),
+                picture(width, 3,
+                        [&](int x, int y) { return static_cast<std::uint32_t>(index(x, y)) * 0x10101; }))
                 << colorCount << " colours, width " << width;
         }
     }
@@ -81,8 +88,8 @@ TEST(ZRLEDecoder, followsRunsAcrossRows) {
         return n < 514 ? 5u : n < 515 ? 6u : 7u;
     });
     EXPECT_EQ(decoded(64, 64, runs), expected);
-    const auto paletted = Bytes{131} + color(5) + color(6) + color(7) + Bytes{0x80} + run(514) + Bytes{0x01, 0x82} +
-                          run(64 * 64 - 515);
+    const auto paletted = Bytes{131} + color(5) + color(6) + color(7) + Bytes{0x80} + run(514) +
+                          Bytes{0x01, 0x82} + run(64 * 64 - 515);
     EXPECT_EQ(decoded(64, 64, paletted), expected);
 }
 
@@ -125,7 +132,8 @@ TEST(ZRLEDecoder, refusesBrokenRectangles) {
         {1, 1, {17, 0, 0, 0}, Case::badSubencoding, "ZRLE unknown subencoding 17"},
         {1, 1, {129, 0, 0, 0}, Case::badSubencoding, "ZRLE unknown subencoding 129"},
         {1, 1, {1, 0, 0, 0, 5, 5}, Case::trailingBytes, "ZRLE rectangle left 2 undecoded bytes"},
-        {1, 1, Bytes{1, 0, 0, 0} + Bytes(300'000), Case::trailingBytes, "ZRLE rectangle left 300000 undecoded bytes"},
+        {1, 1, Bytes{1, 0, 0, 0} + Bytes(300'000), Case::trailingBytes,
+         "ZRLE rectangle left 300000 undecoded bytes"},
     };
     for (const auto& [width, height, tiles, which, text] : table) {
         try {

@@ -10,7 +10,8 @@ using Result = HTTPRequestParser::ParseResult;
 Result::Kind parse(ByteView bytes, std::size_t piece) {
     HTTPRequestParser parser([](const std::string& path, const auto&) { return path != "/refused"; });
     Result::Kind result = Result::NeedMoreData{};
-    for (std::size_t at = 0; at < bytes.size() && std::holds_alternative<Result::NeedMoreData>(result); at += piece)
+    for (std::size_t at = 0; at < bytes.size() && std::holds_alternative<Result::NeedMoreData>(result);
+         at += piece)
         result = parser.append(bytes.subspan(at, std::min(piece, bytes.size() - at)));
     return result;
 }

@@ -8,7 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto message = JSONRPCMessage::parse(body);
     std::string id;
     if (const auto* call = std::get_if<JSONRPCMessage::Call>(&message)) id = call->idText;
-    if (const auto* incomplete = std::get_if<JSONRPCMessage::WithoutMethod>(&message)) id = incomplete->idText;
+    if (const auto* incomplete = std::get_if<JSONRPCMessage::WithoutMethod>(&message))
+        id = incomplete->idText;
     if (id.empty()) return 0;
     const auto sent = parseJSON(body).at("id");
     if (parseJSON(JSONRPCMessage::resultReply(id, "{}")).at("id") != sent) __builtin_trap();
