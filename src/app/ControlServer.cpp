@@ -111,13 +111,13 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
         const auto report = [weak = weak_from_this()](const ControlProgress& progress) {
             if (const auto self = weak.lock()) self->source_.yield(controlProgressLine(progress));
         };
-        auto& entry = running_[number];
-        entry.method = request.method;
-        entry.params = request.params;
-        entry.task =
-            spawn(runtime_.main.executor(),
-                  answer(weak_from_this(), number, request.id, method.perform(request.params, report)),
-                  request.method);
+        running_.emplace(number, Running{request.method, request.params, {}});
+        auto work = method.perform(request.params, report);
+        auto task = spawn(runtime_.main.executor(),
+                          answer(weak_from_this(), number, request.id, std::move(work)), request.method);
+        // A method that needn't wait has been answered by now.
+        if (const auto entry = running_.find(number); entry != running_.end())
+            entry->second.task = std::move(task);
     }
 
     static Task<void> answer(std::weak_ptr<Connection> owner, std::uint64_t number, JSON id,

@@ -5,14 +5,17 @@ namespace dorvane {
 
 ReceiveDeadlines::Place ReceiveDeadlines::add(const std::shared_ptr<StreamConnection>& connection) {
     running_.push_back({connection, clock_.now() + limit_});
-    scheduleFirst();
+    scheduleNext();
     return std::prev(running_.end());
 }
 
-void ReceiveDeadlines::scheduleFirst() {
-    if (isScheduled_ || running_.empty()) return;
+void ReceiveDeadlines::scheduleNext() {
+    const auto now = clock_.now();
+    // One that is over already has been closed and is about to be taken off.
+    const auto next = std::ranges::find_if(running_, [&](const Entry& entry) { return entry.due > now; });
+    if (isScheduled_ || next == running_.end()) return;
     isScheduled_ = true;
-    timer_ = queue_.after(clock_, running_.front().due - clock_.now(), [weak = weak_from_this()] {
+    timer_ = queue_.after(clock_, next->due - now, [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->closeOverdue();
     });
 }
@@ -22,10 +25,9 @@ void ReceiveDeadlines::closeOverdue() {
     const auto now = clock_.now();
     for (const auto& entry : running_) {
         if (entry.due > now) break;
-        // Its reader takes it off this list.
         if (const auto late = entry.connection.lock()) late->close();
     }
-    scheduleFirst();
+    scheduleNext();
 }
 
 }  // namespace dorvane

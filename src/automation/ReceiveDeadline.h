@@ -28,7 +28,7 @@ class ReceiveDeadlines : public std::enable_shared_from_this<ReceiveDeadlines> {
     void remove(Place place) { running_.erase(place); }
 
   private:
-    void scheduleFirst();
+    void scheduleNext();
     void closeOverdue();
 
     const SerialQueue queue_;

@@ -54,8 +54,11 @@ Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachment
 }
 
 Task<void> QEMUEngine::launchUnguarded(UUID id, VMBundle bundle, VMAttachments attachments) {
-    if (const auto known = find(id); known && !known->isTerminated())
-        throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, known->name());
+    if (const auto known = find(id)) {
+        if (!known->isTerminated()) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, known->name());
+        // Its watch hasn't run yet, and must not clear away what this launch makes.
+        didEnd(id, known);
+    }
     auto plan = co_await makePlan(preparation_.readInputs(id, bundle, attachments));
     const auto supervisor =
         std::make_shared<QEMUProcessSupervisor>(runtime_, context_.processes, id, plan.config, bundle);
@@ -116,7 +119,9 @@ Task<void> QEMUEngine::didStart(UUID id, SupervisorPointer supervisor, QEMULaunc
         keep(spawn(runtime_.main.executor(), std::move(prompt), "installer boot prompt"));
     }
     logger_.info("Launched QEMU VM %{public}s", name);
-    // Read beside the launch, and long since there.
+    // The machine runs, whoever gives up waiting. The digest was read beside the launch and is long since
+    // there.
+    co_await ignoreCancellation();
     auto engine = co_await plan.engineDigest.value();
     supervisor->setSuspendFingerprint({std::move(plan.devicesDigest), std::move(engine)});
 }
@@ -164,12 +169,11 @@ Task<void> QEMUEngine::watch(QEMUEngine* engine, std::weak_ptr<void> life, UUID 
 }
 
 void QEMUEngine::didEnd(const UUID& id, const SupervisorPointer& supervisor) {
+    if (find(id) != supervisor) return;
     if (const auto& reason = supervisor->stopReason()) {
         lastStopReasons_[id] = *reason;
         logger_.info("VM %{public}s 已终止 (原因: %{public}s)", supervisor->name(), describe(*reason));
     }
-    // A quick relaunch may have put its own supervisor and directory there.
-    if (find(id) != supervisor) return;
     supervisors_.erase(id);
     cleanUpRuntime(id);
 }

@@ -53,6 +53,20 @@ TEST(QEMUEngine, ASecondLaunchDoesNotDisturbTheFirst) {
     EXPECT_EQ(scene.launches(), 1);
 }
 
+TEST(QEMUEngine, ARelaunchRightAfterTheEndKeepsItsOwnDirectory) {
+    Scene scene;
+    const auto vm = scene.machine("Machine");
+    scene.launch(vm);
+    // Both in one turn: the end is told to nobody before the next launch begins.
+    scene.host.run([](Scene& s, const EngineMachine& m) -> Task<void> {
+        co_await s.engine->stop(m.id, true);
+        co_await s.engine->launch(m.id, m.bundle, m.attachments);
+    }(scene, vm));
+    EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
+    EXPECT_TRUE(fs::exists(scene.directory(vm) / "sys-0.qcow2"));
+    EXPECT_EQ(scene.engine->stopReason(vm.id), VMStopReason::forced());
+}
+
 TEST(QEMUEngine, AFailureOnTheWayLeavesNothing) {
     {
         Scene scene(

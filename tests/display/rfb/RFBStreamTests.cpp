@@ -95,8 +95,8 @@ TEST(RFBStream, drawsTheSameHoweverTheBytesArrive) {
 }
 
 TEST(RFBStream, receivesLargeRawRectanglesInPlace) {
-    Client client(400, 200);
-    const auto bytes = update({rectangle(10, 50, 380, 100, 0, Bytes(152'000, 7))});
+    Client client(800, 200);
+    const auto bytes = update({rectangle(10, 50, 780, 100, 0, Bytes(312'000, 7))});
     client.stream.feed(ByteView(bytes).first(100));
     const auto pixels = client.framebuffer.pixels();
     for (const auto& span : client.stream.prepare()) {

@@ -69,18 +69,23 @@ TEST_F(ImageTools, AFailedConversionTellsWhy) {
 }
 
 TEST_F(ImageTools, ACancelledConversionEndsTheTool) {
-    writeRaw("in.raw", randomBytes(mebibyte), 4096 * mebibyte);
-    const auto cancelled = [](test::RealTime& real, Task<void> task) -> Task<void> {
+    // Enough data that the tool is busy for a while after it has told its first progress.
+    constexpr auto size = 256 * mebibyte;
+    writeRaw("in.raw", Bytes(size, 0x5a), size);
+    const Event started;
+    const auto cancelled = [](test::RealTime& real, Task<void> task, Event begun) -> Task<void> {
         OneShot<void> outcome;
         auto handle = spawn(real.runtime().main.executor(), deliver(std::move(task), outcome), "conversion");
-        co_await real.runtime().clock.sleep(milliseconds(30));
+        co_await begun.wait();
         handle.cancel();
         co_await outcome.wait();
     };
-    EXPECT_THROW(time.run(cancelled(
-                     time, QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool,
-                                                              path("in.raw"), "raw", path("out.qcow2"), {}))),
-                 CancellationError);
+    auto conversion =
+        QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool, path("in.raw"), "raw",
+                                           path("out.qcow2"), [started](double) { started.set(); });
+    EXPECT_THROW(time.run(cancelled(time, std::move(conversion), started)), CancellationError);
+    const auto output = path("out.qcow2");
+    EXPECT_TRUE(!std::filesystem::exists(output) || std::filesystem::file_size(output) < size);
 }
 
 TEST_F(ImageTools, AChainKeepsItsContentThroughEveryOperation) {
