@@ -75,7 +75,7 @@ class Recorder : private RFBStreamHandler {
             const auto keysym = c == '\n' ? returnKey : static_cast<std::uint32_t>(c);
             for (const bool down : {true, false}) {
                 send(RFBClientMessage::KeyEvent{down, keysym}.encoded());
-                std::this_thread::sleep_for(15ms);
+                std::this_thread::sleep_for(60ms);
             }
         }
     }

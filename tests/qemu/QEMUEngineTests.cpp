@@ -179,6 +179,14 @@ TEST(QEMUEngine, ShutsEverythingDownAtOnce) {
     EXPECT_EQ(scene.engine->stopReason(first.id), VMStopReason::requested());
 }
 
+/// A socket's file is there a moment before anybody listens on it.
+bool isListening(const fs::path& socket) {
+    std::ifstream table("/proc/net/unix");
+    for (std::string line; std::getline(table, line);)
+        if (line.ends_with(socket.string()) && line.find(" 00010000 ") != std::string::npos) return true;
+    return false;
+}
+
 TEST(QEMUEngine, ClearsWhatAnEarlierSessionLeft) {
     Scene scene;
     const auto vm = scene.machine("Machine");
@@ -186,7 +194,7 @@ TEST(QEMUEngine, ClearsWhatAnEarlierSessionLeft) {
     const auto socket = scene.directory(vm) / "q.sock";
     const auto stale = ChildProcess::start({.executable = scene.qemu.emulator(),
                                             .arguments = {"-qmp", "unix:" + socket.string() + ",server=on"}});
-    scene.host.driveUntil([&] { return fs::exists(socket); });
+    scene.host.driveUntil([&] { return isListening(socket); });
     scene.launch(vm);
     EXPECT_FALSE(stale->isRunning());
     EXPECT_TRUE(scene.log.contains("发现上次会话遗留的 QEMU"));

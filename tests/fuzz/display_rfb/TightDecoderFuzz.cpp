@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tight rectangles one after the other on one decoder. Each piece of the input is a rectangle: width, height and a mode,
+// then either the payload itself, or the head of one and plain data that are compressed here, so that the filters are
+// reached too.
+#include <cstdlib>
+
+#include "display/rfb/TightDecoder.h"
+#include "Pieces.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace dorvane;
+    using namespace dorvane::fuzz;
+    TightDecoder decoder;
+    Compressor compressor;
+    Pieces pieces({data, size});
+    while (const auto piece = pieces.next()) {
+        if (piece->size() < 4) continue;
+        const int width = (*piece)[0], height = (*piece)[1];
+        const std::size_t headBytes = (*piece)[2];
+        const auto body = piece->subspan(3);
+        Bytes payload(body.begin(), body.end());
+        if (headBytes > 0 && headBytes <= body.size()) {
+            const auto compressed = compressor.compress(body.subspan(headBytes));
+            payload.resize(headBytes);
+            appendCompactLength(payload, compressed.size());
+            payload.insert(payload.end(), compressed.begin(), compressed.end());
+        }
+        try {
+            const auto pixels = decoder.decode(width, height, payload);
+            if (pixels.size() != std::size_t(width) * std::size_t(height) * 4) std::abort();
+        } catch (const TightDecoder::DecodeError&) {
+            return 0;
+        }
+    }
+    return 0;
+}
