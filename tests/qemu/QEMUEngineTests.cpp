@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The engine from launch request to clean-up.
+#include <fstream>
+
 #include "QEMUEngineScene.h"
 #include "runtime/Sockets.h"
 
