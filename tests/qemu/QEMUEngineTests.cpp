@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The engine from launch request to clean-up.
-#include <fstream>
-
 #include "QEMUEngineScene.h"
 #include "runtime/Sockets.h"
 
@@ -181,28 +179,11 @@ TEST(QEMUEngine, ShutsEverythingDownAtOnce) {
     EXPECT_EQ(scene.engine->stopReason(first.id), VMStopReason::requested());
 }
 
-/// A socket's file is there a moment before anybody listens on it.
-bool isListening(const fs::path& socket) {
-    std::ifstream table("/proc/net/unix");
-    for (std::string line; std::getline(table, line);)
-        if (line.ends_with(socket.string()) && line.find(" 00010000 ") != std::string::npos) return true;
-    return false;
-}
-
-TEST(QEMUEngine, ClearsWhatAnEarlierSessionLeft) {
+/// A leftover that answers is ended in the tests on a real QEMU.
+TEST(QEMUEngine, AStrangerOnTheSocketIsLeftAloneAndTheLaunchGoesOn) {
     Scene scene;
     const auto vm = scene.machine("Machine");
-    fs::create_directories(scene.directory(vm));
     const auto socket = scene.directory(vm) / "q.sock";
-    const auto stale = ChildProcess::start({.executable = scene.qemu.emulator(),
-                                            .arguments = {"-qmp", "unix:" + socket.string() + ",server=on"}});
-    scene.host.driveUntil([&] { return isListening(socket); });
-    scene.launch(vm);
-    EXPECT_FALSE(stale->isRunning());
-    EXPECT_TRUE(scene.log.contains("发现上次会话遗留的 QEMU"));
-    scene.stop(vm);
-
-    // Somebody else who listens there is left alone, and the launch goes on.
     fs::create_directories(scene.directory(vm));
     const auto foreign = listenUnixSocket(socket.string());
     scene.processes.peer = 4711;
