@@ -67,9 +67,9 @@ Bytes RFBClientMessage::PointerEvent::encoded() const {
 
 Bytes RFBClientMessage::ClientCutText::encoded() const {
     Bytes out{clientCutText, 0, 0, 0};
-    const auto content = scalars(text);
-    appendBE32(out, static_cast<std::uint32_t>(content.size()));
-    for (const auto scalar : content) out.push_back(static_cast<std::uint8_t>(scalar < 256 ? scalar : U'?'));
+    const auto characters = scalars(text);
+    appendBE32(out, static_cast<std::uint32_t>(characters.size()));
+    for (const auto scalar : characters) out.push_back(static_cast<std::uint8_t>(scalar < 256 ? scalar : U'?'));
     return out;
 }
 
