@@ -69,7 +69,8 @@ Bytes RFBClientMessage::ClientCutText::encoded() const {
     Bytes out{clientCutText, 0, 0, 0};
     const auto characters = scalars(text);
     appendBE32(out, static_cast<std::uint32_t>(characters.size()));
-    for (const auto scalar : characters) out.push_back(static_cast<std::uint8_t>(scalar < 256 ? scalar : U'?'));
+    for (const auto scalar : characters)
+        out.push_back(static_cast<std::uint8_t>(scalar < 256 ? scalar : U'?'));
     return out;
 }
 

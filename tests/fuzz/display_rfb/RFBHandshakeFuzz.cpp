@@ -23,7 +23,8 @@ std::string answers(ByteView bytes, std::size_t pieceBytes) {
     } catch (const RFBConnectionError& error) {
         failure = error.what();
     }
-    return std::string(asText(output)) + failure + (handshake.isFinished() ? handshake.serverInit().name : "");
+    return std::string(asText(output)) + failure +
+           (handshake.isFinished() ? handshake.serverInit().name : "");
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tight rectangles one after the other on one decoder. Each piece of the input is a rectangle: width, height and a mode,
-// then either the payload itself, or the head of one and plain data that are compressed here, so that the filters are
-// reached too.
+// Tight rectangles one after the other on one decoder. Each piece of the input is a rectangle: width, height
+// and a mode, then either the payload itself, or the head of one and plain data that are compressed here, so
+// that the filters are reached too.
 #include <cstdlib>
 
-#include "display/rfb/TightDecoder.h"
 #include "Pieces.h"
+#include "display/rfb/TightDecoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace dorvane;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// ZRLE rectangles one after the other on one decoder. Each piece of the input is a rectangle: width, height and a mode,
-// then the payload itself, or tile data that are compressed here.
+// ZRLE rectangles one after the other on one decoder. Each piece of the input is a rectangle: width, height
+// and a mode, then the payload itself, or tile data that are compressed here.
 #include <cstdlib>
 
-#include "display/rfb/ZRLEDecoder.h"
 #include "Pieces.h"
+#include "display/rfb/ZRLEDecoder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace dorvane;
@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (piece->size() < 3) continue;
         const int width = (*piece)[0], height = (*piece)[1];
         const auto body = piece->subspan(3);
-        const auto payload = (*piece)[2] % 8 == 0 ? Bytes(body.begin(), body.end()) : compressor.compress(body);
+        const auto payload =
+            (*piece)[2] % 8 == 0 ? Bytes(body.begin(), body.end()) : compressor.compress(body);
         try {
             const auto pixels = decoder.decode(width, height, payload);
             if (pixels.size() != std::size_t(width) * std::size_t(height) * 4) std::abort();
