@@ -21,7 +21,7 @@ class Host {
     explicit Host(const Runtime& runtime) : runtime_(runtime) {
         for (const auto* name : {"Ubuntu", "Windows 11", "macOS"}) vmService_.add(name);
         handler_ = std::make_shared<MCPRequestHandler>(
-            runtime, MCPToolContext::Services{vmService_, nullptr, nullptr, nullptr, settings_, gate_},
+            runtime, MCPToolContext::Services{vmService_, nullptr, nullptr, nullptr, settings_},
             nullptr, "0", [this] { return server_.endpointToken(); });
         server_.attachHandler(handler_);
         server_.changed.connect([this] { tell(); });
@@ -45,7 +45,6 @@ class Host {
     SettingsService settings_{defaults_, directories_, "user"};
     test::FakeKeychain keychain_;
     test::FakeVMService vmService_;
-    VMOperationGate gate_;
     std::shared_ptr<MCPRequestHandler> handler_;
     MCPServerService server_{runtime_, settings_, keychain_};
 };

@@ -20,9 +20,8 @@ bool isChainTooDeep(const std::exception_ptr& failure) {
 }
 
 Task<VMSnapshotPointer> take(const MCPToolContext& context, VMRecordPointer vm, std::string name) {
-    auto operation =
-        context.requireSnapshotService().takeSnapshot(vm, std::move(name), false, VMSnapshotKind::automatic);
-    return context.services.operationGate.perform(vm->id, vm->name, std::move(operation));
+    return context.requireSnapshotService().takeSnapshot(vm, std::move(name), false,
+                                                         VMSnapshotKind::automatic);
 }
 
 /// 0 when they can't be listed.
@@ -89,8 +88,7 @@ Task<void> MCPAutomaticSnapshot::discard(const MCPToolContext& context, VMRecord
     if (!snapshot) co_return;
     std::exception_ptr failure;
     try {
-        auto operation = context.requireSnapshotService().deleteSnapshot(snapshot, vm);
-        co_await context.services.operationGate.perform(vm->id, vm->name, std::move(operation));
+        co_await context.requireSnapshotService().deleteSnapshot(snapshot, vm);
     } catch (...) {
         failure = std::current_exception();
     }

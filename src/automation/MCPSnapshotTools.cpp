@@ -30,10 +30,8 @@ Task<JSON> MCPSnapshotTools::listSnapshots(const MCPToolContext& context, const 
 Task<JSON> MCPSnapshotTools::takeSnapshot(const MCPToolContext& context, const MCPToolArguments& arguments) {
     const auto vm = co_await MCPToolTargets::resolveVM(context, arguments);
     const auto name = arguments.requiredText("name", "Missing required argument: name");
-    auto operation = context.requireSnapshotService().takeSnapshot(
+    const auto snapshot = co_await context.requireSnapshotService().takeSnapshot(
         vm, name, arguments.isTrue("include_memory"), VMSnapshotKind::manual);
-    const auto snapshot =
-        co_await context.services.operationGate.perform(vm->id, vm->name, std::move(operation));
     co_return snapshotValue(*snapshot);
 }
 
@@ -41,8 +39,7 @@ Task<JSON> MCPSnapshotTools::restoreSnapshot(const MCPToolContext& context,
                                              const MCPToolArguments& arguments) {
     const auto vm = co_await MCPToolTargets::resolveVM(context, arguments);
     const auto snapshot = co_await MCPToolTargets::resolveSnapshot(context, arguments, vm);
-    auto operation = context.requireSnapshotService().restoreSnapshot(snapshot, vm);
-    co_await context.services.operationGate.perform(vm->id, vm->name, std::move(operation));
+    co_await context.requireSnapshotService().restoreSnapshot(snapshot, vm);
     JSON value;
     value["status"] = "restored";
     value["vm"] = vm->name;

@@ -6,7 +6,6 @@
 
 #include "automation/EphemeralSandboxServicing.h"
 #include "core/SettingsService.h"
-#include "core/VMOperationGate.h"
 #include "core/VMServiceProtocol.h"
 #include "guestagent/GuestChannelRouting.h"
 #include "runtime/Clock.h"
@@ -23,7 +22,6 @@ struct MCPToolContext : std::enable_shared_from_this<MCPToolContext> {
         GuestChannelRouting* guestChannelRouter = nullptr;
         EphemeralSandboxServicing* sandboxService = nullptr;
         SettingsService& settingsService;
-        VMOperationGate& operationGate;
     };
 
     MCPToolContext(Services given, Clock& time) : services(given), clock(time) {}

@@ -42,6 +42,13 @@ bool isStagingName(std::string_view name) {
            (stem.ends_with(".restoring-") || stem.ends_with(".importing-"));
 }
 
+/// What a restore from a backup unpacks into: a name of its own, around the machine's directory.
+bool isRestoreStaging(const Path& directory, std::string_view name) {
+    constexpr std::string_view prefix = "Dorvane-Restore-";
+    return name.starts_with(prefix) && UUID::parse(name.substr(prefix.size())) &&
+           !isThere(VMBundle(directory).configFile());
+}
+
 }  // namespace
 
 std::vector<VMBundle> VMBundle::scanBundles(const Path& storagePath) {
@@ -81,7 +88,9 @@ std::vector<Path> VMBundle::sweepInterruptedWork(const Path& storagePath) {
     std::vector<Path> doomed;
     forEachDirectory(storagePath, [&](const std::string& name) {
         const auto directory = storagePath / name;
-        if (isHidden(name) ? isStagingName(name) : isThere(VMBundle(directory).installingMarker()))
+        if (isHidden(name)
+                ? isStagingName(name)
+                : isRestoreStaging(directory, name) || isThere(VMBundle(directory).installingMarker()))
             doomed.push_back(directory);
     });
     std::vector<Path> removed;

@@ -43,6 +43,8 @@ Task<VMRecordPointer> VMCloner::clone(VMRecordPointer vm, std::string newName) {
     const VMLibrary::Reservation reservation(library_, newName, target.string());
     if (isThere(target))
         throw cloneFailure(localized("A directory named '%@' already exists in storage.", newName));
+    if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
+    if (!runControl_.isShutDown(*vm)) throw cloneFailure(localized("Shut down the VM before cloning it."));
     const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
     const auto token = access_.begin(*vm);
 

@@ -13,6 +13,8 @@ namespace {
 
 const Logger logger("VMService");
 
+constexpr std::size_t maximumMarkerBytes = 65536;
+
 /// What a record mirrors of the machine description.
 struct Hardware {
     explicit Hardware(const DorvaneVMConfig& config)
@@ -64,6 +66,16 @@ bool takeOverHardware(VMRecordFields& vm, const VMLibraryRefresher::ReadBundle& 
 Path normalized(const Path& path) {
     const auto normal = path.lexically_normal();
     return normal.has_filename() ? normal : normal.parent_path();
+}
+
+/// A sandbox whose record was lost is one still, so that it goes when its time has come.
+std::optional<EphemeralInfo> markedSandbox(const VMBundle& bundle) {
+    try {
+        const auto text = readTextFile(bundle.ephemeralMarker(), maximumMarkerBytes);
+        return EphemeralInfo::decoded(parseJSON(text));
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 }  // namespace
@@ -204,6 +216,7 @@ bool VMLibraryRefresher::adopt(const ReadBundle& read) {
     vm->name = read.bundle.name();
     vm->vmPath = path;
     vm->createdAt = vm->updatedAt = now();
+    vm->ephemeral = markedSandbox(read.bundle);
     Hardware(*read.config).assign(*vm);
     library_.insert(vm);
     return true;

@@ -79,7 +79,10 @@ Task<void> VMRunControl::start(VMRecordPointer vm) {
     access_.open(*vm);
     Plan plan;
     try {
+        if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
         plan = co_await prepare(vm);
+        // Nobody may have taken the machine's files meanwhile.
+        with_.gate.requireFree(vm->id, vm->name);
     } catch (...) {
         access_.close(vm->id);
         throw;

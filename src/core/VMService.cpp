@@ -117,6 +117,8 @@ Task<void> VMService::refreshVMState(VMRecordPointer vm) {
     co_return;
 }
 
+bool VMService::isStarting(const UUID& vmID) const { return parts_->runControl.isStarting(vmID); }
+
 std::optional<std::string> VMService::lastFailureReason(const VMRecord& vm) const {
     return parts_->inspector.lastFailureReason(vm);
 }

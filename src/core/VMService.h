@@ -46,6 +46,8 @@ class VMService : public VMServiceProtocol {
     Task<void> suspendVM(VMRecordPointer vm) override;
     Task<void> discardSuspendedState(VMRecordPointer vm) override;
     Task<void> refreshVMState(VMRecordPointer vm) override;
+    /// Between a start's request and its outcome.
+    bool isStarting(const UUID& vmID) const;
 
     std::optional<std::string> lastFailureReason(const VMRecord& vm) const override;
     bool lastStopWasForced(const VMRecord& vm) const override;

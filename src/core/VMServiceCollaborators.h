@@ -16,6 +16,7 @@
 #include "core/ModelContext.h"
 #include "core/SecurityScopedBookmarkStore.h"
 #include "core/SettingsService.h"
+#include "core/VMBundleRecovering.h"
 #include "core/VMDirectoryDisposer.h"
 #include "core/VMEngineProtocol.h"
 #include "core/VMLogReading.h"
@@ -46,6 +47,7 @@ struct VMServiceCollaborators {
     std::function<std::vector<VMBundle>(const Path&)> bundleScanner = VMBundle::scanBundles;
     const WindowsGuestSupport* windowsSupport = nullptr;
     const LiveDiskFlattening* diskFlattening = nullptr;
+    VMBundleRecovering* recovery = nullptr;
     const LinuxBootEvidenceInspecting* bootEvidence = nullptr;
     const GuestAgentPayloadStaging* agentPayload = nullptr;
     const GuestAddressResolving* addresses = nullptr;

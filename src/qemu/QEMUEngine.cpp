@@ -3,6 +3,7 @@
 
 #include "core/DorvaneError.h"
 #include "qemu/AcceleratedDriverProbe.h"
+#include "qemu/QEMUStaleInstance.h"
 #include "qemu/WindowsDisplaySwitch.h"
 
 namespace dorvane {
@@ -57,11 +58,19 @@ Task<void> QEMUEngine::saveState(UUID id, Path to) {
     co_await supervisor->saveState(std::move(to), saveTimeout);
 }
 
-Task<void> QEMUEngine::attachSystemDiskOverlay(UUID id, Path, Path, std::optional<SnapshotParentRewrite>) {
-    require(id);
-    throw DorvaneError(DorvaneError::Case::vmSnapshotFailed,
-                       localized("This build cannot take a snapshot of a running Windows VM yet."));
-    co_return;
+Task<void> QEMUEngine::attachSystemDiskOverlay(UUID id, Path overlay, Path movedPreviousLayerTo,
+                                               std::optional<SnapshotParentRewrite> parentRewrite) {
+    const auto supervisor = require(id);
+    co_await supervisor->attachSystemDiskOverlay(std::move(overlay), std::move(movedPreviousLayerTo),
+                                                 std::move(parentRewrite));
+}
+
+Task<void> QEMUEngine::endLeftoverEmulator(UUID id) {
+    if (find(id) || launchingIDs_.contains(id)) co_return;
+    const auto directory = QEMURuntimeDirectory::make(id, context_.temporaryDirectory);
+    const QEMUStaleInstance stale(runtime_, context_.processes);
+    co_await stale.clear(directory);
+    if (!find(id) && !launchingIDs_.contains(id)) directory.remove();
 }
 
 std::optional<VMStatus> QEMUEngine::status(const UUID& id) const {

@@ -22,7 +22,6 @@ class QEMUEngine : public VMEngineProtocol {
     Task<void> resume(UUID id) override;
     Task<void> saveState(UUID id, Path to) override;
     bool canSaveStateNow(VMOSType) const override { return true; }
-    /// Not in this build: throws vmSnapshotFailed.
     Task<void> attachSystemDiskOverlay(UUID id, Path overlay, Path movedPreviousLayerTo,
                                        std::optional<SnapshotParentRewrite> parentRewrite) override;
     std::optional<VMStatus> status(const UUID& id) const override;
@@ -34,6 +33,8 @@ class QEMUEngine : public VMEngineProtocol {
     std::vector<UUID> runningVMIDs() const override;
     bool hasRunningVMs() const override { return !runningVMIDs().empty(); }
     Task<void> shutdownAll(Duration timeout) override;
+    /// Ends the emulator that an earlier process may have left on a machine's disk; it has none in this one.
+    Task<void> endLeftoverEmulator(UUID id);
 
   private:
     using SupervisorPointer = std::shared_ptr<QEMUProcessSupervisor>;

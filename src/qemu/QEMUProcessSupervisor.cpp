@@ -112,9 +112,9 @@ std::shared_ptr<QMPConnection> QEMUProcessSupervisor::requireConnection() const 
 }
 
 Task<bool> QEMUProcessSupervisor::succeeds(std::shared_ptr<QMPConnection> connection, std::string command,
-                                           Duration timeout) {
+                                           Duration timeout, JSON arguments) {
     try {
-        co_await connection->execute(std::move(command), nullptr, timeout);
+        co_await connection->execute(std::move(command), std::move(arguments), timeout);
         co_return true;
     } catch (const std::exception&) {
     }

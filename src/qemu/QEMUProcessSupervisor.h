@@ -70,6 +70,12 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     /// and the machine stays paused. Throws vmNotRunning, vmSnapshotFailed.
     Task<void> saveState(Path to, Duration timeout);
 
+    /// Puts `overlay` on top of the system disk; it stands where the top layer stood, which the caller has
+    /// just moved to `movedPreviousLayerTo`. On failure the disk stays on the old layer, which the caller
+    /// moves back. Can't be cancelled. Throws vmNotRunning, vmSnapshotFailed.
+    Task<void> attachSystemDiskOverlay(Path overlay, Path movedPreviousLayerTo,
+                                       std::optional<SnapshotParentRewrite> parentRewrite);
+
     /// Ends the connection, the TPM's emulator and the status streams; once.
     void terminate();
 
@@ -96,9 +102,16 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     std::shared_ptr<QMPConnection> requireConnection() const;
     /// Whether the command was answered without an error.
     static Task<bool> succeeds(std::shared_ptr<QMPConnection> connection, std::string command,
-                               Duration timeout);
+                               Duration timeout, JSON arguments = nullptr);
     Task<void> writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout);
     Task<void> cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection, Duration timeout);
+
+    struct OverlaySwitch;
+    void prepareLinks(OverlaySwitch& change) const;
+    static Task<void> switchToOverlay(std::shared_ptr<QMPConnection> connection, OverlaySwitch* change);
+    static Task<void> rollBackOverlay(std::shared_ptr<QMPConnection> connection, OverlaySwitch* change);
+    /// Absent when it can't be told.
+    static Task<std::optional<std::string>> querySystemDiskTopNode(std::shared_ptr<QMPConnection> connection);
 
     const Runtime& runtime_;
     const UUID id_;
@@ -114,7 +127,10 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     bool didRequestStop_ = false;
     bool restoreRejectedState_ = false;
     std::optional<QEMUSuspendFingerprint> suspendFingerprint_;
+    /// Present when QEMU opens the system disk through its numbered links.
     std::optional<QEMURuntimeDirectory> runtimeDirectory_;
+    std::string systemDiskTopNode_ = "sysroot";
+    int systemDiskLinkIndex_ = 0;
 
     std::shared_ptr<QEMUChild> child_;
     TPMEmulator emulator_;

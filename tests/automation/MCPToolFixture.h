@@ -20,7 +20,7 @@ class MCPToolFixture : public testing::Test {
     MCPToolFixture() { makeHandler(true); }
 
     void makeHandler(bool hasEveryService) {
-        MCPToolContext::Services services{vmService, nullptr, nullptr, nullptr, settings, gate};
+        MCPToolContext::Services services{vmService, nullptr, nullptr, nullptr, settings};
         if (hasEveryService) {
             services.snapshotService = &snapshots;
             services.guestChannelRouter = &router;

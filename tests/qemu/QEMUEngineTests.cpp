@@ -56,12 +56,24 @@ TEST(QEMUEngine, ASecondLaunchDoesNotDisturbTheFirst) {
 TEST(QEMUEngine, ARelaunchRightAfterTheEndKeepsItsOwnDirectory) {
     Scene scene;
     const auto vm = scene.machine("Machine");
-    scene.launch(vm);
-    // Both in one turn: the end is told to nobody before the next launch begins.
-    scene.host.run([](Scene& s, const EngineMachine& m) -> Task<void> {
-        co_await s.engine->stop(m.id, true);
-        co_await s.engine->launch(m.id, m.bundle, m.attachments);
-    }(scene, vm));
+    const auto main = scene.host.runtime().main.executor();
+    auto first = spawn(main, scene.engine->launch(vm.id, vm.bundle, {}), "first");
+    // Watches from before the engine itself does, and so hears of the end first.
+    scene.host.driveUntil([&] { return scene.engine->status(vm.id).has_value(); });
+    auto relaunch = spawn(
+        main,
+        [](Scene& s, EngineMachine m) -> Task<void> {
+            auto updates = *s.engine->statusUpdates(m.id);
+            for (auto status = VMStatus::starting; status != VMStatus::stopped;) {
+                const auto next = co_await updates.next();
+                status = next.value_or(VMStatus::stopped);
+            }
+            co_await s.engine->launch(m.id, m.bundle, m.attachments);
+        }(scene, vm),
+        "relaunch");
+    scene.host.driveUntil([&] { return first.isFinished(); });
+    scene.host.run(scene.engine->stop(vm.id, true));
+    scene.host.driveUntil([&] { return relaunch.isFinished(); });
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
     EXPECT_TRUE(fs::exists(scene.directory(vm) / "sys-0.qcow2"));
     EXPECT_EQ(scene.engine->stopReason(vm.id), VMStopReason::forced());

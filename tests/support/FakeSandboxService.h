@@ -21,12 +21,20 @@ class FakeSandboxService : public EphemeralSandboxServicing {
         if (isolatesNetwork) isolated.push_back(sandbox->id);
         co_return sandbox;
     }
-    Task<void> reap(Date now) override {
+    void keep(VMRecordPointer vm) override { vm->ephemeral.reset(); }
+    void extend(VMRecordPointer vm, Duration by, Date) override {
+        if (vm->ephemeral) vm->ephemeral->expiresAt += std::chrono::duration_cast<Date::duration>(by);
+    }
+    Task<std::vector<std::string>> reap(Date now) override {
         co_await vmService_.refreshVMList();
         const auto known = vmService_.vms();
-        for (const auto& vm : known)
-            if (vm->ephemeral && now >= vm->ephemeral->expiresAt && vm->isShutDownForEditing())
-                co_await vmService_.deleteVM(vm, false);
+        std::vector<std::string> names;
+        for (const auto& vm : known) {
+            if (!vm->ephemeral || now < vm->ephemeral->expiresAt || !vm->isShutDownForEditing()) continue;
+            names.push_back(vm->name);
+            co_await vmService_.deleteVM(vm, false);
+        }
+        co_return names;
     }
 
   private:

@@ -10,8 +10,8 @@ namespace dorvane::test {
 
 class FakeSnapshotService : public VMSnapshotServiceProtocol {
   public:
-    /// Changes are refused unless the gate holds the machine.
-    explicit FakeSnapshotService(const VMOperationGate& gate) : gate_(gate) {}
+    /// Like the real one, it holds the machine while it changes something.
+    explicit FakeSnapshotService(VMOperationGate& gate) : gate_(gate) {}
 
     VMSnapshotPointer add(const VMRecordPointer& vm, std::string name, VMSnapshotKind kind) {
         auto snapshot = std::make_shared<VMSnapshot>();
@@ -43,7 +43,7 @@ class FakeSnapshotService : public VMSnapshotServiceProtocol {
     }
     Task<VMSnapshotPointer> takeSnapshot(VMRecordPointer vm, std::string name, bool includeRAM,
                                          VMSnapshotKind kind) override {
-        requireHeld(*vm);
+        const VMOperationGate::Hold hold(gate_, vm->id, vm->name);
         if (takeFailure) std::rethrow_exception(takeFailure);
         if (all.size() >= maximumDepth)
             throw DorvaneError::snapshotChainTooDeep(static_cast<std::int64_t>(all.size()));
@@ -53,33 +53,30 @@ class FakeSnapshotService : public VMSnapshotServiceProtocol {
         co_return snapshot;
     }
     Task<void> restoreSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) override {
-        requireHeld(*vm);
+        const VMOperationGate::Hold hold(gate_, vm->id, vm->name);
         restored.push_back(snapshot);
         co_return;
     }
     Task<void> deleteSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) override {
-        requireHeld(*vm);
+        const VMOperationGate::Hold hold(gate_, vm->id, vm->name);
         if (deleteFailure) std::rethrow_exception(deleteFailure);
         std::erase(all, snapshot);
         co_return;
     }
-    Task<void> pruneAutomaticSnapshots(VMRecordPointer vm, int keeping) override {
-        // Takes the gate for each deletion itself, so nobody may hold it meanwhile.
-        gate_.requireFree(vm->id, vm->name);
-        int left = static_cast<int>(std::ranges::count_if(all, isAutomatic)) - keeping;
+    Task<int> pruneAutomaticSnapshots(VMRecordPointer vm, int keeping) override {
+        const VMOperationGate::Hold hold(gate_, vm->id, vm->name);
+        const auto surplus = std::max<std::ptrdiff_t>(std::ranges::count_if(all, isAutomatic) - keeping, 0);
+        auto left = surplus;
         std::erase_if(all, [&](const auto& snapshot) { return isAutomatic(snapshot) && left-- > 0; });
-        co_return;
+        co_return static_cast<int>(surplus);
     }
 
   private:
     static bool isAutomatic(const VMSnapshotPointer& snapshot) {
         return snapshot->kind() == VMSnapshotKind::automatic;
     }
-    void requireHeld(const VMRecord& vm) const {
-        if (!gate_.isBusy(vm.id)) throw std::logic_error("a snapshot was changed without the operation gate");
-    }
 
-    const VMOperationGate& gate_;
+    VMOperationGate& gate_;
     int nextSecond_ = 1767225600;
 };
 

@@ -38,7 +38,7 @@ class Server {
         : activity_(runtime, std::nullopt), server_(runtime, settings_, keychain_) {
         vmService_.add("Ubuntu", VMOSType::linux, VMStatus::running);
         vmService_.add("Windows 11", VMOSType::windows);
-        const MCPToolContext::Services services{vmService_, nullptr, nullptr, nullptr, settings_, gate_};
+        const MCPToolContext::Services services{vmService_, nullptr, nullptr, nullptr, settings_};
         server_.attachHandler(std::make_shared<MCPRequestHandler>(
             runtime, services, &activity_, "1.2.3", [this] { return server_.endpointToken(); }));
         const auto probe = listenLoopback(0);
@@ -62,7 +62,6 @@ class Server {
     SettingsService settings_{defaults_, directories_, "user"};
     FakeKeychain keychain_;
     FakeVMService vmService_;
-    VMOperationGate gate_;
     AgentActivityLog activity_;
     MCPServerService server_;
 };

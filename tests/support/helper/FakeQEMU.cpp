@@ -109,13 +109,26 @@ void shutDown(const Monitor& monitor, bool guest) {
     leave(0);
 }
 
-void obey(const Monitor& monitor, const std::string& command, const std::string& id) {
+/// Follows the system disk's top layer; "switchesLate" makes QEMU switch and complain all the same.
+std::string topNode(const std::string& line) {
+    static std::string node = "sysroot";
+    const bool isSwitch = member(line, "execute") == "blockdev-snapshot";
+    if (isSwitch && (has("switchesLate") || !has("refuse=blockdev-snapshot"))) node = member(line, "overlay");
+    return R"([{"device":"cd"},{"device":"sysdisk","inserted":{"node-name":")" + node + R"("}}])";
+}
+
+void obey(const Monitor& monitor, const std::string& line) {
+    const auto command = member(line, "execute");
+    const auto id = member(line, "id");
+    const auto disks = topNode(line);
     if (has("refuse=" + command)) {
         monitor.say(R"({"error":{"class":"GenericError","desc":"no )" + command + R"("},"id":")" + id +
                     "\"}");
         return;
     }
-    monitor.answer(id, command == "query-migrate" ? migrationStatus() : "{}");
+    monitor.answer(id, command == "query-migrate" ? migrationStatus()
+                       : command == "query-block" ? disks
+                                                  : "{}");
     if (command == "stop") monitor.event("STOP");
     if (command == "cont") monitor.event("RESUME");
     if (command == "quit" && !has("stubborn")) shutDown(monitor, false);
@@ -144,7 +157,7 @@ void serve(int fd) {
             const auto line = buffer.substr(0, end);
             buffer.erase(0, end + 1);
             log(line);
-            obey(monitor, member(line, "execute"), member(line, "id"));
+            obey(monitor, line);
         }
     }
 }

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+// Making good what a crash left of a snapshot operation, and bringing rows and directories in step.
+#include <algorithm>
+
+#include "core/DorvaneError.h"
+#include "snapshots/SnapshotChainRepair.h"
+#include "snapshots/SnapshotMetadata.h"
+#include "snapshots/SnapshotRestoration.h"
+#include "snapshots/VMSnapshotService.h"
+
+namespace dorvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr auto longestRecovery = std::chrono::hours(1);
+constexpr auto recoveryInterval = milliseconds(20);
+
+bool isThere(const Path& path) {
+    std::error_code ignored;
+    return fs::exists(fs::symlink_status(path, ignored));
+}
+
+bool hasEntries(const Path& directory) {
+    std::error_code ignored;
+    return fs::directory_iterator(directory, ignored) != fs::directory_iterator();
+}
+
+/// What a background thread found of one snapshot.
+struct FoundSnapshot {
+    UUID id;
+    bool hasDisk = false;
+    bool isDescribed = false;
+    std::optional<SnapshotMetadata> metadata;
+};
+
+FoundSnapshot examine(const VMBundle& bundle, VMOSType os, const UUID& id) {
+    const SnapshotFiles files(bundle, id);
+    FoundSnapshot found{id, isThere(files.disk(os)), isThere(files.metadata()), std::nullopt};
+    try {
+        if (found.isDescribed) found.metadata = SnapshotMetadata::read(files.metadata());
+    } catch (const std::exception&) {
+        // A later version's, or damaged: it stays as it is.
+    }
+    return found;
+}
+
+std::vector<FoundSnapshot> examineAll(const VMBundle& bundle, VMOSType os) {
+    std::vector<FoundSnapshot> all;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory(), ignored)) {
+        const auto id = UUID::parse(entry.path().filename().string());
+        if (id && entry.is_directory(ignored)) all.push_back(examine(bundle, os, *id));
+    }
+    return all;
+}
+
+/// What a killed process was writing under a temporary name, and directories on their way out.
+bool isLeftover(const Path& path) {
+    const auto name = path.filename().string();
+    return (name.starts_with('.') && name.ends_with(".tmp")) ||
+           (path.extension() == ".deleted" && UUID::parse(path.stem().string()));
+}
+
+std::vector<Path> leftovers(const VMBundle& bundle) {
+    std::vector<Path> folders{bundle.directoryURL, bundle.snapshotsDirectory()};
+    std::vector<Path> found;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory(), ignored))
+        if (entry.is_directory(ignored)) folders.push_back(entry.path());
+    for (const auto& folder : folders)
+        for (const auto& entry : fs::directory_iterator(folder, ignored))
+            if (isLeftover(entry.path())) found.push_back(entry.path());
+    return found;
+}
+
+void removeLeftovers(const VMBundle& bundle) {
+    std::error_code ignored;
+    for (const auto& path : leftovers(bundle)) fs::remove_all(path, ignored);
+}
+
+}  // namespace
+
+Task<void> VMSnapshotService::recover(VMRecordPointer vm) {
+    const auto id = vm->id;
+    std::function<bool()> isFree = [this, id] { return !recovering_.contains(id); };
+    co_await pollUntil(with_.runtime.clock, longestRecovery, recoveryInterval, isFree);
+    if (recovered_.contains(id) || !isDown(*vm)) co_return;
+    recovering_.insert(id);
+    std::exception_ptr failure;
+    try {
+        co_await recoverNow(vm);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    recovering_.erase(id);
+    if (failure) std::rethrow_exception(failure);
+    recovered_.insert(id);
+}
+
+Task<void> VMSnapshotService::recoverNow(VMRecordPointer vm) {
+    const auto bundle = vm->bundle();
+    const auto os = vm->osType;
+    const auto look = [bundle, os] {
+        return isThere(bundle.directoryURL) &&
+               (hasEntries(bundle.snapshotsDirectory()) || SnapshotRestoration::wasInterrupted(bundle, os) ||
+                !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty());
+    };
+    const bool hasWork = co_await inBackground(vm, look);
+    if (!hasWork) co_return;
+    const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
+    if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
+    co_await ignoreCancellation();
+    const auto work = [this, bundle, os, chain = chainStore(*vm)] {
+        SnapshotRestoration(copier_, chain, bundle, os).recover();
+        removeLeftovers(bundle);
+        return chain == nullptr || SnapshotChainRepair(*chain).run(bundle);
+    };
+    const bool isSound = co_await inBackground(vm, work);
+    if (isSound)
+        co_await alignRows(vm);
+    else
+        logger_.error("The disk layers of VM %{public}s could not be put in order", vm->name);
+}
+
+Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
+    const auto* chain = chainStore(*vm);
+    const auto look = [bundle = vm->bundle(), os = vm->osType] { return examineAll(bundle, os); };
+    const auto all = co_await inBackground(vm, look);
+    const auto rows = with_.modelContext.fetchSnapshots(vm->id);
+    for (const auto& row : rows) {
+        const auto isIts = [&](const auto& found) { return found.id == row->id && found.hasDisk; };
+        if (std::ranges::any_of(all, isIts)) continue;
+        logger_.error("Snapshot '%{public}s' of VM %{public}s has lost its files", row->name, vm->name);
+        co_await forget(row, vm);
+    }
+    for (const auto& found : all) {
+        if (std::ranges::any_of(rows, [&](const auto& row) { return row->id == found.id; })) continue;
+        if (found.metadata && found.hasDisk) {
+            auto row = std::make_shared<VMSnapshot>();
+            static_cast<VMSnapshotFields&>(*row) = found.metadata->row(vm->id);
+            row->id = found.id;
+            with_.modelContext.insert(row);
+            logger_.info("Took over snapshot '%{public}s' of VM %{public}s from its files", row->name,
+                         vm->name);
+        } else if (!found.isDescribed) {
+            const auto undo = [bundle = vm->bundle(), chain, &found] {
+                undoUnfinished(bundle, chain, found.id);
+            };
+            co_await inBackground(vm, undo);
+        } else {
+            logger_.error("Left the unreadable snapshot %{public}s of VM %{public}s alone", found.id.text(),
+                          vm->name);
+        }
+    }
+    with_.modelContext.save();
+}
+
+/// Nobody was told of it. A layer's data goes into what stands on it; one that nothing stands on is left
+/// alone.
+void VMSnapshotService::undoUnfinished(const VMBundle& bundle, const SnapshotChainStore* chain,
+                                       const UUID& id) {
+    if (chain == nullptr) return SnapshotFiles(bundle, id).remove();
+    if (!chain->children(bundle, SnapshotChainNode::snapshot(id)).empty()) chain->deleteSnapshot(bundle, id);
+}
+
+}  // namespace dorvane

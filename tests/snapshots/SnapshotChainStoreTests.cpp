@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "snapshots/SnapshotChainStore.h"
+
+#include <gmock/gmock.h>
+
+#include "snapshots/FakeChainScene.h"
+
+namespace dorvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Failure = test::FakeChainTool::Failure;
+
+class SnapshotChain : public test::FakeChainScene {
+  protected:
+    std::string backing(const Path& image) const { return tool->backingPath(image).value_or("(none)"); }
+
+    struct Operation {
+        const char* name;
+        std::function<void()> run;
+        /// The snapshot that the operation makes or takes away.
+        std::optional<UUID> subject;
+        bool isCapture = false;
+    };
+    std::vector<Operation> operations() const {
+        const auto removal = [this](UUID id) { return [this, id] { store.deleteSnapshot(bundle, id); }; };
+        return {{"capture", [this] { store.capture(bundle, N); }, N, true},
+                {"capture while running", [this] { store.captureWhileRunning(bundle, N); }, N, true},
+                {"restore", [this] { store.restore(bundle, C); }, std::nullopt},
+                {"delete a leaf", removal(E), E},
+                {"delete below the live disk", removal(C), C},
+                {"delete with one child", removal(B), B},
+                {"delete with two children", removal(D), D},
+                {"delete the root of two children", removal(A), A},
+                {"flatten", [this] { store.flattenLiveDisk(bundle); }, std::nullopt}};
+    }
+};
+
+TEST_F(SnapshotChain, TheFirstCaptureStandsOnNothing) {
+    guestWrites("guest");
+    const auto before = test::FakeChainTool::content(live());
+    EXPECT_EQ(store.depth(bundle), 0);
+    EXPECT_EQ(store.capture(bundle, A), std::nullopt);
+    EXPECT_THAT(tool->calls, testing::Not(testing::Contains(HasSubstr("retarget"))));
+    EXPECT_EQ(backing(live()), "Snapshots/" + A.text() + "/disk.qcow2");
+    EXPECT_EQ(test::FakeChainTool::content(live()), before);
+    EXPECT_EQ(test::FakeChainTool::content(disk(A)), before);
+    EXPECT_TRUE(log.contains("Captured chain snapshot " + A.text() + ", parent (root)"));
+    EXPECT_EQ(store.depth(bundle), 1);
+}
+
+TEST_F(SnapshotChain, ALaterCaptureRewritesTheHeaderOfTheMovedDisk) {
+    buildTree();
+    const auto before = contents();
+    EXPECT_EQ(store.capture(bundle, N), C);
+    EXPECT_EQ(backing(disk(N)), "../" + C.text() + "/disk.qcow2");
+    EXPECT_EQ(backing(live()), "Snapshots/" + N.text() + "/disk.qcow2");
+    EXPECT_TRUE(log.contains("Captured chain snapshot " + N.text() + ", parent " + C.text()));
+    auto after = contents();
+    EXPECT_EQ(after.extract(N.text()).mapped(), before.at("live"));
+    EXPECT_EQ(after, before);
+
+    store.uncapture(bundle, N, C);
+    EXPECT_EQ(contents(), before);
+    EXPECT_TRUE(log.contains("Rolled back chain snapshot " + N.text()));
+}
+
+TEST_F(SnapshotChain, ARunningCaptureLeavesTheHeaderToTheEmulator) {
+    EXPECT_EQ(store.captureWhileRunning(bundle, N), SnapshotChainStore::RunningCapture());
+    store.uncaptureRunning(bundle, N, std::nullopt);
+    buildTree();
+    const auto before = files();
+    const auto captured = store.captureWhileRunning(bundle, N);
+    EXPECT_EQ(captured.parentID, C);
+    ASSERT_TRUE(captured.parentRewrite);
+    EXPECT_EQ(backing(disk(N)), captured.parentRewrite->originalBacking);
+    EXPECT_EQ(captured.parentRewrite->originalBacking, "Snapshots/" + C.text() + "/disk.qcow2");
+    EXPECT_EQ(captured.parentRewrite->newBacking, "../" + C.text() + "/disk.qcow2");
+    EXPECT_TRUE(log.contains("Captured running chain snapshot " + N.text() + ", parent " + C.text()));
+    store.uncaptureRunning(bundle, N, C);
+    EXPECT_EQ(files(), before);
+    EXPECT_TRUE(log.contains("Rolled back running chain snapshot " + N.text()));
+}
+
+TEST_F(SnapshotChain, DerivesTheTreeFromTheHeaders) {
+    EXPECT_THAT(store.snapshotIDsOnDisk(bundle), IsEmpty());
+    buildTree();
+    fs::create_directory(bundle.snapshotsDirectory() / "not a snapshot");
+    writeFileAtomically(bundle.snapshotsDirectory() / N.text(), std::string_view("a file"));
+    EXPECT_THAT(store.snapshotIDsOnDisk(bundle), ElementsAre(A, B, C, D, E, F));
+    EXPECT_THAT(store.children(bundle, Node::snapshot(A)), ElementsAre(Node::snapshot(B), Node::snapshot(D)));
+    EXPECT_THAT(store.children(bundle, Node::snapshot(C)), ElementsAre(Node::live()));
+    EXPECT_THAT(store.children(bundle, Node::snapshot(E)), IsEmpty());
+    EXPECT_THAT(store.children(bundle, Node::live()), IsEmpty());
+    EXPECT_EQ(store.depth(bundle), 3);
+    // A layer that can't be read might be a child.
+    writeFileAtomically(disk(F), std::string_view("no image"));
+    EXPECT_THROW(store.children(bundle, Node::snapshot(D)), DorvaneError);
+
+    tool->retargetBackingUnsafe(disk(A), "../" + C.text() + "/disk.qcow2");
+    EXPECT_EQ(store.depth(bundle), 65);
+}
+
+TEST_F(SnapshotChain, ReadsTheSnapshotOutOfABackingPath) {
+    const auto text = A.text();
+    for (const auto& path : {"Snapshots/" + text + "/disk.qcow2", "../" + text + "/disk.qcow2", text + "/x",
+                             "/abs/" + text + "/disk.qcow2"})
+        EXPECT_EQ(SnapshotChainStore::snapshotID(path), A) << path;
+    for (const auto& path : {std::string(), text, "/" + text, text + "/a/b", text.substr(1) + "/disk.qcow2"})
+        EXPECT_EQ(SnapshotChainStore::snapshotID(path), std::nullopt) << path;
+}
+
+TEST_F(SnapshotChain, ADeletedSnapshotTakesNothingElseWithIt) {
+    for (const auto& deleted : {A, B, C, D, E, F}) {
+        buildTree();
+        auto expected = contents();
+        expected.erase(deleted.text());
+        store.deleteSnapshot(bundle, deleted);
+        EXPECT_EQ(contents(), expected) << deleted.text();
+        EXPECT_FALSE(fs::exists(Node::directory(bundle, deleted))) << deleted.text();
+        store.deleteSnapshot(bundle, deleted);
+    }
+    EXPECT_EQ(backing(live()), "Snapshots/" + C.text() + "/disk.qcow2");
+    store.deleteSnapshot(bundle, C);
+    EXPECT_EQ(backing(live()), "Snapshots/" + B.text() + "/disk.qcow2");
+    store.deleteSnapshot(bundle, B);
+    store.deleteSnapshot(bundle, D);
+    store.deleteSnapshot(bundle, E);
+    store.deleteSnapshot(bundle, A);
+    EXPECT_EQ(backing(live()), "(none)");
+}
+
+TEST_F(SnapshotChain, RestoreGivesAFreshOverlayEachTime) {
+    buildTree();
+    const auto before = contents();
+    for (int time = 0; time < 2; ++time) {
+        store.restore(bundle, E);
+        EXPECT_EQ(contents().at("live"), before.at(E.text()));
+        guestWrites("another");
+        EXPECT_NE(contents().at("live"), before.at(E.text()));
+    }
+    fs::remove(live());
+    store.restore(bundle, E);
+    EXPECT_EQ(contents().at("live"), before.at(E.text()));
+    EXPECT_TRUE(log.contains("Restored chain snapshot " + E.text()));
+    try {
+        store.restore(bundle, N);
+        FAIL() << "restored nothing";
+    } catch (const DorvaneError& error) {
+        EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed,
+                                      "The snapshot's disk image is missing."));
+    }
+}
+
+TEST_F(SnapshotChain, AMovedBundleWorksUnchanged) {
+    buildTree();
+    const auto before = contents();
+    const VMBundle moved(storage / "Elsewhere");
+    fs::rename(bundle.directoryURL, moved.directoryURL);
+    store.deleteSnapshot(moved, C);
+    store.flattenLiveDisk(moved);
+    EXPECT_EQ(test::FakeChainTool::content(moved.qcow2Disk()), before.at("live"));
+    EXPECT_EQ(store.depth(moved), 0);
+}
+
+/// Every call of the tool, in every operation, fails once before it does anything and once in its middle.
+TEST_F(SnapshotChain, AFailingToolLosesNothing) {
+    int cases = 0;
+    for (const auto how : {Failure::before, Failure::midway}) {
+        for (std::size_t index = 0; index < operations().size(); ++index) {
+            for (int call = 1;; ++call) {
+                buildTree();
+                const auto operation = operations().at(index);
+                SCOPED_TRACE(std::string(operation.name) + ", call " + std::to_string(call));
+                auto expected = contents();
+                const auto before = files();
+                std::exception_ptr failure;
+                tool->startCounting(call, how);
+                try {
+                    operation.run();
+                } catch (const DorvaneError& error) {
+                    failure = std::current_exception();
+                    EXPECT_EQ(error.which(), DorvaneError::Case::vmSnapshotFailed);
+                }
+                if (!tool->hasFailed()) {
+                    EXPECT_EQ(failure, nullptr);
+                    break;
+                }
+                ++cases;
+                tool->startCounting();
+                EXPECT_NE(failure, nullptr);
+                if (operation.isCapture) {
+                    EXPECT_EQ(files(), before);
+                }
+                auto after = contents();
+                if (operation.subject && !after.contains(operation.subject->text()))
+                    expected.erase(operation.subject->text());
+                EXPECT_EQ(after, expected);
+                EXPECT_TRUE(repair.run(bundle));
+                if (operation.subject && !contents().contains(operation.subject->text()))
+                    expected.erase(operation.subject->text());
+                EXPECT_EQ(contents(), expected);
+                operation.run();
+            }
+        }
+    }
+    std::cout << cases << " failures of the tool, no data lost\n";
+    EXPECT_GT(cases, 100);
+}
+
+TEST_F(SnapshotChain, ASnapshotThatIsHalfMergedCanOnlyBeDeleted) {
+    buildTree();
+    const auto merge = [this] { store.deleteSnapshot(bundle, C); };
+    merge();
+    const auto commit = std::find(tool->calls.begin(), tool->calls.end(), "commit disk.qcow2");
+    ASSERT_NE(commit, tool->calls.end());
+    const auto number = static_cast<int>(commit - tool->calls.begin()) + 1;
+    store.capture(bundle, C);
+    guestWrites("late");
+    const auto before = contents();
+
+    tool->startCounting(number, Failure::before);
+    EXPECT_THROW(merge(), DorvaneError);
+    EXPECT_EQ(contents(), before);
+    tool->startCounting(number, Failure::midway);
+    EXPECT_THROW(merge(), DorvaneError);
+    EXPECT_NE(test::FakeChainTool::content(disk(C)), before.at(C.text()));
+    EXPECT_EQ(contents().at("live"), before.at("live"));
+    tool->startCounting(number, Failure::before);
+    EXPECT_THROW(merge(), DorvaneError);
+    tool->startCounting();
+    try {
+        store.restore(bundle, C);
+        FAIL() << "restored a mixture";
+    } catch (const DorvaneError& error) {
+        EXPECT_EQ(error.which(), DorvaneError::Case::vmSnapshotRestoreFailed);
+    }
+    merge();
+    EXPECT_EQ(contents().at("live"), before.at("live"));
+    EXPECT_FALSE(contents().contains(C.text()));
+}
+
+TEST_F(SnapshotChain, AnUndoThatCannotGoOnSaysWhereTheDiskIs) {
+    buildTree();
+    const auto before = contents();
+    // Undoing what never was must not touch the live disk.
+    store.uncapture(bundle, N, C);
+    EXPECT_EQ(contents(), before);
+
+    store.capture(bundle, N);
+    const auto captured = contents();
+    writeFileAtomically(discarded(), std::string_view("in the way"));
+    store.uncapture(bundle, N, C);
+    EXPECT_TRUE(log.contains("Rollback of " + N.text() +
+                             " could not move the new overlay aside; leaving the snapshot in place: "));
+    EXPECT_EQ(contents(), captured);
+    fs::remove(discarded());
+    store.uncapture(bundle, N, C);
+    EXPECT_EQ(contents(), before);
+}
+
+TEST_F(SnapshotChain, ADirectoryWithADiskIsNotRemovedBlindly) {
+    buildTree();
+    fs::create_directory(Node::directory(bundle, N));
+    EXPECT_TRUE(store.removeDirectoryWithoutDisk(bundle, N));
+    EXPECT_FALSE(fs::exists(Node::directory(bundle, N)));
+    EXPECT_TRUE(store.removeDirectoryWithoutDisk(bundle, N));
+    const auto before = files();
+    EXPECT_FALSE(store.removeDirectoryWithoutDisk(bundle, E));
+    EXPECT_THROW(store.capture(bundle, E), FileError);
+    EXPECT_EQ(files(), before);
+}
+
+}  // namespace
+}  // namespace dorvane

@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: Apache-2.0
+// Taking, restoring, deleting and pruning snapshots over fake engines and layers.
+#include "snapshots/VMSnapshotService.h"
+
+#include <gmock/gmock.h>
+
+#include "core/ConfigHash.h"
+#include "snapshots/FakeChainTool.h"
+#include "snapshots/SnapshotMetadata.h"
+#include "support/FakeEngine.h"
+#include "support/FakeFileManager.h"
+#include "support/InMemoryModelContext.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TestRuntime.h"
+
+namespace dorvane {
+namespace {
+
+namespace fs = std::filesystem;
+using test::FakeChainTool;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Case = DorvaneError::Case;
+
+class VMSnapshotServiceTest : public testing::Test {
+  protected:
+    VMRecordPointer machine(VMOSType os, const std::string& name = "Machine") {
+        auto vm = std::make_shared<VMRecord>();
+        vm->name = name;
+        vm->osType = os;
+        vm->vmPath = (storage / name).string();
+        const auto bundle = vm->bundle();
+        fs::create_directory(bundle.directoryURL);
+        config.os = os;
+        config.write(bundle.configFile());
+        if (os == VMOSType::windows)
+            FakeChainTool::createDisk(bundle.qcow2Disk());
+        else
+            writeFileAtomically(bundle.rawDisk(), "disk");
+        writeFileAtomically(SnapshotFiles::nvramFile(bundle, os), "variables");
+        context.insert(vm);
+        return vm;
+    }
+    void setStatus(const VMRecordPointer& vm, VMStatus status) {
+        vm->status = status;
+        engine.adopt(vm->id, status);
+    }
+    VMSnapshotPointer take(const VMRecordPointer& vm, const std::string& name, bool memory = false,
+                           VMSnapshotKind kind = VMSnapshotKind::manual) {
+        clock.advance(seconds(1));
+        return host.run(service.takeSnapshot(vm, name, memory, kind));
+    }
+    template <typename T>
+    std::string refusalOf(Task<T> operation) {
+        try {
+            host.run(std::move(operation));
+        } catch (const DorvaneError& error) {
+            return error.text().empty() ? error.what() : error.text();
+        }
+        return "no refusal";
+    }
+    std::vector<std::string> names(const VMRecordPointer& vm) {
+        std::vector<std::string> all;
+        for (const auto& row : host.run(service.listSnapshots(vm))) all.push_back(row->name);
+        return all;
+    }
+    std::set<std::string> directories(const VMRecordPointer& vm) const {
+        std::set<std::string> all;
+        if (fs::exists(vm->bundle().snapshotsDirectory()))
+            for (const auto& entry : fs::directory_iterator(vm->bundle().snapshotsDirectory()))
+                all.insert(entry.path().filename().string());
+        return all;
+    }
+
+    test::TestRuntime host;
+    test::VirtualClock& clock = host.clock();
+    test::LogCapture log;
+    test::TemporaryDirectory storage;
+    test::FakeEngine engine;
+    test::FakeFileManager fileManager{storage / "trash"};
+    test::InMemoryModelContext context;
+    SecurityScopedBookmarkStore bookmarks;
+    VMOperationGate gate;
+    DorvaneVMConfig config;
+    const std::shared_ptr<FakeChainTool> tool = std::make_shared<FakeChainTool>();
+    const SnapshotChainStore chain{tool};
+    std::set<UUID> starting;
+    VMSnapshotService service{{.runtime = host.runtime(),
+                               .gate = gate,
+                               .fileManager = fileManager,
+                               .bookmarks = bookmarks,
+                               .modelContext = context,
+                               .engine = &engine,
+                               .chainStore = &chain,
+                               .isStarting = [this](const UUID& id) { return starting.contains(id); }}};
+};
+
+TEST_F(VMSnapshotServiceTest, RefusesBeforeAnythingIsTouched) {
+    const auto windows = machine(VMOSType::windows);
+    const auto linux = machine(VMOSType::linux, "Native");
+    const auto takeText = [&](const VMRecordPointer& vm, const char* name, bool memory) {
+        return refusalOf(service.takeSnapshot(vm, name, memory, VMSnapshotKind::manual));
+    };
+    EXPECT_EQ(takeText(windows, " \n\t", false), "Enter a name for the snapshot.");
+    setStatus(linux, VMStatus::running);
+    EXPECT_EQ(takeText(linux, "x", false), "Shut down the VM before taking a disk-only snapshot.");
+    windows->usbStorageDevices = {"/dev/usb"};
+    setStatus(windows, VMStatus::running);
+    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while a USB storage device is attached"));
+    windows->usbStorageDevices.reset();
+    engine.canSave = false;
+    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while this Mac is unlocked. Unlock it, or"));
+    config.os = VMOSType::windows;
+    config.windowsGraphics = WindowsGraphicsMode::accelerated;
+    config.write(windows->bundle().configFile());
+    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while graphics acceleration is on"));
+    writeFileAtomically(windows->bundle().configFile(), "{");
+    EXPECT_EQ(takeText(windows, "x", false), "Could not read the VM configuration.");
+    fs::remove(windows->bundle().configFile());
+    EXPECT_EQ(takeText(windows, "x", false), "The VM bundle is incomplete at " + windows->vmPath + ".");
+    EXPECT_THAT(engine.calls, IsEmpty());
+    EXPECT_THAT(names(windows), IsEmpty());
+    EXPECT_THAT(directories(windows), IsEmpty());
+    EXPECT_FALSE(gate.isBusy(windows->id));
+}
+
+TEST_F(VMSnapshotServiceTest, OneOperationAtATime) {
+    const auto vm = machine(VMOSType::windows);
+    const auto row = take(vm, "x");
+    {
+        const VMOperationGate::Hold hold(gate, vm->id, vm->name);
+        EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "y", false, VMSnapshotKind::manual)), vm->name);
+        EXPECT_EQ(refusalOf(service.restoreSnapshot(row, vm)), vm->name);
+        EXPECT_EQ(refusalOf(service.deleteSnapshot(row, vm)), vm->name);
+    }
+    starting.insert(vm->id);
+    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "y", false, VMSnapshotKind::manual)), vm->name);
+    EXPECT_THAT(names(vm), ElementsAre("x"));
+}
+
+TEST_F(VMSnapshotServiceTest, AStoppedMachinesSnapshotIsALayerOrAClone) {
+    const auto windows = machine(VMOSType::windows);
+    const auto first = take(windows, " first ");
+    const auto second = take(windows, "second", true);
+    EXPECT_EQ(first->name, "first");
+    EXPECT_EQ(first->storage(), VMSnapshotStorage::chain);
+    EXPECT_EQ(second->parentSnapshotID, first->id);
+    EXPECT_FALSE(second->includesRAMState) << "a machine that is down has no memory";
+    EXPECT_EQ(second->configHash, configHash(config));
+    EXPECT_EQ(second->logicalDiskSizeBytes, 64);
+    const SnapshotFiles files(windows->bundle(), second->id);
+    EXPECT_EQ(readTextFile(files.nvram(VMOSType::windows)), "variables");
+    EXPECT_TRUE(fs::exists(files.config()));
+    EXPECT_EQ(SnapshotMetadata::read(files.metadata()).parentSnapshotID, first->id);
+    EXPECT_THAT(names(windows), ElementsAre("second", "first"));
+
+    const auto linux = machine(VMOSType::linux, "Native");
+    const auto clone = take(linux, "clone");
+    EXPECT_EQ(clone->storage(), VMSnapshotStorage::clone);
+    EXPECT_FALSE(clone->storageRaw);
+    EXPECT_EQ(readTextFile(SnapshotFiles(linux->bundle(), clone->id).disk(VMOSType::linux)), "disk");
+    writeFileAtomically(linux->bundle().rawDisk(), "changed");
+    host.run(service.restoreSnapshot(clone, linux));
+    EXPECT_EQ(readTextFile(linux->bundle().rawDisk()), "disk");
+    host.run(service.deleteSnapshot(clone, linux));
+    EXPECT_THAT(directories(linux), IsEmpty());
+}
+
+TEST_F(VMSnapshotServiceTest, ARunningGuestIsPausedOnlyForTheSwitchAndItsMemory) {
+    const auto vm = machine(VMOSType::windows);
+    setStatus(vm, VMStatus::running);
+    const auto disk = take(vm, "disk");
+    EXPECT_THAT(engine.calls, ElementsAre("pause", "overlay", "resume"));
+    EXPECT_TRUE(disk->takenWhileRunning());
+    engine.calls.clear();
+    const auto memory = take(vm, "memory", true);
+    EXPECT_THAT(engine.calls, ElementsAre("pause", "overlay", "save", "resume"));
+    EXPECT_TRUE(memory->includesRAMState);
+    EXPECT_EQ(memory->parentSnapshotID, disk->id);
+    setStatus(vm, VMStatus::paused);
+    engine.calls.clear();
+    take(vm, "paused");
+    EXPECT_THAT(engine.calls, ElementsAre("overlay")) << "it stays as it was";
+
+    const auto native = machine(VMOSType::macOS, "Native");
+    setStatus(native, VMStatus::running);
+    engine.calls.clear();
+    EXPECT_TRUE(take(native, "all", true)->includesRAMState);
+    EXPECT_THAT(engine.calls, ElementsAre("pause", "save", "resume"));
+}
+
+TEST_F(VMSnapshotServiceTest, AFailedCaptureLeavesNothingAndTheGuestGoesOn) {
+    const auto vm = machine(VMOSType::windows);
+    setStatus(vm, VMStatus::running);
+    for (const std::string step : {"pause", "overlay"}) {
+        SCOPED_TRACE(step);
+        engine.calls.clear();
+        engine.failNext(step);
+        EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "x", true, VMSnapshotKind::manual)),
+                  "the engine failed");
+        EXPECT_THAT(directories(vm), IsEmpty());
+        EXPECT_EQ(tool->backingPath(vm->bundle().qcow2Disk()), std::nullopt);
+    }
+    EXPECT_EQ(engine.calls.back(), "resume");
+    engine.failNext("save", "no room");
+    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "half", true, VMSnapshotKind::manual)),
+              "The disk was captured, but the memory could not be saved (no room). A disk-only snapshot was "
+              "kept.");
+    const auto kept = host.run(service.listSnapshots(vm)).front();
+    EXPECT_FALSE(kept->includesRAMState);
+    EXPECT_FALSE(fs::exists(SnapshotFiles(vm->bundle(), kept->id).state()));
+    EXPECT_TRUE(log.contains("内存迁移失败,快照降级为仅磁盘: no room"));
+    EXPECT_EQ(engine.status(vm->id), VMStatus::running);
+
+    const auto stopped = machine(VMOSType::windows, "Stopped");
+    context.failNextSave = true;
+    EXPECT_EQ(refusalOf(service.takeSnapshot(stopped, "x", false, VMSnapshotKind::manual)),
+              "the store can't be written");
+    EXPECT_THAT(directories(stopped), IsEmpty());
+    EXPECT_THAT(names(stopped), IsEmpty());
+}
+
+TEST_F(VMSnapshotServiceTest, TheChainHasALimit) {
+    const auto vm = machine(VMOSType::windows);
+    for (int layer = 0; layer < 16; ++layer) take(vm, "layer");
+    try {
+        take(vm, "one too many");
+        FAIL();
+    } catch (const DorvaneError& error) {
+        EXPECT_EQ(error, DorvaneError::snapshotChainTooDeep(16));
+    }
+    EXPECT_EQ(names(vm).size(), 16U);
+    EXPECT_EQ(directories(vm).size(), 16U);
+}
+
+TEST_F(VMSnapshotServiceTest, MemoryComesBackOnlyWithTheMachineItBelongsTo) {
+    const auto vm = machine(VMOSType::windows);
+    setStatus(vm, VMStatus::running);
+    const auto row = take(vm, "memory", true);
+    EXPECT_EQ(refusalOf(service.restoreSnapshot(row, vm)), "Shut down the VM before restoring a snapshot.");
+    engine.vanish(vm->id, VMStopReason::requested());
+    vm->status = VMStatus::stopped;
+    const SnapshotFiles files(vm->bundle(), row->id);
+    writeFileAtomically(files.stateDevices(), "devices");
+    host.run(service.restoreSnapshot(row, vm));
+    EXPECT_EQ(readTextFile(vm->bundle().savedState()), "memory");
+    EXPECT_EQ(readTextFile(vm->bundle().savedStateHash()), row->configHash);
+    EXPECT_EQ(readTextFile(vm->bundle().savedStateDevices()), "devices");
+
+    auto other = config;
+    other.cpuCount += 1;
+    other.write(files.config());
+    host.run(service.restoreSnapshot(row, vm));
+    EXPECT_FALSE(vm->hasSuspendedState()) << "the suspended state belongs to another disk now";
+
+    const auto stranger = machine(VMOSType::windows, "Stranger");
+    EXPECT_EQ(refusalOf(service.restoreSnapshot(row, stranger)),
+              "This snapshot does not belong to the selected VM.");
+    fs::remove(files.disk(VMOSType::windows));
+    EXPECT_EQ(refusalOf(service.restoreSnapshot(row, vm)), "The snapshot's disk image is missing.");
+}
+
+TEST_F(VMSnapshotServiceTest, ADeletedSnapshotsChildrenStandOnItsParent) {
+    const auto vm = machine(VMOSType::windows);
+    const auto a = take(vm, "a"), b = take(vm, "b"), c = take(vm, "c");
+    setStatus(vm, VMStatus::running);
+    EXPECT_THAT(refusalOf(service.deleteSnapshot(b, vm)),
+                HasSubstr("Later snapshots are built on top of it"));
+    engine.vanish(vm->id, VMStopReason::requested());
+    vm->status = VMStatus::stopped;
+    host.run(service.deleteSnapshot(b, vm));
+    EXPECT_EQ(c->parentSnapshotID, a->id);
+    EXPECT_EQ(SnapshotMetadata::read(SnapshotMetadata::file(vm->bundle(), c->id)).parentSnapshotID, a->id);
+    EXPECT_EQ(directories(vm), (std::set{a->id.text(), c->id.text()}));
+    EXPECT_NE(refusalOf(service.deleteSnapshot(b, vm)), "no refusal");
+}
+
+TEST_F(VMSnapshotServiceTest, PruningKeepsTheNewestAndEveryManualOne) {
+    const auto vm = machine(VMOSType::windows);
+    take(vm, "mine");
+    for (const auto* name : {"1", "2", "3"}) take(vm, name, false, VMSnapshotKind::automatic);
+    EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 2)), 1);
+    EXPECT_THAT(names(vm), ElementsAre("3", "2", "mine"));
+    {
+        const VMOperationGate::Hold hold(gate, vm->id, vm->name);
+        EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 0)), 0);
+        EXPECT_TRUE(log.contains("VM Machine 进入忙碌"));
+    }
+    EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 0)), 2);
+    EXPECT_THAT(names(vm), ElementsAre("mine"));
+}
+
+TEST_F(VMSnapshotServiceTest, RowsFollowTheFilesOfAMovedBundle) {
+    const auto vm = machine(VMOSType::windows);
+    const auto a = take(vm, "a"), b = take(vm, "b", false, VMSnapshotKind::automatic);
+    const auto moved = machine(VMOSType::windows, "Moved");
+    fs::remove_all(moved->vmPath);
+    fs::copy(vm->vmPath, moved->vmPath, fs::copy_options::recursive);
+    // Described by a later version: nothing is known about it, and so nothing is done to it.
+    const auto later = UUID::random();
+    fs::create_directory(SnapshotFiles(moved->bundle(), later).directory);
+    writeFileAtomically(SnapshotFiles(moved->bundle(), later).metadata(), R"({"formatVersion": 99})");
+    host.run(service.recover(moved));
+    EXPECT_THAT(names(moved), testing::UnorderedElementsAre("a", "b"));
+    for (const auto& row : host.run(service.listSnapshots(moved))) EXPECT_EQ(row->vmID, moved->id);
+    EXPECT_TRUE(fs::exists(SnapshotFiles(moved->bundle(), later).directory));
+}
+
+}  // namespace
+}  // namespace dorvane
