@@ -59,7 +59,35 @@ void expand(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
 
 #endif
 
+/// Four pixels at once, on any processor.
+using FourPixels = std::uint32_t __attribute__((vector_size(16)));
+
+/// Eight pixels by the bits of one byte: `difference` is what turns a clear bit's pixel into a set one's.
+inline void expandByte(std::uint32_t bits, std::uint8_t* out, FourPixels zero, FourPixels difference) {
+    constexpr FourPixels high{0x80, 0x40, 0x20, 0x10}, low{0x08, 0x04, 0x02, 0x01};
+    const auto select = [&](FourPixels mask) {
+        return zero ^ (reinterpret_cast<FourPixels>((mask & bits) == mask) & difference);
+    };
+    const std::array<FourPixels, 2> pixels{select(high), select(low)};
+    std::memcpy(out, pixels.data(), sizeof pixels);
+}
+
 }  // namespace
+
+void expandBitmap(const std::uint8_t* in, std::uint8_t* out, std::size_t count, std::uint32_t zero,
+                  std::uint32_t one) {
+    const auto zeros = FourPixels{} + zero, difference = FourPixels{} + (zero ^ one);
+    for (; count >= 8; count -= 8, out += 32) expandByte(*in++, out, zeros, difference);
+    if (count == 0) return;
+    std::array<std::uint8_t, 32> last;
+    expandByte(*in, last.data(), zeros, difference);
+    std::memcpy(out, last.data(), count * 4);
+}
+
+void expandIndices(const std::uint8_t* in, std::uint8_t* out, std::size_t count,
+                   const std::array<std::uint32_t, 256>& palette) {
+    for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, palette[in[i]]);
+}
 
 void expandBGR(const std::uint8_t* in, std::uint8_t* out, std::size_t count) {
     expand<false>(in, out, count);

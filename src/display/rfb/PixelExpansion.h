@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Three bytes a pixel to four: the inner loop of every uncompressed-colour form.
+// Packed pixels and palette indices to `bgra32`: the inner loops of the decoders.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -14,5 +15,12 @@ constexpr std::size_t expansionSlackBytes = 16;
 void expandBGR(const std::uint8_t* in, std::uint8_t* out, std::size_t count);
 /// `count` pixels of red, green, blue to `bgra32`.
 void expandRGB(const std::uint8_t* in, std::uint8_t* out, std::size_t count);
+
+/// One bit a pixel, the most significant first.
+void expandBitmap(const std::uint8_t* in, std::uint8_t* out, std::size_t count, std::uint32_t zero,
+                  std::uint32_t one);
+/// One index a pixel, all of them checked.
+void expandIndices(const std::uint8_t* in, std::uint8_t* out, std::size_t count,
+                   const std::array<std::uint32_t, 256>& palette);
 
 }  // namespace dorvane

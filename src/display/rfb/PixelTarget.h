@@ -34,6 +34,17 @@ inline std::uint32_t loadBGR(const std::uint8_t* p) { return loadPixel(p) & 0x00
 /// The same for red, green, blue.
 inline std::uint32_t loadRGB(const std::uint8_t* p) { return __builtin_bswap32(loadPixel(p)) >> 8; }
 
+/// Rows of small rectangles are a few dozen bytes: calling `memcpy` for each would cost more than it copies.
+inline void copyPixels(std::uint8_t* out, const std::uint8_t* in, std::size_t count) {
+    constexpr std::size_t smallCount = 64;
+    if (count > smallCount) {
+        std::memcpy(out, in, count * 4);
+        return;
+    }
+    for (; count >= 4; count -= 4, in += 16, out += 16) std::memcpy(out, in, 16);
+    for (; count > 0; --count, in += 4, out += 4) storePixel(out, loadPixel(in));
+}
+
 inline void fillPixels(std::uint8_t* out, std::size_t count, std::uint32_t pixel) {
     for (std::size_t i = 0; i < count; ++i) storePixel(out + i * 4, pixel);
 }

@@ -11,7 +11,8 @@ void RFBFramebuffer::resize(int width, int height) {
     if (width == width_ && height == height_) return;
     width_ = width;
     height_ = height;
-    pixels_.assign(std::size_t(width) * std::size_t(height) * 4, 0);
+    const auto bytes = std::size_t(width) * std::size_t(height) * 4;
+    lines_.assign((bytes + sizeof(CacheLine) - 1) / sizeof(CacheLine), {});
     versions_.rows.assign(std::size_t(height), versions_.current);
 }
 
@@ -23,9 +24,9 @@ void RFBFramebuffer::applyRaw(const RFBRectangleHeader& header, ByteView pixels)
     const auto sourceStride = std::size_t(header.width) * 4;
     const auto* source =
         pixels.data() + std::size_t(top - header.y) * sourceStride + std::size_t(left - header.x) * 4;
-    auto* destination = pixels_.data() + std::size_t(top) * stride() + std::size_t(left) * 4;
+    auto* destination = memory() + std::size_t(top) * stride() + std::size_t(left) * 4;
     for (int y = top; y < bottom; ++y, source += sourceStride, destination += stride())
-        std::memcpy(destination, source, std::size_t(right - left) * 4);
+        copyPixels(destination, source, std::size_t(right - left));
     markChanged(top, bottom - top);
 }
 
@@ -35,7 +36,7 @@ void RFBFramebuffer::applyCopyRect(const RFBRectangleHeader& header, int sourceX
     const int height = std::min({header.height, height_ - header.y, height_ - sourceY}) - skipY;
     if (width <= 0 || height <= 0) return;
     const auto at = [&](int x, int y) {
-        return pixels_.data() + std::size_t(y + skipY) * stride() + std::size_t(x + skipX) * 4;
+        return memory() + std::size_t(y + skipY) * stride() + std::size_t(x + skipX) * 4;
     };
     // Downwards moves begin at the bottom, so that no row is overwritten before it is read.
     const bool upwards = sourceY < header.y;
@@ -53,12 +54,12 @@ bool RFBFramebuffer::contains(const RFBRectangleHeader& header) const {
 
 PixelTarget RFBFramebuffer::target(const RFBRectangleHeader& header) {
     markChanged(header.y, header.height);
-    return PixelTarget{pixels_.data(), stride()}.at(std::size_t(header.x), std::size_t(header.y));
+    return PixelTarget{memory(), stride()}.at(std::size_t(header.x), std::size_t(header.y));
 }
 
 FramePointer RFBFramebuffer::makeImage() {
     if (width_ < 1 || height_ < 1) return nullptr;
-    auto image = pool_->snapshot(width_, height_, pixels_, versions_);
+    auto image = pool_->snapshot(width_, height_, pixels(), versions_);
     ++versions_.current;
     return image;
 }

@@ -217,7 +217,7 @@ void RFBLink::finish(std::exception_ptr error) {
     state_ = State::closed;
     socket_->close();
     if (error) logger_.error("VNC 连接结束: %{public}s", errorText(error));
-    if (callbacks_.onDisconnect) callbacks_.onDisconnect(std::move(error));
+    tell(callbacks_.onDisconnect, std::move(error));
 }
 
 void RFBLink::close() {
@@ -229,6 +229,7 @@ void RFBLink::close() {
 }
 
 void RFBLink::abandon() {
+    isAbandoned_ = true;
     queue_.async([self = shared_from_this()] { self->callbacks_ = {}; });
     close();
 }
@@ -295,14 +296,14 @@ void RFBLink::updateFinished(bool didTouchPixels) {
         auto image = framebuffer_.makeImage();
         stats_.imageTime += runtime_.clock.now() - now;
         ++stats_.frames;
-        if (image && callbacks_.onFrame) callbacks_.onFrame(std::move(image));
+        if (image) tell(callbacks_.onFrame, std::move(image));
     }
     lastFinish_ = runtime_.clock.now();
     stats_.reportIfDue(lastFinish_, logger_);
 }
 
 void RFBLink::desktopResized(int width, int height) {
-    if (callbacks_.onResize) callbacks_.onResize(width, height);
+    tell(callbacks_.onResize, width, height);
     requestUpdate(false);
 }
 

@@ -22,7 +22,7 @@ namespace dorvane {
 /// | streaming  | end of stream, error, close  | closed     | `finish` tells onDisconnect, once     |
 /// | closed     | open                         | connecting |                                       |
 ///
-/// All state belongs to the queue, but for `extendedKeyEvents_`. The tasks hold the link; it ends them by
+/// All state belongs to the queue, but for the two atomic flags. The tasks hold the link; it ends them by
 /// closing the socket, at the latest in `abandon`.
 class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamHandler {
   public:
@@ -42,7 +42,7 @@ class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamH
     void send(RFBClientMessage message);
     void sendKey(const GuestKey& key, bool down);
     void close();
-    /// Closes without telling anybody.
+    /// Closes without telling anybody: at most the callback that is running now still finishes.
     void abandon();
 
   private:
@@ -64,6 +64,11 @@ class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamH
     void commit(std::size_t count);
     void fail(std::exception_ptr error);
     void finish(std::exception_ptr error);
+    /// One read may hold several updates, so being abandoned counts between them too.
+    template <typename Callback, typename... Arguments>
+    void tell(const Callback& callback, Arguments... arguments) const {
+        if (callback && !isAbandoned_) callback(std::move(arguments)...);
+    }
 
     void sendNow(const RFBClientMessage& message);
     static Task<void> flush(std::shared_ptr<RFBLink> self);
@@ -90,7 +95,7 @@ class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamH
     bool isFlushing_ = false;
     DisplayStats stats_;
     Instant lastFinish_{}, updateHeader_{};
-    std::atomic<bool> extendedKeyEvents_ = false;
+    std::atomic<bool> extendedKeyEvents_ = false, isAbandoned_ = false;
 };
 
 }  // namespace dorvane

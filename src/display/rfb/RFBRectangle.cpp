@@ -8,7 +8,7 @@
 namespace dorvane {
 namespace {
 
-using Content = RFBRectangle::Content;
+using Parsed = std::optional<RFBRectangle>;
 using ParseError = RFBRectangle::ParseError;
 
 constexpr std::size_t bytesPerScreen = 16;
@@ -18,28 +18,26 @@ std::size_t checkedSize(std::size_t bytes) {
     return bytes;
 }
 
-std::optional<Content> parseRaw(RFBByteReader& reader, const RFBRectangleHeader& header,
-                                std::size_t pixelBytes) {
+Parsed parseRaw(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
     const auto pixels = reader.slice(checkedSize(pixelBytes));
     if (!pixels) return std::nullopt;
-    return RFBRectangle::Raw{header, *pixels};
+    return RFBRectangle{RFBRectangle::Raw{header, *pixels}};
 }
 
-std::optional<Content> parseCopyRect(RFBByteReader& reader, const RFBRectangleHeader& header) {
+Parsed parseCopyRect(RFBByteReader& reader, const RFBRectangleHeader& header) {
     const auto x = reader.readUInt16();
     const auto y = reader.readUInt16();
     if (!x || !y) return std::nullopt;
-    return RFBRectangle::CopyRect{header, *x, *y};
+    return RFBRectangle{RFBRectangle::CopyRect{header, *x, *y}};
 }
 
-std::optional<Content> parseZRLE(RFBByteReader& reader, const RFBRectangleHeader& header,
-                                 std::size_t pixelBytes) {
+Parsed parseZRLE(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
     checkedSize(pixelBytes);
     const auto length = reader.readUInt32();
     if (!length) return std::nullopt;
     const auto payload = reader.slice(checkedSize(*length));
     if (!payload) return std::nullopt;
-    return RFBRectangle::ZRLE{header, *payload};
+    return RFBRectangle{RFBRectangle::ZRLE{header, *payload}};
 }
 
 /// The length field before compressed data: up to three bytes, 7 bits each, the least significant first.
@@ -88,33 +86,30 @@ bool skipTightPayload(RFBByteReader& reader, const RFBRectangleHeader& header) {
     return length && reader.skip(*length);
 }
 
-std::optional<Content> parseTight(RFBByteReader& reader, const RFBRectangleHeader& header,
-                                  std::size_t pixelBytes) {
+Parsed parseTight(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
     checkedSize(pixelBytes);
     const auto start = reader.position();
     if (!skipTightPayload(reader, header)) return std::nullopt;
     const auto size = reader.position() - start;
     reader.setPosition(start);
-    return RFBRectangle::Tight{header, *reader.slice(size)};
+    return RFBRectangle{RFBRectangle::Tight{header, *reader.slice(size)}};
 }
 
-std::optional<Content> parseExtendedDesktopSize(RFBByteReader& reader, const RFBRectangleHeader& header) {
+Parsed parseExtendedDesktopSize(RFBByteReader& reader, const RFBRectangleHeader& header) {
     const auto screens = reader.readUInt8();
     if (!screens || !reader.skip(3) || !reader.skip(*screens * bytesPerScreen)) return std::nullopt;
-    return RFBExtendedDesktopSize{header.x, header.y, header.width, header.height, *screens};
+    return RFBRectangle{RFBExtendedDesktopSize{header.x, header.y, header.width, header.height, *screens}};
 }
 
-std::optional<Content> parseCursor(RFBByteReader& reader, const RFBRectangleHeader& header,
-                                   std::size_t pixelBytes) {
+Parsed parseCursor(RFBByteReader& reader, const RFBRectangleHeader& header, std::size_t pixelBytes) {
     const auto maskBytes = (std::size_t(header.width) + 7) / 8 * std::size_t(header.height);
     const auto pixels = reader.slice(checkedSize(pixelBytes));
     const auto mask = pixels ? reader.slice(maskBytes) : std::nullopt;
     if (!mask) return std::nullopt;
-    return RFBRectangle::Cursor{header, *pixels, *mask};
+    return RFBRectangle{RFBRectangle::Cursor{header, *pixels, *mask}};
 }
 
-std::optional<Content> parseContent(RFBByteReader& reader, const RFBRectangleHeader& header,
-                                    const RFBPixelFormat& format) {
+Parsed parseContent(RFBByteReader& reader, const RFBRectangleHeader& header, const RFBPixelFormat& format) {
     const auto pixelBytes = header.pixelCount() * (format.bitsPerPixel / 8u);
     switch (RFBEncoding(header.encoding)) {
         case RFBEncoding::raw:
@@ -126,13 +121,13 @@ std::optional<Content> parseContent(RFBByteReader& reader, const RFBRectangleHea
         case RFBEncoding::tight:
             return parseTight(reader, header, pixelBytes);
         case RFBEncoding::desktopSize:
-            return RFBRectangle::DesktopSize{header.width, header.height};
+            return RFBRectangle{RFBRectangle::DesktopSize{header.width, header.height}};
         case RFBEncoding::cursor:
             return parseCursor(reader, header, pixelBytes);
         case RFBEncoding::extendedDesktopSize:
             return parseExtendedDesktopSize(reader, header);
         case RFBEncoding::qemuExtendedKeyEvent:
-            return RFBRectangle::QEMUExtendedKeyEventSupported{};
+            return RFBRectangle{RFBRectangle::QEMUExtendedKeyEventSupported{}};
         case RFBEncoding::compressLevel5:
             break;
     }
@@ -157,24 +152,12 @@ ParseError ParseError::tooLarge(std::size_t bytes) {
             localized("The VM display sent a rectangle that is too large (%lld bytes).", bytes)};
 }
 
-std::optional<RFBRectangleHeader> RFBRectangle::readHeader(RFBByteReader& reader) {
-    constexpr std::size_t headerBytes = 12;
-    const auto bytes = reader.slice(headerBytes);
-    if (!bytes) return std::nullopt;
-    const auto* p = bytes->data();
-    return RFBRectangleHeader{loadBE16(p), loadBE16(p + 2), loadBE16(p + 4), loadBE16(p + 6),
-                              static_cast<std::int32_t>(loadBE32(p + 8))};
-}
-
 std::optional<RFBRectangle> RFBRectangle::parse(RFBByteReader& reader, const RFBPixelFormat& pixelFormat) {
     const auto start = reader.position();
     const auto header = readHeader(reader);
-    auto content = header ? parseContent(reader, *header, pixelFormat) : std::nullopt;
-    if (!content) {
-        reader.setPosition(start);
-        return std::nullopt;
-    }
-    return RFBRectangle{*content};
+    auto rectangle = header ? parseContent(reader, *header, pixelFormat) : std::nullopt;
+    if (!rectangle) reader.setPosition(start);
+    return rectangle;
 }
 
 }  // namespace dorvane

@@ -76,7 +76,14 @@ struct RFBRectangle {
     static constexpr std::size_t maximumBytes = 268'435'456;
 
     /// Takes the 12 bytes before every rectangle; absent, with the reader where it was, when there are fewer.
-    static std::optional<RFBRectangleHeader> readHeader(RFBByteReader& reader);
+    static std::optional<RFBRectangleHeader> readHeader(RFBByteReader& reader) {
+        constexpr std::size_t headerBytes = 12;
+        const auto bytes = reader.slice(headerBytes);
+        if (!bytes) return std::nullopt;
+        const auto* p = bytes->data();
+        return RFBRectangleHeader{loadBE16(p), loadBE16(p + 2), loadBE16(p + 4), loadBE16(p + 6),
+                                  static_cast<std::int32_t>(loadBE32(p + 8))};
+    }
     /// From a reader standing at a rectangle header. Absent, with the reader where it was, when the rectangle
     /// isn't complete yet. Throws ParseError.
     static std::optional<RFBRectangle> parse(RFBByteReader& reader, const RFBPixelFormat& pixelFormat);

@@ -49,7 +49,8 @@ unsigned unpackRow(unsigned bits, const std::uint8_t* in, std::uint8_t* out, std
                    const std::uint32_t* palette) {
     switch (bits) {
         case 1:
-            return unpackRow<1>(in, out, width, palette);
+            expandBitmap(in, out, width, palette[0], palette[1]);
+            return 1;
         case 2:
             return unpackRow<2>(in, out, width, palette);
         default:
@@ -162,7 +163,8 @@ void ZRLEDecoder::decodePaletteRuns(const Tile& tile, unsigned colorCount) {
 
 void ZRLEDecoder::drawRuns(const Tile& tile) const {
     for (std::size_t y = 0; y < tile.height; ++y)
-        std::memcpy(tile.target.row(y), runs_.data() + y * tile.width, tile.width * 4);
+        copyPixels(tile.target.row(y), reinterpret_cast<const std::uint8_t*>(runs_.data() + y * tile.width),
+                   tile.width);
 }
 
 void ZRLEDecoder::readPalette(unsigned count) {

@@ -79,6 +79,7 @@ class RFBConnectionTest : public testing::Test {
     std::optional<FakeServer> server_;
     std::shared_ptr<RFBConnection> connection_;
     std::vector<FramePointer> frames_;
+    std::function<void()> afterFrame_;
     std::vector<std::pair<int, int>> sizes_;
     std::vector<std::string> ends_;
 
@@ -90,7 +91,10 @@ class RFBConnectionTest : public testing::Test {
 
     void makeConnection(bool preferTight = false) {
         connection_ = std::make_shared<RFBConnection>(host_.runtime(), path_, preferTight);
-        connection_->onFrame = [this](FramePointer frame) { frames_.push_back(std::move(frame)); };
+        connection_->onFrame = [this](FramePointer frame) {
+            frames_.push_back(std::move(frame));
+            if (afterFrame_) afterFrame_();
+        };
         connection_->onResize = [this](int width, int height) { sizes_.emplace_back(width, height); };
         connection_->onDisconnect = [this](const std::exception_ptr& error) {
             ends_.push_back(error ? errorText(error) : "no error");
@@ -237,6 +241,18 @@ TEST_F(RFBConnectionTest, destructionEndsTheSocketAndTellsNobody) {
     connection_.reset();
     EXPECT_TRUE(host_.run(server_->sawEnd()));
     host_.settle();
+    EXPECT_TRUE(ends_.empty());
+}
+
+TEST_F(RFBConnectionTest, tellsNothingMoreOfWhatOneReadBroughtOnceItIsDestroyed) {
+    connect();
+    afterFrame_ = [this] { connection_.reset(); };
+    const auto drawing = update({rectangle(0, 0, 1, 1, 0, Bytes(4))});
+    serve(drawing + update({rectangle(0, 0, 50, 20, -223)}) + drawing + Bytes{9});
+    host_.driveUntil([&] { return !connection_; });
+    host_.settle();
+    EXPECT_EQ(frames_.size(), 1u);
+    EXPECT_TRUE(sizes_.empty());
     EXPECT_TRUE(ends_.empty());
 }
 

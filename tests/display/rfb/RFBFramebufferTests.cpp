@@ -54,6 +54,20 @@ TEST(RFBFramebuffer, drawsOnlyWhatLiesInside) {
     }
 }
 
+TEST(RFBFramebuffer, drawsRowsOfEveryLengthAndNothingBesideThem) {
+    for (const int width : {1, 3, 4, 7, 16, 63, 64, 65, 70}) {
+        RFBFramebuffer framebuffer;
+        framebuffer.resize(72, 4);
+        framebuffer.applyRaw({1, 1, width, 2, 0}, picture(width, 2, numbered));
+        EXPECT_EQ(content(framebuffer),
+                  picture(72, 4,
+                          [&](int x, int y) {
+                              return x >= 1 && x <= width && (y == 1 || y == 2) ? numbered(x - 1, y - 1) : 0u;
+                          }))
+            << width;
+    }
+}
+
 TEST(RFBFramebuffer, drawsNothingOfTooFewPixels) {
     RFBFramebuffer framebuffer;
     framebuffer.resize(2, 2);

@@ -19,7 +19,8 @@ class Recorder : public RFBStreamHandler {
     void updateBegan(int rectangleCount) override { note('b', rectangleCount); }
     void updateFinished(bool didTouchPixels) override { note('f', didTouchPixels); }
     void desktopResized(int newWidth, int newHeight) override {
-        note('r', newWidth * 100'000 + newHeight);
+        note('w', newWidth);
+        note('h', newHeight);
         // A large screen only makes the fuzzer slow.
         if (newWidth * newHeight > width * height * 16) throw std::runtime_error("large enough");
     }

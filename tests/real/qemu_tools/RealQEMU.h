@@ -28,12 +28,15 @@ class RealTime {
   public:
     const Runtime& runtime() const { return process_.runtime(); }
 
+    /// Not from inside itself: the inner run's end would stop the outer one, and leave its task behind.
     template <typename T>
     T run(Task<T> task) {
+        if (std::exchange(isRunning_, true)) throw std::logic_error("run within a run");
         OneShot<T> outcome;
         auto handle =
             spawn(runtime().main.executor(), finish(deliver(std::move(task), outcome), process_), "real");
         process_.run();
+        isRunning_ = false;
         return outcome.take();
     }
 
@@ -44,6 +47,7 @@ class RealTime {
     }
 
     ProcessRuntime process_;
+    bool isRunning_ = false;
 };
 
 /// A QEMU child; ended by its own number with the object.
