@@ -1,73 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/CommandDefinitions.h"
 
-#include <CLI/CLI.hpp>
-
+#include "app/CommandDefiner.h"
 #include "app/CommandPrinting.h"
 #include "app/Version.h"
 
 namespace dorvane {
 namespace {
-
-/// The values that the options of one command write into, alive for as long as its callback.
-struct CommandValues {
-    ServiceCall call;
-    std::string vm, name, snapshot, output = "screenshot.png", key, value, shell;
-    std::string os = "windows", username, image, storage;
-    std::vector<std::string> words;
-    std::int64_t cpus = 0, memory = 0, disk = 0, lines = 50;
-    double timeout = 60;
-    int port = 0;
-    bool flag = false, confirmed = false;
-};
-using Values = std::shared_ptr<CommandValues>;
-
-/// Adds one command whose callback builds a ServiceCall.
-class Definer {
-  public:
-    explicit Definer(CommandRequest& request) : request_(request) {}
-
-    CLI::App* call(CLI::App& parent, const std::string& verb, const std::string& help, const Values& values,
-                   std::function<void(CommandValues&)> build) {
-        auto* command = parent.add_subcommand(verb, help);
-        command->add_flag("--json", values->call.json, "Print the result as JSON");
-        command->callback([&request = request_, values, build = std::move(build)] {
-            build(*values);
-            request = values->call;
-        });
-        return command;
-    }
-
-    /// A command about one machine whose only parameter is the machine.
-    CLI::App* machineCall(CLI::App& parent, const std::string& verb, const std::string& help,
-                          const std::string& done) {
-        auto values = std::make_shared<CommandValues>();
-        auto* command = call(parent, verb, help, values, [verb, done](CommandValues& v) {
-            v.call.method = verb;
-            v.call.params["vm"] = v.vm;
-            v.call.print = printSentence(done);
-        });
-        command->add_option("vm", values->vm, "Name or UUID of the machine")->required();
-        return command;
-    }
-
-    CommandRequest& request() const { return request_; }
-
-  private:
-    CommandRequest& request_;
-};
-
-/// The word as a shell takes it back.
-std::string shellQuoted(const std::string& word) {
-    constexpr std::string_view plain =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=@%+,";
-    if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) return word;
-    std::string quoted = "'";
-    for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
-Values makeValues() { return std::make_shared<CommandValues>(); }
 
 void defineInventory(CLI::App& app, Definer& define) {
     const auto list = makeValues();
@@ -114,75 +53,24 @@ void defineRunControl(CLI::App& app, Definer& define) {
         v.call.params = {{"vm", v.vm}, {"force", v.flag}};
         v.call.print = printStopped;
     });
-    stopCommand->add_option("vm", stop->vm, "Name or UUID of the machine")->required();
+    addMachine(*stopCommand, stop);
     stopCommand->add_flag("--force", stop->flag, "Power the machine off without asking the guest");
     define.machineCall(app, "restart", "Shut the guest down and start it again", "Restarted %@.");
     define.machineCall(app, "pause", "Freeze a running machine", "Paused %@.");
     define.machineCall(app, "resume", "Let a paused machine go on", "Resumed %@.");
     define.machineCall(app, "suspend", "Save the machine's memory to disk and power it off", "Suspended %@.");
-}
 
-void defineCopyAndDelete(CLI::App& app, Definer& define) {
-    const auto clone = makeValues();
-    auto* cloneCommand =
-        define.call(app, "clone", "Copy a stopped machine under a new identity", clone, [](CommandValues& v) {
-            v.call.method = "clone";
-            v.call.params = {{"vm", v.vm}, {"name", v.name}};
-            v.call.print = printSentence("Cloned to %@.");
+    const auto discard = makeValues();
+    auto* discardCommand =
+        define.call(app, "discard", "Give up a suspended machine's memory", discard, [](CommandValues& v) {
+            v.call.method = "discard";
+            v.call.params["vm"] = v.vm;
+            v.call.print = printDiscarded;
+            askFirst(v, "Give up what \"" + v.vm + "\" had in memory when it was suspended?",
+                     {"discard", "--yes", v.vm});
         });
-    cloneCommand->add_option("vm", clone->vm, "Name or UUID of the machine")->required();
-    cloneCommand->add_option("name", clone->name, "Name of the copy")->required();
-
-    const auto remove = makeValues();
-    auto* deleteCommand =
-        define.call(app, "delete", "Move a machine to the Trash", remove, [](CommandValues& v) {
-            v.call.method = "delete";
-            v.call.params = {{"vm", v.vm}, {"permanently", v.flag}};
-            v.call.print = printSentence(v.flag ? "Erased %@." : "Moved %@ to the Trash.");
-            if (v.confirmed) return;
-            v.call.question = v.flag ? "Erase \"" + v.vm + "\" and its disk for good?"
-                                     : "Move \"" + v.vm + "\" to the Trash?";
-            v.call.unattendedCommand =
-                "dorvane delete --yes " + std::string(v.flag ? "--permanently " : "") + shellQuoted(v.vm);
-        });
-    deleteCommand->add_option("vm", remove->vm, "Name or UUID of the machine")->required();
-    deleteCommand->add_flag("--permanently", remove->flag, "Erase it instead");
-    deleteCommand->add_flag("-y,--yes", remove->confirmed, "Don't ask");
-}
-
-void defineSnapshots(CLI::App& app, Definer& define) {
-    auto* group = app.add_subcommand("snapshot", "Take, list, restore and delete snapshots");
-    group->require_subcommand(1);
-    const auto list = makeValues();
-    define
-        .call(*group, "list", "List a machine's snapshots", list,
-              [](CommandValues& v) {
-                  v.call.method = "snapshot.list";
-                  v.call.params["vm"] = v.vm;
-                  v.call.print = printSnapshotTable;
-              })
-        ->add_option("vm", list->vm, "Name or UUID of the machine")
-        ->required();
-    const auto take = makeValues();
-    auto* takeCommand = define.call(*group, "take", "Take a snapshot", take, [](CommandValues& v) {
-        v.call.method = "snapshot.take";
-        v.call.params = {{"vm", v.vm}, {"name", v.name}, {"includeMemory", v.flag}};
-        v.call.print = printSentence("Took snapshot %@.");
-    });
-    takeCommand->add_option("vm", take->vm, "Name or UUID of the machine")->required();
-    takeCommand->add_option("name", take->name, "Name of the snapshot")->required();
-    takeCommand->add_flag("--memory", take->flag, "Save the running machine's memory too");
-    for (const std::string verb : {"restore", "delete"}) {
-        const auto values = makeValues();
-        const std::string help = verb == "restore" ? "Go back to a snapshot" : "Delete a snapshot";
-        auto* command = define.call(*group, verb, help, values, [verb](CommandValues& v) {
-            v.call.method = "snapshot." + verb;
-            v.call.params = {{"vm", v.vm}, {"snapshot", v.snapshot}};
-            v.call.print = printSentence(verb == "restore" ? "Restored %@." : "Deleted snapshot %@.");
-        });
-        command->add_option("vm", values->vm, "Name or UUID of the machine")->required();
-        command->add_option("snapshot", values->snapshot, "Name or UUID of the snapshot")->required();
-    }
+    addMachine(*discardCommand, discard);
+    addYes(*discardCommand, discard);
 }
 
 void defineGuest(CLI::App& app, Definer& define) {
@@ -197,7 +85,7 @@ void defineGuest(CLI::App& app, Definer& define) {
             v.call.print = printCommandOutput;
             v.call.exitStatus = [](const JSON& result) { return result.value("exitCode", 1) & 0xFF; };
         });
-    execCommand->add_option("vm", exec->vm, "Name or UUID of the machine")->required();
+    addMachine(*execCommand, exec);
     execCommand->add_option("command", exec->words, "The command and its words")->required();
     execCommand->add_option("--username", exec->username, "SSH user name");
     execCommand->add_option("--timeout", exec->timeout, "Seconds (1 to 600)")->capture_default_str();
@@ -210,7 +98,7 @@ void defineGuest(CLI::App& app, Definer& define) {
             v.call.params["vm"] = v.vm;
             v.call.print = saveScreenshot(v.output);
         });
-    shotCommand->add_option("vm", shot->vm, "Name or UUID of the machine")->required();
+    addMachine(*shotCommand, shot);
     shotCommand->add_option("-o,--output", shot->output, "PNG file to write; - for standard output")
         ->capture_default_str();
 }
@@ -271,7 +159,7 @@ void defineMCP(CLI::App& app, Definer& define) {
         ->add_flag("--regenerate", token->flag, "Make a new one; clients must be set up again");
 }
 
-void defineRest(CLI::App& app, Definer& define) {
+void defineLogs(CLI::App& app, Definer& define) {
     const auto log = makeValues();
     auto* logCommand = define.call(app, "log", "Show what agents did", log, [](CommandValues& v) {
         v.call.method = "log";
@@ -281,6 +169,29 @@ void defineRest(CLI::App& app, Definer& define) {
     });
     logCommand->add_option("vm", log->vm, "Only this machine");
     logCommand->add_option("-n,--lines", log->lines, "How many of the newest entries")->capture_default_str();
+
+    const auto logs = makeValues();
+    auto* logsCommand =
+        define.call(app, "logs", "Show what the service logged about a machine, and its console", logs,
+                    [](CommandValues& v) {
+                        v.call.method = "logs";
+                        v.call.params["vm"] = v.vm;
+                        v.call.print = printMachineLog;
+                    });
+    addMachine(*logsCommand, logs);
+}
+
+void defineRest(CLI::App& app, Definer& define) {
+    const auto open = makeValues();
+    define
+        .call(app, "open", "Carry out a dorvane: link", open,
+              [](CommandValues& v) {
+                  v.call.method = "open";
+                  v.call.params["url"] = v.url;
+                  v.call.print = printLink;
+              })
+        ->add_option("url", open->url, "dorvane://start?vm=NAME, with start, stop, show or snapshot")
+        ->required();
 
     const auto demo = makeValues();
     auto* demoCommand = define.call(
@@ -327,11 +238,13 @@ void defineCommands(CLI::App& app, CommandRequest& request) {
     defineInventory(app, define);
     defineCreate(app, define);
     defineRunControl(app, define);
-    defineCopyAndDelete(app, define);
+    defineCopies(app, define);
     defineSnapshots(app, define);
+    defineBackups(app, define);
     defineGuest(app, define);
     defineSettings(app, define);
     defineMCP(app, define);
+    defineLogs(app, define);
     defineRest(app, define);
     defineLocal(app, request);
 }

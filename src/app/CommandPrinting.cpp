@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/CommandPrinting.h"
 
+#include <algorithm>
 #include <iostream>
 #include <vector>
 
 #include "base/Hex.h"
 #include "base/Localized.h"
 #include "base/Text.h"
+#include "core/ByteCountText.h"
 #include "runtime/Files.h"
 
 namespace dorvane {
@@ -36,10 +38,16 @@ void printTable(const std::vector<Row>& rows) {
     }
 }
 
-/// A file name as a shell would take it, for nothing that a terminal would act on.
+/// Text from a user or a guest, without anything that a terminal would act on.
 std::string printable(std::string text) {
-    for (auto& c : text)
-        if (static_cast<unsigned char>(c) < 0x20 && c != '\n' && c != '\t') c = '?';
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool isControl = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
+        // U+0080 to U+009F are controls of two bytes.
+        const bool isSecondOfTwo = i > 0 && (byte & 0xE0U) == 0x80 && text[i - 1] == '\xC2';
+        if (isControl || isSecondOfTwo) text[i] = '?';
+        if (isSecondOfTwo) text[i - 1] = '?';
+    }
     return text;
 }
 
@@ -51,20 +59,28 @@ void printMachineTable(const JSON& machines) {
         return;
     }
     std::vector<Row> rows{{"NAME", "OS", "STATUS", "CPUS", "MEMORY", "ID"}};
+    const bool hasSandbox =
+        std::ranges::any_of(machines, [](const JSON& machine) { return machine.contains("expiresAt"); });
+    if (hasSandbox) rows.front().push_back("EXPIRES");
     for (const auto& machine : machines) {
         const bool suspended = machine.value("suspended", false);
         rows.push_back({printable(cell(machine, "name")), cell(machine, "os"),
                         cell(machine, "status") + (suspended ? " (suspended)" : ""),
                         cell(machine, "cpuCount"), cell(machine, "memoryMB") + " MB", cell(machine, "id")});
+        if (hasSandbox) rows.back().push_back(cell(machine, "expiresAt"));
     }
     printTable(rows);
 }
 
 void printSnapshotTable(const JSON& snapshots) {
-    std::vector<Row> rows{{"NAME", "TAKEN", "MEMORY", "RUNNING", "ID"}};
+    if (snapshots.empty()) {
+        std::cout << "There are no snapshots yet. Take one with: dorvane snapshot take VM NAME\n";
+        return;
+    }
+    std::vector<Row> rows{{"NAME", "TAKEN", "KIND", "MEMORY", "RUNNING", "ID"}};
     for (const auto& snapshot : snapshots)
         rows.push_back({printable(cell(snapshot, "name")), cell(snapshot, "createdAt"),
-                        snapshot.value("includesRAMState", false) ? "yes" : "no",
+                        cell(snapshot, "kind"), snapshot.value("includesRAMState", false) ? "yes" : "no",
                         snapshot.value("takenWhileRunning", false) ? "yes" : "no", cell(snapshot, "id")});
     printTable(rows);
 }
@@ -103,6 +119,49 @@ void printText(const JSON& result) { std::cout << result.value("text", "") << '\
 void printStopped(const JSON& result) {
     const auto* text = result.value("forced", false) ? "Powered off %@." : "Stopped %@.";
     std::cout << printable(localized(text, result.value("name", ""))) << '\n';
+}
+
+void printDiscarded(const JSON& result) {
+    const auto* text = result.value("discarded", false) ? "Discarded what %@ had in memory."
+                                                        : "%@ had no memory to discard.";
+    printSentence(text)(result);
+}
+
+void printPruned(const JSON& result) {
+    std::cout << printable(localized("Deleted %d automatic snapshot(s) of %@.", result.value("removed", 0),
+                                     result.value("name", "")))
+              << '\n';
+}
+
+void printBackup(const JSON& result) {
+    std::cout << printable(localized("Backed up %@ to %@ (%@).", result.value("name", ""),
+                                     result.value("file", ""), byteCountText(result.value("bytes", 0LL))))
+              << '\n';
+}
+
+void printLink(const JSON& result) {
+    const auto command = result.value("command", "");
+    if (!result.value("acted", false))
+        std::cout << printable(localized("Nothing to do: %@ is %@.", result.value("vm", ""),
+                                         result.value("status", "")))
+                  << '\n';
+    else if (command == "start" || command == "stop")
+        printSentence(command == "start" ? "Started %@." : "Stopped %@.")(result);
+    else
+        printSentence(command == "show" ? "Opened the display of %@." : "Took snapshot %@.")(result);
+}
+
+void printMachineLog(const JSON& result) {
+    auto text = result.value("text", "");
+    std::erase(text, '\r');
+    std::cout << printable(std::move(text));
+}
+
+ResultPrinter printSandbox(std::string text) {
+    return [text = std::move(text)](const JSON& result) {
+        std::cout << printable(localized(text, result.value("name", ""))) << " "
+                  << localized("It expires at %@.", result.value("expiresAt", "-")) << '\n';
+    };
 }
 
 void printDemo(const JSON& result) {

@@ -22,6 +22,14 @@ void printSettingValue(const JSON& result);
 void printText(const JSON& result);
 void printStopped(const JSON& result);
 void printDemo(const JSON& result);
+void printDiscarded(const JSON& result);
+void printPruned(const JSON& result);
+void printBackup(const JSON& result);
+void printLink(const JSON& result);
+/// The result's "text", without anything that a terminal would act on.
+void printMachineLog(const JSON& result);
+/// A sentence with the sandbox's name, and when it expires.
+ResultPrinter printSandbox(std::string text);
 /// A sentence whose placeholder gets the result's "name".
 ResultPrinter printSentence(std::string text);
 /// Writes the result's "png" to the file, or to standard output for "-". Throws FileError.

@@ -8,9 +8,6 @@
 namespace dorvane {
 namespace {
 
-/// A request that was begun is finished, whether or not its client still waits.
-const auto runToTheEnd = [](const JSON&) {};
-
 using MachineOperation = Task<void> (VMServiceProtocol::*)(VMRecordPointer);
 
 JSON named(const VMRecord& vm) { return {{"name", vm.name}, {"id", vm.id.text()}}; }
@@ -85,6 +82,22 @@ Task<JSON> remove(AppState& app, JSON params) {
     co_return result;
 }
 
+Task<JSON> discard(AppState& app, JSON params) {
+    const auto vm = co_await resolveMachine(app, params);
+    auto result = named(*vm);
+    app.operationGate().requireFree(vm->id, vm->name);
+    result["discarded"] = vm->hasSuspendedState();
+    co_await app.makeSharedVMService().discardSuspendedState(vm);
+    co_return result;
+}
+
+Task<JSON> logs(AppState& app, JSON params) {
+    const auto vm = co_await resolveMachine(app, params);
+    auto result = named(*vm);
+    result["text"] = co_await app.makeSharedVMService().getVMLogs(vm);
+    co_return result;
+}
+
 /// A client that goes away during a start doesn't want the machine: the engine gives the start up.
 void withdrawStart(AppState& app, const Runtime& runtime, const JSON& params) {
     const auto vm = findVM(app.makeSharedVMService().vms(), params.value("vm", ""));
@@ -93,6 +106,8 @@ void withdrawStart(AppState& app, const Runtime& runtime, const JSON& params) {
 }
 
 }  // namespace
+
+void runToTheEnd(const JSON&) {}
 
 std::string requiredText(const JSON& params, const char* key) {
     const auto text = JSONReader(params).optional<std::string>(key);
@@ -137,6 +152,8 @@ void addMachineCommands(ControlMethods& methods, AppState& app) {
     add("stop", [&app](JSON params) { return stop(app, std::move(params)); });
     add("clone", [&app](JSON params) { return clone(app, std::move(params)); });
     add("delete", [&app](JSON params) { return remove(app, std::move(params)); });
+    add("discard", [&app](JSON params) { return discard(app, std::move(params)); });
+    add("logs", [&app](JSON params) { return logs(app, std::move(params)); });
     struct Verb {
         const char* name;
         MachineOperation operation;

@@ -12,6 +12,7 @@
 #include "app/Version.h"
 #include "base/Localized.h"
 #include "core/PersistenceStore.h"
+#include "core/RecentLog.h"
 #include "core/application/AppState.h"
 #include "platform/linux/LinuxApplicationDirectories.h"
 #include "platform/linux/LinuxDefaultsStore.h"
@@ -22,11 +23,15 @@
 #include "platform/linux/LinuxQEMUHostAdapter.h"
 #include "runtime/ProcessRuntime.h"
 #include "runtime/SignalWatcher.h"
+#include "runtime/StandardErrorLog.h"
 
 namespace dorvane {
 namespace {
 
 constexpr int failureStatus = 1;
+/// What the end of the control socket has cancelled may take this long to clear up behind itself.
+constexpr auto withdrawalTimeout = seconds(5);
+constexpr auto withdrawalPollInterval = milliseconds(20);
 constexpr auto controlSocketName = "control.sock";
 
 /// What this run was told on its command line, over what the user has stored.
@@ -63,6 +68,22 @@ void makePrivateDirectory(const Path& directory) {
     std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
 }
 
+/// Lets a log hear every line for as long as it lives; standard error gets them all the same.
+class LogTap {
+  public:
+    explicit LogTap(RecentLog& log)
+        : previous_(installLogSink([&log](const LogLine& line) {
+              log.note(line);
+              writeToStandardError(line);
+          })) {}
+    LogTap(const LogTap&) = delete;
+    LogTap& operator=(const LogTap&) = delete;
+    ~LogTap() { installLogSink(previous_); }
+
+  private:
+    LogSink previous_;
+};
+
 /// The host's half of the program, in the order in which its parts need each other.
 class Service {
   public:
@@ -86,7 +107,8 @@ class Service {
                 hostAdapter_,
                 qemuPackageRoots(directories_),
                 environment_,
-                version},
+                version,
+                &recentLog_},
           storage_(request.storage) {}
 
     int run() {
@@ -134,6 +156,10 @@ class Service {
         const auto reply = flow.shouldTerminate([](const QuitQuestion&) { return true; });
         if (reply == QuitFlow::Reply::later) co_await flow.stopAllVMs();
         co_await app_->shutDown();
+        const auto isIdle = [this] {
+            return app_->operationGate().busyVMIDs().empty() && app_->longOperations().active().empty();
+        };
+        co_await pollUntil(process_.runtime().clock, withdrawalTimeout, withdrawalPollInterval, isIdle);
         logger_.info("Dorvane has stopped");
         process_.stop();
     }
@@ -142,6 +168,8 @@ class Service {
     ApplicationDirectories directories_;
     InstanceLock lock_;
     ProcessRuntime process_;
+    RecentLog recentLog_{process_.runtime().clock};
+    LogTap logTap_{recentLog_};
     std::unique_ptr<ModelContext> modelContext_;
     LinuxDefaultsStore storedDefaults_;
     ServiceDefaults defaults_;
@@ -165,6 +193,10 @@ ControlMethods makeServiceCommands(AppState& app, const HostServices& host) {
     ControlMethods methods;
     addMachineCommands(methods, app);
     addToolCommands(methods, app);
+    addSnapshotCommands(methods, app);
+    addBackupCommands(methods, app);
+    addSandboxCommands(methods, app);
+    addLinkCommand(methods, app);
     addSettingsCommands(methods, app);
     addMCPCommands(methods, app);
     addDemoCommand(methods, app, host);

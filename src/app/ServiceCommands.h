@@ -13,10 +13,16 @@ ControlMethods makeServiceCommands(AppState& app, const HostServices& host);
 // The groups that it is put together from.
 void addMachineCommands(ControlMethods& methods, AppState& app);
 void addToolCommands(ControlMethods& methods, AppState& app);
+void addSnapshotCommands(ControlMethods& methods, AppState& app);
+void addBackupCommands(ControlMethods& methods, AppState& app);
+void addSandboxCommands(ControlMethods& methods, AppState& app);
+void addLinkCommand(ControlMethods& methods, AppState& app);
 void addSettingsCommands(ControlMethods& methods, AppState& app);
 void addMCPCommands(ControlMethods& methods, AppState& app);
 void addDemoCommand(ControlMethods& methods, AppState& app, const HostServices& host);
 
+/// For ControlMethod::withdraw: a request that was begun is finished, whether or not its client still waits.
+void runToTheEnd(const JSON& params);
 /// The machine that `params.vm` names, after a refresh of the list. Throws ControlError with the known names.
 Task<VMRecordPointer> resolveMachine(AppState& app, JSON params);
 /// The parameter's text. Throws ControlError when it is missing or no text.

@@ -5,18 +5,6 @@
 namespace dorvane {
 namespace {
 
-/// How a command's parameters are called by the tool.
-using Renames = std::map<std::string, std::string>;
-
-JSON toolArguments(const JSON& params, const Renames& renames) {
-    auto arguments = JSON::object();
-    for (const auto& [key, value] : params.items()) {
-        const auto renamed = renames.find(key);
-        arguments[renamed == renames.end() ? key : renamed->second] = value;
-    }
-    return arguments;
-}
-
 Task<MCPToolResult> runTool(AppState& app, std::string tool, JSON arguments) {
     const MCPToolArguments given(std::move(arguments));
     auto result = co_await app.mcpRequestHandler()->performTool(tool, given);
@@ -39,17 +27,9 @@ Task<JSON> screenshot(AppState& app, JSON params) {
 }  // namespace
 
 void addToolCommands(ControlMethods& methods, AppState& app) {
-    const auto add = [&](const char* method, const char* tool, const Renames& renames) {
-        methods[method].perform = [&app, tool, renames](const JSON& params, const ProgressReporter&) {
-            return runTextTool(app, tool, toolArguments(params, renames));
-        };
+    methods["exec"].perform = [&app](JSON params, const ProgressReporter&) {
+        return runTextTool(app, "exec_shell", std::move(params));
     };
-    add("exec", "exec_shell", {});
-    add("snapshot.list", "list_snapshots", {});
-    add("snapshot.take", "take_snapshot", {{"includeMemory", "include_memory"}});
-    add("snapshot.restore", "restore_snapshot", {});
-    for (const auto* changing : {"snapshot.take", "snapshot.restore"})
-        methods[changing].withdraw = [](const JSON&) {};
     methods["screenshot"].perform = [&app](JSON params, const ProgressReporter&) {
         return screenshot(app, std::move(params));
     };

@@ -6,6 +6,7 @@
 
 #include "app/CommandLine.h"
 #include "app/ControlClient.h"
+#include "app/ProgressDisplay.h"
 #include "app/Service.h"
 #include "runtime/SignalWatcher.h"
 
@@ -30,12 +31,13 @@ bool confirm(const ServiceCall& call) {
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-void showProgress(const ControlProgress& progress) { std::cerr << progress.message << "…\n"; }
-
 int runCall(const ServiceCall& call) {
     if (!confirm(call)) return failureStatus;
     ControlClient client(controlSocketPath());
-    const auto result = client.call(call.method, call.params, showProgress);
+    ProgressDisplay display(std::cerr, ::isatty(STDERR_FILENO) == 1);
+    const auto result = client.call(call.method, call.params,
+                                    [&](const ControlProgress& progress) { display.show(progress); });
+    display.clear();
     if (call.json || !call.print)
         std::cout << prettyJSON(result) << '\n';
     else

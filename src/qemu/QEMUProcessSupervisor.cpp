@@ -89,6 +89,7 @@ void QEMUProcessSupervisor::handle(const QMPMessage::Event& event) {
     if (event.name == "STOP") {
         updateStatus(VMStatus::paused);
     } else if (event.name == "RESUME") {
+        isMigrated_ = false;
         updateStatus(VMStatus::running);
     } else if (event.name == "SHUTDOWN") {
         if (!stopReason_) stopReason_ = QMPStateMapper::stopReason(event.data, didRequestStop_);

@@ -104,6 +104,7 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     static Task<bool> succeeds(std::shared_ptr<QMPConnection> connection, std::string command,
                                Duration timeout, JSON arguments = nullptr);
     Task<void> writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout);
+    Task<void> leaveMigratedState(std::shared_ptr<QMPConnection> connection);
     Task<void> cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection, Duration timeout);
 
     struct OverlaySwitch;
@@ -131,6 +132,8 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
     std::optional<QEMURuntimeDirectory> runtimeDirectory_;
     std::string systemDiskTopNode_ = "sysroot";
     int systemDiskLinkIndex_ = 0;
+    /// QEMU has handed its disks over with a saved state and hasn't run since.
+    bool isMigrated_ = false;
 
     std::shared_ptr<QEMUChild> child_;
     TPMEmulator emulator_;

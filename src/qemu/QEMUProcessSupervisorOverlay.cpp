@@ -75,6 +75,7 @@ Task<void> QEMUProcessSupervisor::attachSystemDiskOverlay(
     prepareLinks(change);
     std::exception_ptr failure;
     try {
+        co_await leaveMigratedState(connection);
         co_await switchToOverlay(connection, &change);
     } catch (...) {
         failure = std::current_exception();

@@ -43,17 +43,30 @@ Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
     removeQuietly(to);
     std::exception_ptr failure;
     try {
+        co_await leaveMigratedState(connection);
         co_await writeState(connection, to, timeout);
     } catch (...) {
         failure = std::current_exception();
     }
-    if (!failure) co_return;
+    if (!failure) {
+        isMigrated_ = true;
+        co_return;
+    }
     co_await ignoreCancellation();
     // QEMU writes until the migration has really stopped, so the file goes only then.
     co_await cancelMigrationIfRunning(connection, cancelTimeout);
     removeQuietly(to);
     removeQuietly(sidecar(to));
     rethrowAsSnapshotFailure(failure);
+}
+
+/// A paused machine whose state has been saved refuses to save it again, and QEMU dies when its disks are
+/// touched. For the moment between two commands the guest runs.
+Task<void> QEMUProcessSupervisor::leaveMigratedState(std::shared_ptr<QMPConnection> connection) {
+    if (!isMigrated_) co_return;
+    co_await connection->execute("cont", nullptr, resumeTimeout);
+    co_await connection->execute("stop", nullptr, resumeTimeout);
+    isMigrated_ = false;
 }
 
 Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> connection, Path to,

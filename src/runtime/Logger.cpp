@@ -7,6 +7,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "runtime/StandardErrorLog.h"
+
 namespace dorvane {
 namespace {
 
@@ -48,16 +50,21 @@ spdlog::level::level_enum spdlogLevel(LogLevel level) {
 
 }  // namespace
 
+void writeToStandardError(const LogLine& line) {
+    standardError().log(spdlogLevel(line.level), "[{}] {}", line.category, line.message);
+}
+
 bool Logger::isEnabled(LogLevel level) { return level >= target().level.load(); }
 
 void Logger::write(LogLevel level, std::string message) const {
     if (!isEnabled(level)) return;
     auto& log = target();
     const std::lock_guard lock(log.mutex);
+    const LogLine line{level, category_, std::move(message)};
     if (log.sink)
-        log.sink({level, category_, std::move(message)});
+        log.sink(line);
     else
-        standardError().log(spdlogLevel(level), "[{}] {}", category_, message);
+        writeToStandardError(line);
 }
 
 LogSink installLogSink(LogSink sink) {

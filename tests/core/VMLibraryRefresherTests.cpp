@@ -182,6 +182,16 @@ TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
     EXPECT_TRUE(service.vms().empty());
 }
 
+TEST_F(VMLibraryRefresherTest, aSandboxWhoseRecordWasLostIsOneStill) {
+    const EphemeralInfo info{*parseISO8601("2026-01-01T00:00:00Z"), *parseISO8601("2026-01-02T00:00:00Z"),
+                             UUID::random()};
+    makeBundle("box").writeEphemeralMarker(info);
+    writeFileAtomically(makeBundle("broken").ephemeralMarker(), R"({"createdAt":"soon"})");
+    refresh();
+    EXPECT_EQ(named("box")->ephemeral, info);
+    EXPECT_FALSE(named("broken")->isEphemeral());
+}
+
 TEST_F(VMLibraryRefresherTest, noticesAnInstallationThatFinishedOutOfSight) {
     const auto vm = addVM("alpha");
     vm->pendingInstallerImagePath = "/installer.iso";

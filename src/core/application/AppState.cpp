@@ -50,21 +50,65 @@ VMService& AppState::makeSharedVMService() {
     };
     collaborators.windowsSupport = &qemu_.windowsGuestSupport();
     collaborators.framebufferCapture = &framebufferCapture_;
+    collaborators.log = host_.log;
+    snapshotService_ = makeSnapshotService();
+    collaborators.recovery = snapshotService_.get();
+    collaborators.diskFlattening = qemu_.chainStore();
     sharedVMService_ = std::make_unique<VMService>(collaborators);
     return *sharedVMService_;
+}
+
+std::unique_ptr<VMSnapshotService> AppState::makeSnapshotService() {
+    return std::make_unique<VMSnapshotService>(VMSnapshotServiceCollaborators{
+        .runtime = host_.runtime,
+        .gate = operationGate_,
+        .fileManager = host_.files,
+        .bookmarks = bookmarks_,
+        .modelContext = modelContext_,
+        .engine = &engineRouter_,
+        .chainStore = qemu_.chainStore(),
+        .isStarting =
+            [this](const UUID& id) {
+                return sharedVMService_ != nullptr && sharedVMService_->isStarting(id);
+            },
+        .endLeftoverEmulator = [this](UUID id) { return qemu_.engine().endLeftoverEmulator(id); },
+    });
+}
+
+std::unique_ptr<VMBackupService> AppState::makeBackupService() {
+    return std::make_unique<VMBackupService>(VMBackupServiceCollaborators{
+        .runtime = host_.runtime,
+        .settings = settingsService_,
+        .gate = operationGate_,
+        .longOperations = longOperations_,
+        .fileManager = host_.files,
+        .host = host_.system,
+        .modelContext = &modelContext_,
+        .appVersion = host_.version,
+        // The engine is a part of the program.
+        .engineVersion = host_.version,
+        .isShutDown = [this](const VMRecord& vm) { return !sharedVMService_->isStarting(vm.id); },
+        .libraryChanged =
+            [this] {
+                refreshTask_ = spawn(host_.runtime.main.executor(), sharedVMService_->refreshVMList(),
+                                     "refresh after a restore");
+            },
+    });
 }
 
 void AppState::configureMCPServer() {
     if (std::exchange(isMCPServerConfigured_, true)) return;
     auto& service = makeSharedVMService();
     observeSharedVMListMembership();
+    backupService_ = makeBackupService();
+    sandboxService_ = std::make_unique<EphemeralSandboxService>(service, modelContext_, host_.runtime.clock);
     activityLog_ =
         std::make_unique<AgentActivityLog>(host_.runtime, AgentActivityLog::defaultFile(host_.directories));
     const MCPToolContext::Services services{
         .vmService = service,
-        .sandboxService = sandboxService_,
+        .snapshotService = snapshotService_.get(),
+        .sandboxService = sandboxService_.get(),
         .settingsService = settingsService_,
-        .operationGate = operationGate_,
     };
     mcpRequestHandler_ = std::make_shared<MCPRequestHandler>(
         host_.runtime, services, activityLog_.get(), host_.version,
@@ -89,14 +133,34 @@ void AppState::observeSharedVMListMembership() {
 }
 
 void AppState::startSandboxReaper() {
-    if (sandboxService_ == nullptr || sandboxReaperTask_) return;
+    if (!sandboxService_ || sandboxReaperTask_) return;
     sandboxReaperTask_ = spawn(host_.runtime.main.executor(), reapSandboxes(), "sandbox reaper");
 }
 
 Task<void> AppState::reapSandboxes() {
     for (;;) {
-        co_await sandboxService_->reap(host_.runtime.clock.date());
+        // A task of its own: one that has deleted something can't be cancelled any more, and this one must
+        // be.
+        auto pass = sandboxService_->reap(host_.runtime.clock.date());
+        co_await onExecutor(host_.runtime.main.executor(), std::move(pass));
         co_await host_.runtime.clock.sleep(sandboxReaperInterval);
+    }
+}
+
+/// What the last process didn't live to end is made good now, rather than when somebody needs the machine.
+Task<void> AppState::recoverMachines() {
+    const auto vms = sharedVMService_->vms();
+    for (const auto& vm : vms) {
+        std::exception_ptr failure;
+        try {
+            co_await snapshotService_->recover(vm);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (isCancellation(failure)) std::rethrow_exception(failure);
+        if (failure)
+            launchLogger_.error("Could not put the files of %{public}s in order: %{public}s", vm->name,
+                                localizedDescription(failure));
     }
 }
 
@@ -104,6 +168,7 @@ Task<void> AppState::startVMsMarkedForLaunch() {
     if (std::exchange(didStartLaunchVMs_, true)) co_return;
     auto& service = makeSharedVMService();
     co_await service.refreshVMList();
+    co_await recoverMachines();
     const auto vms = service.vms();
     for (const auto& vm : vms) {
         if (!vm->startsWithDorvane.value_or(false) || vm->isEphemeral()) continue;
@@ -138,8 +203,35 @@ void AppState::completeOnboarding() {
     host_.defaults.set(defaultsKey::hasCompletedOnboarding, true);
 }
 
+Task<LinkOutcome> AppState::handle(std::string url) {
+    auto& vmService = makeSharedVMService();
+    const LinkServices services{vmService, *snapshotService_, host_.defaults, host_.runtime.clock};
+    auto outcome = co_await performLink(services, std::move(url));
+    if (!outcome.alert.empty()) showURLCommandAlert(outcome.alert);
+    if (outcome.wantsDisplay) requestDisplay(*outcome.vm);
+    co_return outcome;
+}
+
+void AppState::requestDisplay(const VMRecord& vm) {
+    if (displayRequested.empty())
+        linkLogger_.info("There is no window to show %{public}s in", vm.name);
+    else
+        displayRequested(vm.id);
+}
+
+void AppState::showURLCommandAlert(const std::string& message) {
+    if (urlCommandAlert.empty())
+        linkLogger_.info("%{public}s", message);
+    else
+        urlCommandAlert(localized("Dorvane link"), message);
+}
+
 Task<void> AppState::shutDown() {
-    sandboxReaperTask_ = TaskHandle();
+    // A sandbox on its way to the Trash gets there.
+    sandboxReaperTask_.cancel();
+    co_await sandboxReaperTask_.finished();
+    refreshTask_.cancel();
+    co_await refreshTask_.finished();
     warmUpTask_ = TaskHandle();
     co_await mcpServerService_->shutdown();
 }

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "core/VMLogReading.h"
 #include "platform/ApplicationDirectories.h"
 #include "platform/DefaultsStore.h"
 #include "platform/FileManager.h"
@@ -31,6 +32,8 @@ struct HostServices {
     Environment environment;
     /// The program's version, as agents are told it.
     std::string version;
+    /// The lines that the program logged; null when nobody keeps them.
+    const VMLogReading* log = nullptr;
 };
 
 }  // namespace dorvane

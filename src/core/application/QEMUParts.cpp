@@ -2,13 +2,16 @@
 #include "core/application/QEMUParts.h"
 
 #include "core/DorvaneError.h"
+#include "qemu/QEMUImageChainTool.h"
 
 namespace dorvane {
+
 QEMUParts::QEMUParts(const HostServices& host)
     : host_(host),
       capabilities_(host.runtime),
       keyStore_(host.runtime, host.directories.applicationSupport),
       windowsGuestSupport_(locate(), host.system.version(), std::nullopt),
+      chainStore_(makeChainStore()),
       engine_(makeContext()) {}
 
 std::optional<QEMURuntimeResources> QEMUParts::locate() const {
@@ -17,6 +20,12 @@ std::optional<QEMURuntimeResources> QEMUParts::locate() const {
         candidates.push_back(QEMURuntimeResources::packaged(root));
     candidates.push_back(QEMURuntimeResources::systemInstalled("/"));
     return QEMURuntimeResources::locate(candidates, host_.environment);
+}
+
+std::optional<SnapshotChainStore> QEMUParts::makeChainStore() const {
+    const auto tool = QEMUImageChainTool::locate(locate());
+    if (!tool) return std::nullopt;
+    return SnapshotChainStore(std::make_shared<QEMUImageChainTool>(*tool));
 }
 
 QEMUEngineContext QEMUParts::makeContext() {

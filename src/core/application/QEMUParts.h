@@ -5,6 +5,7 @@
 #include "core/application/HostServices.h"
 #include "qemu/QEMUEngine.h"
 #include "qemu/QEMUWindowsGuestSupport.h"
+#include "snapshots/SnapshotChainStore.h"
 
 namespace dorvane {
 
@@ -15,12 +16,15 @@ class QEMUParts {
 
     QEMUEngine& engine() { return engine_; }
     const QEMUWindowsGuestSupport& windowsGuestSupport() const { return windowsGuestSupport_; }
+    /// Null when this installation has no disk image tool.
+    const SnapshotChainStore* chainStore() const { return chainStore_ ? &*chainStore_ : nullptr; }
     /// Asks the emulator what it can do, so that the first start needn't wait for it. Never throws.
     Task<void> warmUp();
 
   private:
     std::optional<QEMURuntimeResources> locate() const;
     QEMUEngineContext makeContext();
+    std::optional<SnapshotChainStore> makeChainStore() const;
 
     const HostServices& host_;
     QEMUCapabilitiesCache capabilities_;
@@ -28,6 +32,7 @@ class QEMUParts {
     GuestToolsRegistry guestTools_;
     GuestFileServerRegistry fileServers_;
     QEMUWindowsGuestSupport windowsGuestSupport_;
+    std::optional<SnapshotChainStore> chainStore_;
     QEMUEngine engine_;
 };
 

@@ -66,6 +66,10 @@ class Home:
     def json(self, *words):
         return json.loads(self.run(*words, "--json").stdout)
 
+    @staticmethod
+    def json_file(path):
+        return json.loads(path.read_text())
+
     def serve_words(self):
         return self.command("serve", "--storage", str(self.root / "vms"), "--port", str(self.port))
 
