@@ -15,6 +15,10 @@ bool isDirectory(const Path& path);
 inline Path discardedDisk(const VMBundle& bundle) { return bundle.directoryURL / "disk.qcow2.discarded"; }
 inline Path restoringDisk(const VMBundle& bundle) { return bundle.directoryURL / "disk.qcow2.restoring"; }
 
+/// Stands beside a disk that is being put onto another backing file, and holds the name of the former one: as
+/// long as that one is there, going back to it is right, however far the tool came.
+inline Path rebasingMark(const Path& disk) { return disk.string() + ".rebasing"; }
+
 /// Makes the new names in a directory durable. A file system that can't is left alone.
 void syncDirectory(const Path& directory);
 /// Refuses to replace anything.

@@ -24,6 +24,8 @@ void SnapshotChainLayout::requireDisk(const SnapshotChainNode& node) const {
             if (chainfiles::isThere(directory) && !chainfiles::isDirectory(directory))
                 refuse("The snapshot folder %@ is not a folder.", directory.string());
     }
+    if (chainfiles::isThere(chainfiles::rebasingMark(disk)))
+        refuse("A change to the disk %@ was interrupted and is not mended yet.", disk.string());
     if (chainfiles::isRegularFile(disk)) return;
     if (chainfiles::isThere(disk)) refuse("The disk %@ is not a plain file.", disk.string());
     refuse("The disk %@ is missing.", disk.string());

@@ -16,7 +16,7 @@ class SnapshotChainLayout {
     SnapshotChainLayout(const QCOW2ChainToolProtocol& tool, const VMBundle& bundle)
         : tool_(tool), bundle_(bundle) {}
 
-    /// The node's disk must be a plain file in plain directories.
+    /// The node's disk must be a plain file in plain directories, and not in the middle of a rebase.
     void requireDisk(const SnapshotChainNode& node) const;
     /// What the node's header names, which must be absent or another snapshot in exactly the node's form.
     std::optional<UUID> parent(const SnapshotChainNode& node) const;

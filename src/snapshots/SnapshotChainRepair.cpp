@@ -74,8 +74,10 @@ bool SnapshotChainRepair::run(const VMBundle& bundle) const {
     }
     for (const auto& id : ids) attempt([&] { mendCapture(bundle, id); });
     attempt([&] { mendDiscarded(bundle); });
-    attempt([&] { mendHeader(bundle, Node::live()); });
-    for (const auto& id : ids) attempt([&] { mendHeader(bundle, Node::snapshot(id)); });
+    std::vector<Node> nodes{Node::live()};
+    for (const auto& id : ids) nodes.push_back(Node::snapshot(id));
+    for (const auto& node : nodes) attempt([&] { mendRebase(bundle, node); });
+    for (const auto& node : nodes) attempt([&] { mendHeader(bundle, node); });
     for (const auto& id : ids) attempt([&] { finishMerge(bundle, id); });
     attempt([&] { removeLeftovers(bundle); });
     attempt([&] { SnapshotChainLayout(*store_.chainTool_, bundle).ancestors(Node::live()); });
@@ -131,6 +133,14 @@ void SnapshotChainRepair::mendDiscarded(const VMBundle& bundle) const {
     } else {
         chainfiles::removeFile(discarded);
     }
+}
+
+void SnapshotChainRepair::mendRebase(const VMBundle& bundle, const SnapshotChainNode& node) const {
+    const auto disk = node.diskURL(bundle);
+    if (!chainfiles::isThere(chainfiles::rebasingMark(disk))) return;
+    if (!chainfiles::isRegularFile(disk)) throw unmended("The disk %@ is missing.", disk);
+    logger_.info("Undoing the interrupted rebase of %{public}s", disk.string());
+    store_.undoRebase(bundle, node);
 }
 
 void SnapshotChainRepair::mendHeader(const VMBundle& bundle, const SnapshotChainNode& node) const {

@@ -17,6 +17,7 @@ namespace dorvane {
 /// | "disk.qcow2.discarded" whose layer went back | removing it, it was an empty overlay |
 /// | "disk.qcow2.restoring" | removing it, the live disk is still the old one |
 /// | a header in the form of its former place | rewriting it, when the layer that it names is here |
+/// | "disk.qcow2.rebasing" | going back to the backing file that it names |
 /// | ".merging" | finishing the deletion; what the child reads is right at every moment |
 /// | "<id>.deleted", or a directory with neither a disk nor "meta.json" | removing it |
 ///
@@ -36,6 +37,7 @@ class SnapshotChainRepair {
     void removeLeftovers(const VMBundle& bundle) const;
     void mendCapture(const VMBundle& bundle, const UUID& id) const;
     void mendDiscarded(const VMBundle& bundle) const;
+    void mendRebase(const VMBundle& bundle, const SnapshotChainNode& node) const;
     void mendHeader(const VMBundle& bundle, const SnapshotChainNode& node) const;
     void finishMerge(const VMBundle& bundle, const UUID& id) const;
 

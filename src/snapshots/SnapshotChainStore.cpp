@@ -16,6 +16,8 @@ namespace fs = std::filesystem;
 using chainfiles::Mark;
 using Node = SnapshotChainNode;
 
+constexpr std::size_t maximumBackingPathBytes = 1023;
+
 std::string parentName(const std::optional<UUID>& parentID) { return parentID ? parentID->text() : "(root)"; }
 
 std::optional<std::string> backingPath(const Node& node, const std::optional<UUID>& parentID) {
@@ -183,6 +185,8 @@ void SnapshotChainStore::restore(const VMBundle& bundle, const UUID& snapshotID)
     chainfiles::removeFileIfPossible(staged);
     try {
         chainTool_->createOverlay(staged, Node::live().backingPath(snapshotID));
+        // It speaks of the disk that is given up here.
+        chainfiles::removeFile(chainfiles::rebasingMark(bundle.qcow2Disk()));
         chainfiles::replaceFile(staged, bundle.qcow2Disk());
     } catch (...) {
         chainfiles::removeFileIfPossible(staged);
@@ -197,6 +201,7 @@ void SnapshotChainStore::deleteSnapshot(const VMBundle& bundle, const UUID& snap
         chainfiles::removeDirectory(bundle, snapshotID);
         return;
     }
+    requireNoInterruptedRebase(bundle);
     const SnapshotChainLayout layout(*chainTool_, bundle);
     const auto ancestors = layout.ancestors(node);
     const auto parentID = ancestors.empty() ? std::nullopt : std::optional(ancestors.front());
@@ -206,9 +211,52 @@ void SnapshotChainStore::deleteSnapshot(const VMBundle& bundle, const UUID& snap
         collapse(bundle, snapshotID, standing.front(), parentID);
         return;
     }
-    for (const auto& child : standing)
-        chainTool_->rebase(child.diskURL(bundle), backingPath(child, parentID));
+    for (const auto& child : standing) rebase(bundle, child, snapshotID, parentID);
     chainfiles::removeDirectory(bundle, snapshotID);
+}
+
+/// The tool rewrites the header before the tables that say where the copied data lies are on disk: killed in
+/// between, it leaves an image that has lost that data. Its former backing file still holds it.
+void SnapshotChainStore::rebase(const VMBundle& bundle, const Node& child, const UUID& formerParentID,
+                                const std::optional<UUID>& newParentID) const {
+    const auto disk = child.diskURL(bundle);
+    writeFileAtomically(chainfiles::rebasingMark(disk), child.backingPath(formerParentID));
+    try {
+        chainTool_->rebase(disk, backingPath(child, newParentID));
+    } catch (...) {
+        const auto failure = std::current_exception();
+        try {
+            undoRebase(bundle, child);
+        } catch (...) {
+            logger_.error("Could not put %{public}s back onto its backing file: %{public}s", disk.string(),
+                          currentFailure());
+        }
+        std::rethrow_exception(failure);
+    }
+    chainfiles::removeFile(chainfiles::rebasingMark(disk));
+}
+
+void SnapshotChainStore::undoRebase(const VMBundle& bundle, const Node& child) const {
+    const auto disk = child.diskURL(bundle);
+    const auto mark = chainfiles::rebasingMark(disk);
+    const auto former = readTextFile(mark, maximumBackingPathBytes);
+    const auto parentID = Node::snapshotID(former);
+    if (!parentID || former != child.backingPath(*parentID))
+        throw DorvaneError(DorvaneError::Case::vmSnapshotFailed,
+                           localized("%@ does not name a snapshot of this VM.", mark.string()));
+    SnapshotChainLayout(*chainTool_, bundle).requireDisk(Node::snapshot(*parentID));
+    chainTool_->retargetBackingUnsafe(disk, former);
+    chainfiles::removeFile(mark);
+}
+
+/// A layer that a half rebased disk still needs may look like one that nothing stands on.
+void SnapshotChainStore::requireNoInterruptedRebase(const VMBundle& bundle) const {
+    const SnapshotChainLayout layout(*chainTool_, bundle);
+    const auto check = [&](const Node& node) {
+        if (chainfiles::isThere(chainfiles::rebasingMark(node.diskURL(bundle)))) layout.requireDisk(node);
+    };
+    check(Node::live());
+    for (const auto& id : snapshotIDsOnDisk(bundle)) check(Node::snapshot(id));
 }
 
 /// The snapshot's file takes up the child's data and then its place. Until that last step the child reads its
@@ -284,8 +332,8 @@ int SnapshotChainStore::depth(const VMBundle& bundle) const {
 }
 
 void SnapshotChainStore::flattenLiveDisk(const VMBundle& bundle) const {
-    if (!SnapshotChainLayout(*chainTool_, bundle).ancestors(Node::live()).empty())
-        chainTool_->rebase(bundle.qcow2Disk(), std::nullopt);
+    const auto ancestors = SnapshotChainLayout(*chainTool_, bundle).ancestors(Node::live());
+    if (!ancestors.empty()) rebase(bundle, Node::live(), ancestors.front(), std::nullopt);
 }
 
 }  // namespace dorvane

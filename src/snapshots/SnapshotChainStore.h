@@ -84,6 +84,10 @@ class SnapshotChainStore : public LiveDiskFlattening {
 
     void undoCapture(const VMBundle& bundle, const UUID& snapshotID, const std::optional<UUID>& parentID,
                      bool restoreHeader) const;
+    void rebase(const VMBundle& bundle, const Node& child, const UUID& formerParentID,
+                const std::optional<UUID>& newParentID) const;
+    void undoRebase(const VMBundle& bundle, const Node& child) const;
+    void requireNoInterruptedRebase(const VMBundle& bundle) const;
     void rewriteHeaderIfPossible(const Path& disk, const std::string& backingPath) const;
     void collapse(const VMBundle& bundle, const UUID& snapshotID, const Node& child,
                   const std::optional<UUID>& grandparentID) const;

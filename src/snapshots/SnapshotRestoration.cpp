@@ -128,7 +128,11 @@ void SnapshotRestoration::swapDisk(const VMSnapshot& snapshot, const SnapshotFil
 void SnapshotRestoration::finish(const Journal& journal) const {
     SnapshotFileCopier::commitStaged(SnapshotFiles::nvramFile(bundle_, os_));
     const bool isStateStaged = isThere(SnapshotFileCopier::stagedCopy(bundle_.savedState()));
-    if (!journal.stateHash || isStateStaged) bundle_.discardSavedState();
+    if (!journal.stateHash || isStateStaged) {
+        bundle_.discardSavedState();
+        // On another disk it would do harm; the journal stays until it is gone.
+        if (bundle_.hasSavedState()) throw FileError("remove", bundle_.savedState(), EBUSY);
+    }
     if (journal.stateHash) {
         SnapshotFileCopier::commitStaged(bundle_.savedState());
         writeFileAtomically(bundle_.savedStateHash(), *journal.stateHash);

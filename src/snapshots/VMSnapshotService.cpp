@@ -38,7 +38,13 @@ Task<std::exception_ptr> outcome(Task<void> task) {
 
 }  // namespace
 
+/// A bundle that has come from elsewhere brings snapshots that no row tells of yet.
 Task<std::vector<VMSnapshotPointer>> VMSnapshotService::listSnapshots(VMRecordPointer vm) {
+    const auto failure = co_await outcome(recover(vm));
+    if (isCancellation(failure)) std::rethrow_exception(failure);
+    if (failure)
+        logger_.error("Could not put the files of %{public}s in order: %{public}s", vm->name,
+                      localizedDescription(failure));
     auto rows = with_.modelContext.fetchSnapshots(vm->id);
     std::reverse(rows.begin(), rows.end());
     co_return rows;

@@ -87,7 +87,9 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
     Task<void> deleteSnapshotLocked(VMSnapshotPointer snapshot, VMRecordPointer vm);
     Task<void> forget(VMSnapshotPointer snapshot, VMRecordPointer vm);
 
-    Task<void> recoverNow(VMRecordPointer vm);
+    /// Whether everything is in order.
+    Task<bool> recoverNow(VMRecordPointer vm);
+    Task<bool> mend(VMRecordPointer vm);
     Task<void> alignRows(VMRecordPointer vm);
     static void undoUnfinished(const VMBundle& bundle, const SnapshotChainStore* chain, const UUID& id);
 

@@ -15,6 +15,8 @@ namespace fs = std::filesystem;
 
 constexpr auto longestRecovery = std::chrono::hours(1);
 constexpr auto recoveryInterval = milliseconds(20);
+constexpr int recoveryAttempts = 5;
+constexpr auto recoveryPause = milliseconds(300);
 
 bool isThere(const Path& path) {
     std::error_code ignored;
@@ -87,18 +89,19 @@ Task<void> VMSnapshotService::recover(VMRecordPointer vm) {
     co_await pollUntil(with_.runtime.clock, longestRecovery, recoveryInterval, isFree);
     if (recovered_.contains(id) || !isDown(*vm)) co_return;
     recovering_.insert(id);
+    bool isDone = false;
     std::exception_ptr failure;
     try {
-        co_await recoverNow(vm);
+        isDone = co_await recoverNow(vm);
     } catch (...) {
         failure = std::current_exception();
     }
     recovering_.erase(id);
     if (failure) std::rethrow_exception(failure);
-    recovered_.insert(id);
+    if (isDone) recovered_.insert(id);
 }
 
-Task<void> VMSnapshotService::recoverNow(VMRecordPointer vm) {
+Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
     const auto bundle = vm->bundle();
     const auto os = vm->osType;
     const auto look = [bundle, os] {
@@ -107,20 +110,37 @@ Task<void> VMSnapshotService::recoverNow(VMRecordPointer vm) {
                 !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty());
     };
     const bool hasWork = co_await inBackground(vm, look);
-    if (!hasWork) co_return;
+    if (!hasWork) co_return true;
     const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
     if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
     co_await ignoreCancellation();
-    const auto work = [this, bundle, os, chain = chainStore(*vm)] {
+    // An emulator that is ending lets go of its locks a moment later.
+    bool isSound = false;
+    std::exception_ptr failure;
+    for (int attempt = 0; attempt < recoveryAttempts; ++attempt) {
+        if (attempt > 0) co_await with_.runtime.clock.sleep(recoveryPause);
+        try {
+            isSound = co_await mend(vm);
+            failure = nullptr;
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (isSound && !failure) co_return true;
+    }
+    if (failure) std::rethrow_exception(failure);
+    logger_.error("The disk layers of VM %{public}s could not be put in order", vm->name);
+    co_return false;
+}
+
+Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
+    const auto work = [this, bundle = vm->bundle(), os = vm->osType, chain = chainStore(*vm)] {
         SnapshotRestoration(copier_, chain, bundle, os).recover();
         removeLeftovers(bundle);
         return chain == nullptr || SnapshotChainRepair(*chain).run(bundle);
     };
     const bool isSound = co_await inBackground(vm, work);
-    if (isSound)
-        co_await alignRows(vm);
-    else
-        logger_.error("The disk layers of VM %{public}s could not be put in order", vm->name);
+    if (isSound) co_await alignRows(vm);
+    co_return isSound;
 }
 
 Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
