@@ -27,7 +27,8 @@ class SnapshotChainRepairs : public test::FakeChainScene {
     bool hasLeftovers() const {
         for (const auto& [path, bytes] : files())
             if (path.string().ends_with(".capturing") || path.string().ends_with(".merging") ||
-                path.string().ends_with(".deleted") || path == discarded() || path == restoring())
+                path.string().ends_with(".deleted") || path.string().ends_with(".rebasing") ||
+                path == discarded() || path == restoring())
                 return true;
         return false;
     }
@@ -175,6 +176,39 @@ TEST_F(SnapshotChainRepairs, AnInterruptedMergeIsFinished) {
         test::FakeChainTool::guestWrites(live(), "live", "live's own");
         test::FakeChainTool::guestWrites(live(), "common", "by live");
     }
+}
+
+TEST_F(SnapshotChainRepairs, AnInterruptedRebaseGoesBackToItsFormerLayer) {
+    const auto before = contents();
+    const struct {
+        Path disk;
+        std::string former;
+        std::optional<std::string> target;
+    } states[] = {{live(), Node::live().backingPath(C), std::nullopt},
+                  {disk(E), Node::snapshot(E).backingPath(D), Node::snapshot(E).backingPath(A)}};
+    for (const auto& state : states) {
+        const Path mark = state.disk.string() + ".rebasing";
+        for (const bool isBegun : {false, true}) {
+            SCOPED_TRACE(state.disk);
+            writeFileAtomically(mark, state.former);
+            if (isBegun) tool->retargetBackingUnsafe(state.disk, state.target);
+            // Until then nothing builds on it, and nothing that it may still need goes away.
+            const auto left = files();
+            EXPECT_THROW(store.deleteSnapshot(bundle, D), DorvaneError);
+            EXPECT_THROW(store.deleteSnapshot(bundle, F), DorvaneError);
+            EXPECT_EQ(files(), left);
+            expectMended();
+            EXPECT_EQ(contents(), before);
+        }
+    }
+    // A mark that leads elsewhere is not followed.
+    writeFileAtomically(live().string() + ".rebasing", "../../Other/" + C.text() + "/disk.qcow2");
+    EXPECT_THROW(store.capture(bundle, N), DorvaneError);
+    const auto left = files();
+    EXPECT_FALSE(repair.run(bundle));
+    EXPECT_EQ(files(), left);
+    store.restore(bundle, C);
+    expectMended();
 }
 
 /// What doesn't fit any interruption is somebody's data until proven otherwise.

@@ -84,6 +84,7 @@ std::unique_ptr<VMBackupService> AppState::makeBackupService() {
         .fileManager = host_.files,
         .host = host_.system,
         .modelContext = &modelContext_,
+        .recovery = snapshotService_.get(),
         .appVersion = host_.version,
         // The engine is a part of the program.
         .engineVersion = host_.version,

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+// Archives that other ZIP programs read and write: Info-ZIP, bsdtar, Python.
+#include <fcntl.h>
+
+#include "backup/RealBackup.h"
+#include "base/RandomBytes.h"
+#include "snapshots/VMBackupServiceUnpacking.h"
+
+namespace dorvane::test {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+class BackupPeers : public testing::Test, protected RealBackupScene {
+  protected:
+    Path work = backups / "work";
+    BackupPeers() { fs::create_directories(work); }
+
+    /// More than 4 GiB with data at both ends, so that sizes need ZIP64.
+    void makeLarge(const VMBundle& bundle) const {
+        const auto random = randomBytes(3 << 20);
+        const FileDescriptor fd(::open(bundle.rawDisk().c_str(), O_WRONLY | O_CLOEXEC));
+        ASSERT_EQ(::ftruncate(fd.get(), (std::int64_t{4} << 30) + (700 << 20) + 12345), 0);
+        for (const auto at : {std::int64_t{0}, (std::int64_t{4} << 30) + (600 << 20) + 77})
+            ASSERT_EQ(::pwrite(fd.get(), random.data(), random.size(), at),
+                      static_cast<ssize_t>(random.size()));
+    }
+};
+
+TEST_F(BackupPeers, OthersReadWhatThisProgramPacks) {
+    const auto source = addVM("source");
+    fs::create_directories(source->bundle().directoryURL / "leer");
+    writeFileAtomically(source->bundle().directoryURL / "größe (1).txt", "umlauts");
+    run(service.exportBackup(source, archive, {}));
+    const auto at = " '" + archive.string() + "' ", below = " '" + work.string() + "' ";
+    const auto theirs = " '" + (work / "source").string() + "' ", ours = " '" + source->vmPath + "' ";
+
+    EXPECT_TRUE(shell("unzip -tqq" + at));
+    EXPECT_TRUE(
+        shell("python3 -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
+              "sys.exit(z.testzip() is not None)'" +
+              at));
+    EXPECT_TRUE(shell("bsdtar -xSf" + at + "-C" + below + "&& diff -r --no-dereference" + theirs + ours));
+    EXPECT_TRUE(shell("cat" + at + "| bsdtar -tf - | grep -q '^source/leer/$'"))
+        << "also without its directory";
+    const auto roots = "unzip -Z1" + at + "| cut -d/ -f1 | sort -u | tr '\\n' ' '";
+    EXPECT_TRUE(shell("test \"$(" + roots + ")\" = 'manifest.json source vm-record.json '"));
+}
+
+TEST_F(BackupPeers, ADiskAboveFourGigabytesIsReadByOthersAndComesBackWithItsHoles) {
+    const auto source = addVM("source");
+    makeLarge(source->bundle());
+    run(service.exportBackup(source, archive, {}));
+    EXPECT_LT(fs::file_size(archive), std::uint64_t{16} << 20);
+    const auto at = " '" + archive.string() + "' ";
+    EXPECT_TRUE(shell("unzip -tqq" + at));
+    EXPECT_TRUE(shell("bsdtar -tvf" + at +
+                      fmt::format("| grep -q ' {} .*disk.img'", source->bundle().diskImageLogicalSize())));
+    EXPECT_TRUE(
+        shell(fmt::format("test \"$(zipinfo -t{} | sed -E 's/.* ([0-9]+) bytes uncompressed.*/\\1/')\" = {}",
+                          at, *zipUncompressedBytes(archive))));
+
+    const auto vm = run(service.restoreBackup(archive, "copy", {}));
+    const auto copy = " '" + vm->bundle().rawDisk().string() + "' ";
+    EXPECT_TRUE(shell("cmp '" + source->bundle().rawDisk().string() + "'" + copy));
+    EXPECT_TRUE(shell("test \"$(du -k" + copy + "| cut -f1)\" -le 7000"));
+}
+
+TEST_F(BackupPeers, RestoresWhatOthersPack) {
+    const auto source = addVM("source");
+    writeFileAtomically(source->bundle().directoryURL / "größe (1).txt", "umlauts");
+    run(service.exportBackup(source, archive, {}));
+    ASSERT_TRUE(shell("unzip -qq '" + archive.string() + "' -d '" + work.string() + "'"));
+    auto expected = everythingIn(source->vmPath);
+    for (const auto* gone :
+         {"state.vzvmsave", "state.vzvmsave.hash", "state.vzvmsave.devices", "ephemeral.json", "config.json"})
+        expected.erase(gone);
+
+    const auto python = [](const std::string& how) {
+        return "python3 -c 'import os, sys, zipfile\n"
+               "z = zipfile.ZipFile(" +
+               how +
+               ")\n"
+               "for root, folders, files in os.walk(\".\"):\n"
+               "    for f in files: z.write(os.path.join(root, f))\n"
+               "z.close()' \"$A\"";
+    };
+    const std::vector<std::string> packers{
+        "zip -qr -y \"$A\" .",
+        "zip -qr -y -0 \"$A\" .",
+        "zip -qr - . -x '*/latest*' | cat >\"$A\"",
+        "bsdtar -c --format zip -f \"$A\" *",
+        "bsdtar -c --format zip --options zip:compression=store -f \"$A\" *",
+        "bsdtar -c --format zip * | cat >\"$A\"",
+        python("sys.argv[1], \"w\", zipfile.ZIP_DEFLATED"),
+        python("sys.argv[1], \"w\", zipfile.ZIP_STORED"),
+        python("open(\"/dev/stdout\", \"wb\", buffering=0), \"w\", zipfile.ZIP_DEFLATED") + " | cat >\"$A\"",
+    };
+    for (std::size_t i = 0; i < packers.size(); ++i) {
+        const auto packed = backups / (std::to_string(i) + ".zip");
+        ASSERT_TRUE(shell("A='" + packed.string() + "'; cd '" + work.string() + "'; " + packers[i]))
+            << packers[i];
+        const auto name = "copy " + std::to_string(i);
+        try {
+            const auto vm = run(service.restoreBackup(packed, name, {}));
+            auto contents = everythingIn(vm->vmPath);
+            contents.erase("config.json");
+            // Python follows links to files and leaves those to folders out; a stream can't hold links.
+            auto wanted = expected;
+            wanted.erase("Snapshots/latest");
+            contents.erase("Snapshots/latest");
+            EXPECT_EQ(contents, wanted) << packers[i];
+        } catch (const std::exception& error) {
+            ADD_FAILURE() << packers[i] << ": " << error.what();
+        }
+    }
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"zip -qr -P secret \"$A\" .", "encrypted"},
+        {python("sys.argv[1], \"w\", zipfile.ZIP_BZIP2"), "method 12"},
+        {python("sys.argv[1], \"w\", zipfile.ZIP_LZMA"), "method 14"},
+        {"bsdtar -c --format 7zip -f \"$A\" *", "not a ZIP archive"},
+        {"cd ..; zip -qr \"$A\" work", "holds no \"manifest.json\""},
+    };
+    for (const auto& [packer, words] : refused) {
+        const auto packed = backups / "refused.zip";
+        fs::remove(packed);
+        ASSERT_TRUE(shell("A='" + packed.string() + "'; cd '" + work.string() + "'; " + packer)) << packer;
+        EXPECT_THAT(failureOf(service.restoreBackup(packed, "refused", {})).text(), HasSubstr(words))
+            << packer;
+    }
+    std::printf("%zu packers restored, %zu refused\n", packers.size(), refused.size());
+}
+
+}  // namespace
+}  // namespace dorvane::test

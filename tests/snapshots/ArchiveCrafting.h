@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+// ZIP archives byte by byte, also such as no honest program makes.
+#pragma once
+
+#include <sys/stat.h>
+#include <zlib.h>
+
+#include <optional>
+
+#include "snapshots/ArchiveFormat.h"
+
+namespace dorvane::test {
+
+inline Bytes rawDeflated(std::string_view text) {
+    z_stream stream{};
+    if (::deflateInit2(&stream, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK) throw std::bad_alloc();
+    Bytes out(::deflateBound(&stream, text.size()) + 16);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = out.data();
+    stream.avail_out = static_cast<uInt>(out.size());
+    ::deflate(&stream, Z_FINISH);
+    out.resize(stream.total_out);
+    ::deflateEnd(&stream);
+    return out;
+}
+
+/// One entry; what is set here stands in the archive instead of the truth.
+struct CraftedEntry {
+    std::string name;
+    std::string content = {};
+    bool isDeflated = false;
+    std::optional<unsigned> mode = S_IFREG | 0644;
+    std::uint16_t flags = 0;
+    std::optional<std::string> localName = {};
+    std::optional<std::uint16_t> method = {};
+    std::optional<std::uint32_t> crc = {};
+    std::optional<std::uint32_t> size = {}, compressedSize = {}, offset = {};
+    std::optional<Bytes> data = {};
+};
+
+inline CraftedEntry craftedFolder(std::string name) {
+    CraftedEntry entry{std::move(name)};
+    entry.mode = S_IFDIR | 0755;
+    return entry;
+}
+inline CraftedEntry craftedLink(std::string name, std::string target) {
+    CraftedEntry entry{std::move(name), std::move(target)};
+    entry.mode = S_IFLNK | 0777;
+    return entry;
+}
+
+inline Bytes craftedArchive(const std::vector<CraftedEntry>& entries, std::string_view comment = {},
+                            std::optional<std::uint16_t> count = {},
+                            std::optional<std::uint32_t> directory = {}) {
+    Bytes out, central;
+    for (const auto& entry : entries) {
+        const auto data = entry.data         ? *entry.data
+                          : entry.isDeflated ? rawDeflated(entry.content)
+                                             : toBytes(entry.content);
+        const auto offset = static_cast<std::uint32_t>(out.size());
+        const auto common = [&](Bytes& header, const std::string& name) {
+            zip::append(header, zip::plainVersion);
+            zip::append(header, entry.flags);
+            zip::append(header, entry.method.value_or(entry.isDeflated ? zip::deflated : zip::stored));
+            zip::append(header, std::uint32_t{0x00210000});  // time and date
+            const auto content = asBytes(entry.content);
+            zip::append(
+                header,
+                entry.crc.value_or(static_cast<std::uint32_t>(::crc32_z(0, content.data(), content.size()))));
+            zip::append(header, entry.compressedSize.value_or(static_cast<std::uint32_t>(data.size())));
+            zip::append(header, entry.size.value_or(static_cast<std::uint32_t>(entry.content.size())));
+            zip::append(header, static_cast<std::uint16_t>(name.size()));
+            zip::append(header, std::uint16_t{0});
+        };
+        zip::append(out, zip::localHeaderSignature);
+        const auto localName = entry.localName.value_or(entry.name);
+        common(out, localName);
+        out.insert(out.end(), localName.begin(), localName.end());
+        out.insert(out.end(), data.begin(), data.end());
+        zip::append(central, zip::centralHeaderSignature);
+        zip::append(central, static_cast<std::uint16_t>((entry.mode ? zip::madeOnUnix : 0) << 8 | 20));
+        common(central, entry.name);
+        zip::append(central, std::uint32_t{0});
+        zip::append(central, std::uint16_t{0});
+        zip::append(central, entry.mode.value_or(0) << 16);
+        zip::append(central, entry.offset.value_or(offset));
+        central.insert(central.end(), entry.name.begin(), entry.name.end());
+    }
+    const auto place = directory.value_or(static_cast<std::uint32_t>(out.size()));
+    out.insert(out.end(), central.begin(), central.end());
+    zip::append(out, zip::endSignature);
+    zip::append(out, std::uint32_t{0});
+    const auto number = count.value_or(static_cast<std::uint16_t>(entries.size()));
+    zip::append(out, number);
+    zip::append(out, number);
+    zip::append(out, static_cast<std::uint32_t>(central.size()));
+    zip::append(out, place);
+    zip::append(out, static_cast<std::uint16_t>(comment.size()));
+    out.insert(out.end(), comment.begin(), comment.end());
+    return out;
+}
+
+}  // namespace dorvane::test
