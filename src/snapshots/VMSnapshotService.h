@@ -91,6 +91,7 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
     Task<bool> recoverNow(VMRecordPointer vm);
     Task<bool> mend(VMRecordPointer vm);
     Task<void> alignRows(VMRecordPointer vm);
+    Task<void> followLayer(VMSnapshotPointer row, VMRecordPointer vm, std::optional<UUID> parentID);
     static void undoUnfinished(const VMBundle& bundle, const SnapshotChainStore* chain, const UUID& id);
 
     const VMSnapshotServiceCollaborators with_;

@@ -34,6 +34,8 @@ struct FoundSnapshot {
     bool hasDisk = false;
     bool isDescribed = false;
     std::optional<SnapshotMetadata> metadata;
+    /// What its layer really stands on; only for layers of a chain.
+    std::optional<UUID> parentID = {};
 };
 
 FoundSnapshot examine(const VMBundle& bundle, VMOSType os, const UUID& id) {
@@ -47,12 +49,18 @@ FoundSnapshot examine(const VMBundle& bundle, VMOSType os, const UUID& id) {
     return found;
 }
 
-std::vector<FoundSnapshot> examineAll(const VMBundle& bundle, VMOSType os) {
+std::vector<FoundSnapshot> examineAll(const VMBundle& bundle, VMOSType os, const SnapshotChainStore* chain) {
     std::vector<FoundSnapshot> all;
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory(), ignored)) {
         const auto id = UUID::parse(entry.path().filename().string());
         if (id && entry.is_directory(ignored)) all.push_back(examine(bundle, os, *id));
+    }
+    if (chain == nullptr) return all;
+    for (auto& found : all) {
+        if (!found.hasDisk) continue;
+        const auto disk = SnapshotChainNode::snapshot(found.id).diskURL(bundle);
+        found.parentID = SnapshotChainNode::snapshotID(chain->chainTool().backingPath(disk).value_or(""));
     }
     return all;
 }
@@ -145,12 +153,18 @@ Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
 
 Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
     const auto* chain = chainStore(*vm);
-    const auto look = [bundle = vm->bundle(), os = vm->osType] { return examineAll(bundle, os); };
+    const auto look = [bundle = vm->bundle(), os = vm->osType, chain] {
+        return examineAll(bundle, os, chain);
+    };
     const auto all = co_await inBackground(vm, look);
     const auto rows = with_.modelContext.fetchSnapshots(vm->id);
     for (const auto& row : rows) {
         const auto isIts = [&](const auto& found) { return found.id == row->id && found.hasDisk; };
-        if (std::ranges::any_of(all, isIts)) continue;
+        const auto found = std::ranges::find_if(all, isIts);
+        if (found != all.end()) {
+            if (row->storage() == VMSnapshotStorage::chain) co_await followLayer(row, vm, found->parentID);
+            continue;
+        }
         logger_.error("Snapshot '%{public}s' of VM %{public}s has lost its files", row->name, vm->name);
         co_await forget(row, vm);
     }
@@ -160,6 +174,7 @@ Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
             auto row = std::make_shared<VMSnapshot>();
             static_cast<VMSnapshotFields&>(*row) = found.metadata->row(vm->id);
             row->id = found.id;
+            if (chain != nullptr) row->parentSnapshotID = found.parentID;
             with_.modelContext.insert(row);
             logger_.info("Took over snapshot '%{public}s' of VM %{public}s from its files", row->name,
                          vm->name);
@@ -174,6 +189,16 @@ Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
         }
     }
     with_.modelContext.save();
+}
+
+/// A deletion that was cut short may have put a layer on another one already.
+Task<void> VMSnapshotService::followLayer(VMSnapshotPointer row, VMRecordPointer vm,
+                                          std::optional<UUID> parentID) {
+    if (row->parentSnapshotID == parentID) co_return;
+    row->parentSnapshotID = parentID;
+    const auto rewrite = [file = SnapshotMetadata::file(vm->bundle(), row->id),
+                          fields = VMSnapshotFields(*row)] { SnapshotMetadata::of(fields).write(file); };
+    co_await inBackground(vm, rewrite);
 }
 
 /// Nobody was told of it. A layer's data goes into what stands on it; one that nothing stands on is left
