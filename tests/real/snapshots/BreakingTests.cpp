@@ -246,7 +246,8 @@ TEST(BrokenSnapshots, NoStepThatFailsOrDiesLosesAnything) {
     int cases = 0;
     for (const auto& operation : operations) {
         for (const auto kind : {FaultKind::kill, FaultKind::error}) {
-            for (int step = 1;; ++step) {
+            const int stride = kind == FaultKind::kill || std::getenv("DORVANE_THOROUGH") != nullptr ? 1 : 3;
+            for (int step = 1;; step += stride) {
                 SCOPED_TRACE(operation.name + ", step " + std::to_string(step) +
                              (kind == FaultKind::kill ? " killed" : " failed"));
                 const auto copy = folder / "copy";
