@@ -52,7 +52,7 @@ TEST(VMBackupRecordSnapshot, TakesOverWhatTheUserSaid) {
     vm.memoryMB = 4096;
     vm.cpuCount = 4;
     vm.imageSource = "restore.ipsw";
-    vm.sharedFolders = {{UUID::random(), "/home/u/share", "share", true}};
+    vm.sharedFolders = {{UUID::random(), "/somewhere/share", "share", true}};
     vm.pendingInstallerImagePath = "/iso/a.iso";
     vm.mountedImages = {{"/iso/b.iso"}};
     vm.displayResolution = DisplayResolution{1440, 900};
