@@ -21,8 +21,8 @@ class Host {
     explicit Host(const Runtime& runtime) : runtime_(runtime) {
         for (const auto* name : {"Ubuntu", "Windows 11", "macOS"}) vmService_.add(name);
         handler_ = std::make_shared<MCPRequestHandler>(
-            runtime, MCPToolContext::Services{vmService_, nullptr, nullptr, nullptr, settings_},
-            nullptr, "0", [this] { return server_.endpointToken(); });
+            runtime, MCPToolContext::Services{vmService_, nullptr, nullptr, nullptr, settings_}, nullptr, "0",
+            [this] { return server_.endpointToken(); });
         server_.attachHandler(handler_);
         server_.changed.connect([this] { tell(); });
         const auto probe = listenLoopback(0);

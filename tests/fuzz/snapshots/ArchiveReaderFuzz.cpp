@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any bytes as an archive: either refused with an ArchiveError, or read without a byte outside of them, every entry
-// with a safe name of its own and exactly the size that it claims.
+// Any bytes as an archive: either refused with an ArchiveError, or read without a byte outside of them, every
+// entry with a safe name of its own and exactly the size that it claims.
 #include <set>
 
 #include "snapshots/ArchiveEntryNames.h"
@@ -18,7 +18,8 @@ class Memory : public ArchiveSource {
     std::uint64_t size() const override { return bytes_.size(); }
     std::size_t readAt(std::uint64_t offset, std::span<std::uint8_t> into) const override {
         if (offset > bytes_.size()) __builtin_trap();
-        const auto count = std::min<std::size_t>(into.size(), bytes_.size() - static_cast<std::size_t>(offset));
+        const auto count =
+            std::min<std::size_t>(into.size(), bytes_.size() - static_cast<std::size_t>(offset));
         std::copy_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offset), count, into.begin());
         return count;
     }

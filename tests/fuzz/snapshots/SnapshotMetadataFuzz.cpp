@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any bytes as a snapshot's "meta.json": either refused with a JSONError, or read and written back to an equal
-// value.
+// Any bytes as a snapshot's "meta.json": either refused with a JSONError, or read and written back to an
+// equal value.
 #include "snapshots/SnapshotMetadata.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

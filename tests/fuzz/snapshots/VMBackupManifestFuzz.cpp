@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any bytes as a backup's descriptions: either refused with a JSONError, or read and written back to an equal value.
+// Any bytes as a backup's descriptions: either refused with a JSONError, or read and written back to an equal
+// value.
 #include "snapshots/VMBackupManifest.h"
 
 namespace {
