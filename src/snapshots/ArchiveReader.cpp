@@ -91,7 +91,12 @@ std::uint64_t ArchiveReader::dataOffset(const ArchiveEntry& entry) const {
     const auto name = readArchive(*source_, entry.headerOffset + zip::localHeaderBytes, nameBytes);
     const auto expected = entry.kind == ArchiveEntryKind::directory ? entry.name + "/" : entry.name;
     if (asText(name) != expected) throw damaged();
-    return entry.headerOffset + zip::localHeaderBytes + nameBytes + zip::load<std::uint16_t>(p + 28);
+    const auto offset =
+        entry.headerOffset + zip::localHeaderBytes + nameBytes + zip::load<std::uint16_t>(p + 28);
+    // The local header has a say of its own about where the data begins.
+    const auto end = source_->size();
+    if (offset > end || entry.compressedSize > end - offset) throw damaged();
+    return offset;
 }
 
 std::string ArchiveReader::readText(const ArchiveEntry& entry, std::size_t limit) const {
