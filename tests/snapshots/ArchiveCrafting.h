@@ -37,6 +37,8 @@ struct CraftedEntry {
     std::optional<std::uint32_t> crc = {};
     std::optional<std::uint32_t> size = {}, compressedSize = {}, offset = {};
     std::optional<Bytes> data = {};
+    /// How much stands between name and data, by the local header only.
+    std::uint16_t localExtraBytes = 0;
 };
 
 inline CraftedEntry craftedFolder(std::string name) {
@@ -59,7 +61,7 @@ inline Bytes craftedArchive(const std::vector<CraftedEntry>& entries, std::strin
                           : entry.isDeflated ? rawDeflated(entry.content)
                                              : toBytes(entry.content);
         const auto offset = static_cast<std::uint32_t>(out.size());
-        const auto common = [&](Bytes& header, const std::string& name) {
+        const auto common = [&](Bytes& header, const std::string& name, std::uint16_t extraBytes) {
             zip::append(header, zip::plainVersion);
             zip::append(header, entry.flags);
             zip::append(header, entry.method.value_or(entry.isDeflated ? zip::deflated : zip::stored));
@@ -71,16 +73,16 @@ inline Bytes craftedArchive(const std::vector<CraftedEntry>& entries, std::strin
             zip::append(header, entry.compressedSize.value_or(static_cast<std::uint32_t>(data.size())));
             zip::append(header, entry.size.value_or(static_cast<std::uint32_t>(entry.content.size())));
             zip::append(header, static_cast<std::uint16_t>(name.size()));
-            zip::append(header, std::uint16_t{0});
+            zip::append(header, extraBytes);
         };
         zip::append(out, zip::localHeaderSignature);
         const auto localName = entry.localName.value_or(entry.name);
-        common(out, localName);
+        common(out, localName, entry.localExtraBytes);
         out.insert(out.end(), localName.begin(), localName.end());
         out.insert(out.end(), data.begin(), data.end());
         zip::append(central, zip::centralHeaderSignature);
         zip::append(central, static_cast<std::uint16_t>((entry.mode ? zip::madeOnUnix : 0) << 8 | 20));
-        common(central, entry.name);
+        common(central, entry.name, 0);
         zip::append(central, std::uint32_t{0});
         zip::append(central, std::uint16_t{0});
         zip::append(central, entry.mode.value_or(0) << 16);

@@ -316,6 +316,7 @@ TEST_F(ArchiveTest, DishonestArchivesAreRefusedAndNothingLeavesTheFolder) {
                          }()}),
          "over each other"},
         {"offset outside", file("a", [](auto& entry) { entry.offset = 0x7FFFFFFF; }), "outside"},
+        {"data beyond the end", file("a", [](auto& entry) { entry.localExtraBytes = 60000; }), "broken"},
         {"offset in the middle", file("a", [](auto& entry) { entry.offset = 3; }), ""},
         {"folder with content", craftedArchive({[] {
              auto entry = craftedFolder("d/");
