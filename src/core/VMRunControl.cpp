@@ -72,6 +72,8 @@ void VMRunControl::requireStartable(const VMRecord& vm) const {
 }
 
 Task<void> VMRunControl::start(VMRecordPointer vm) {
+    // While an earlier process's work is being made good, the machine is held.
+    if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
     requireStartable(*vm);
     const StartMark mark(starting_, vm->id);
     // What the last run's watcher still has to tell is not about this run.
@@ -79,7 +81,6 @@ Task<void> VMRunControl::start(VMRecordPointer vm) {
     access_.open(*vm);
     Plan plan;
     try {
-        if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
         plan = co_await prepare(vm);
         // Nobody may have taken the machine's files meanwhile.
         with_.gate.requireFree(vm->id, vm->name);

@@ -149,7 +149,8 @@ Task<void> VMBackupService::attempt(Restore& restore, VMBackupProgressHandler pr
     const VMOperationGate::Hold hold(with_.gate, restore.id, restore.name);
 
     const VMBackupInstallOrder order{restore.staging, restore.destination,   with_.fileManager,
-                                     with_.host,      with_.translateBundle, with_.step};
+                                     with_.host,      with_.translateBundle, with_.step,
+                                     with_.chainTool};
     tell(progress, Phase::extracting, 0);
     const auto unpack = [&] { unpackBackup(*restore.archive, order, restore.control); };
     {

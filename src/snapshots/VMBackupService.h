@@ -10,6 +10,7 @@
 #include "core/VMBundleRecovering.h"
 #include "core/VMOperationGate.h"
 #include "platform/FileManager.h"
+#include "qemu/QCOW2ChainToolProtocol.h"
 #include "runtime/Runtime.h"
 #include "snapshots/VMBackupServicePacking.h"
 #include "snapshots/VMBackupServiceProtocol.h"
@@ -28,6 +29,8 @@ struct VMBackupServiceCollaborators {
     ModelContext* modelContext = nullptr;
     /// Sees to a machine's files before they are packed; null: nobody need.
     VMBundleRecovering* recovery = nullptr;
+    /// Null: no machine with snapshots in layers can be restored.
+    const QCOW2ChainToolProtocol* chainTool = nullptr;
     /// As they stand in manifests.
     std::string appVersion = {};
     std::string engineVersion = {};

@@ -12,6 +12,7 @@
 #include "core/VMIdentityFactory.h"
 #include "snapshots/ArchiveReaderExtract.h"
 #include "snapshots/HolePunching.h"
+#include "snapshots/SnapshotIdentity.h"
 
 namespace dorvane {
 namespace {
@@ -200,6 +201,11 @@ DorvaneVMConfig installBackup(const VMBackupArchive& archive, const VMBackupInst
         throw restoreFailure(
             localized("The backup holds no complete VM: its config or system disk is missing."));
     step("give identity");
+    try {
+        rotateSnapshotIdentities(bundle, order.chainTool);
+    } catch (const JSONError& error) {
+        throw restoreFailure(localized("The description of a snapshot can't be read: %@", error.what()));
+    }
     DorvaneVMConfig config;
     try {
         config = VMIdentityFactory::rotatedIdentity(DorvaneVMConfig::read(bundle.configFile()), order.host);

@@ -5,6 +5,7 @@
 #include "core/DorvaneVMConfig.h"
 #include "platform/FileManager.h"
 #include "platform/HostSystem.h"
+#include "qemu/QCOW2ChainToolProtocol.h"
 #include "snapshots/ArchiveReader.h"
 #include "snapshots/VMBackupManifest.h"
 #include "snapshots/VMBackupServicePacking.h"
@@ -55,6 +56,8 @@ struct VMBackupInstallOrder {
     /// Brings a bundle of an older layout up to date; may be empty.
     std::function<void(const VMBundle&)> translateBundle;
     VMBackupStepObserver step;
+    /// For a machine whose disk has layers; null: such a one can't be installed.
+    const QCOW2ChainToolProtocol* chainTool = nullptr;
 };
 
 /// Unpacks the VM directory into the staging directory, for as long as the disk has room. Throws

@@ -59,8 +59,8 @@ bool VMSnapshotService::isDown(const VMRecord& vm) const {
 /// Whatever is awaited here, the machine is free and not being started when it returns.
 Task<void> VMSnapshotService::beginOperation(VMRecordPointer vm) {
     if (vm->isDeleted) throw DorvaneError::vmNotFound(vm->id);
-    with_.gate.requireFree(vm->id, vm->name);
     if (isDown(*vm)) co_await recover(vm);
+    with_.gate.requireFree(vm->id, vm->name);
     if (vm->isDeleted) throw DorvaneError::vmNotFound(vm->id);
     if (with_.isStarting && with_.isStarting(vm->id)) throw DorvaneError(Case::vmBusy, vm->name);
 }

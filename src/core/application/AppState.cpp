@@ -85,6 +85,7 @@ std::unique_ptr<VMBackupService> AppState::makeBackupService() {
         .host = host_.system,
         .modelContext = &modelContext_,
         .recovery = snapshotService_.get(),
+        .chainTool = qemu_.chainStore() != nullptr ? &qemu_.chainStore()->chainTool() : nullptr,
         .appVersion = host_.version,
         // The engine is a part of the program.
         .engineVersion = host_.version,
