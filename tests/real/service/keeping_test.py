@@ -138,6 +138,7 @@ class KeepingTest(unittest.TestCase):
             self.kill_service()
             client.wait()
             self.assertFalse(archive.exists() and not zipfile.is_zipfile(archive))
+        self.run_words("snapshot", "take", guest, "in the backup")
         names = self.snapshots()
         self.run_words("backup", guest, str(archive), "--yes")
         self.assertIsNone(zipfile.ZipFile(archive).testzip())
@@ -153,6 +154,9 @@ class KeepingTest(unittest.TestCase):
                 self.run_words("delete", "Copy", "--yes")
         self.run_words("restore", str(archive), "--name", "Copy")
         self.assertEqual(self.snapshots("Copy"), names)
+        self.assertEqual(self.snapshots(), names)
+        both = [row["id"] for name in (guest, "Copy") for row in self.home.json("snapshot", "list", name)]
+        self.assertEqual(len(set(both)), len(both))
         self.assertNotEqual(self.home.json_file(self.bundle("Copy") / "config.json")["macAddress"],
                             self.home.json_file(self.bundle() / "config.json")["macAddress"])
         self.run_words("start", "Copy")
