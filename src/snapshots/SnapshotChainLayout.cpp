@@ -2,6 +2,8 @@
 #include "snapshots/SnapshotChainLayout.h"
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 
 #include "base/Localized.h"
 #include "core/DorvaneError.h"
@@ -15,20 +17,33 @@ template <typename... Arguments>
     throw DorvaneError(DorvaneError::Case::vmSnapshotFailed, localized(sentence, arguments...));
 }
 
+/// Whether the image's clusters stand in another file (QEMU's docs/interop/qcow2.txt: bit 2 of the
+/// incompatible features, which headers have from version 3 on).
+bool keepsDataElsewhere(const Path& image) {
+    constexpr std::uint32_t magic = 0x514649FB;
+    constexpr std::size_t versionOffset = 4, lowFeaturesOffset = 76;
+    constexpr std::uint32_t externalData = 1 << 2;
+    std::array<std::uint8_t, 80> header{};
+    std::ifstream file(image, std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(header.data()), header.size())) return false;
+    return loadBE32(header.data()) == magic && loadBE32(header.data() + versionOffset) >= 3 &&
+           (loadBE32(header.data() + lowFeaturesOffset) & externalData) != 0;
+}
+
 }  // namespace
 
 void SnapshotChainLayout::requireDisk(const SnapshotChainNode& node) const {
     const auto disk = node.diskURL(bundle_);
     if (!node.isLive()) {
         for (const auto& directory : {bundle_.snapshotsDirectory(), disk.parent_path()})
-            if (chainfiles::isThere(directory) && !chainfiles::isDirectory(directory))
+            if (isThere(directory) && !chainfiles::isDirectory(directory))
                 refuse("The snapshot folder %@ is not a folder.", directory.string());
     }
-    if (chainfiles::isThere(chainfiles::rebasingMark(disk)))
+    if (isThere(chainfiles::rebasingMark(disk)))
         refuse("A change to the disk %@ was interrupted and is not mended yet.", disk.string());
-    if (chainfiles::isRegularFile(disk)) return;
-    if (chainfiles::isThere(disk)) refuse("The disk %@ is not a plain file.", disk.string());
-    refuse("The disk %@ is missing.", disk.string());
+    if (!isThere(disk)) refuse("The disk %@ is missing.", disk.string());
+    if (!chainfiles::isRegularFile(disk)) refuse("The disk %@ is not a plain file.", disk.string());
+    if (keepsDataElsewhere(disk)) refuse("The disk %@ keeps its data in another file.", disk.string());
 }
 
 std::optional<UUID> SnapshotChainLayout::parent(const SnapshotChainNode& node) const {
@@ -53,6 +68,18 @@ std::vector<UUID> SnapshotChainLayout::ancestors(const SnapshotChainNode& node) 
         next = parent(SnapshotChainNode::snapshot(*next));
     }
     return chain;
+}
+
+void SnapshotChainLayout::requireOwnLayers() const {
+    const auto check = [this](const SnapshotChainNode& node) {
+        if (isThere(node.diskURL(bundle_))) ancestors(node);
+    };
+    check(SnapshotChainNode::live());
+    const auto folder = bundle_.snapshotsDirectory();
+    if (!chainfiles::isDirectory(folder)) return;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (const auto id = UUID::parse(entry.path().filename().string()))
+            check(SnapshotChainNode::snapshot(*id));
 }
 
 }  // namespace dorvane

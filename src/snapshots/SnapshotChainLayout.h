@@ -16,12 +16,15 @@ class SnapshotChainLayout {
     SnapshotChainLayout(const QCOW2ChainToolProtocol& tool, const VMBundle& bundle)
         : tool_(tool), bundle_(bundle) {}
 
-    /// The node's disk must be a plain file in plain directories, and not in the middle of a rebase.
+    /// The node's disk must be a plain file in plain directories that keeps its data itself, and not in the
+    /// middle of a rebase.
     void requireDisk(const SnapshotChainNode& node) const;
     /// What the node's header names, which must be absent or another snapshot in exactly the node's form.
     std::optional<UUID> parent(const SnapshotChainNode& node) const;
     /// All that the node stands on, the nearest first, without gap or circle.
     std::vector<UUID> ancestors(const SnapshotChainNode& node) const;
+    /// Every qcow2 disk in the bundle, live or frozen, stands on the bundle's own files alone.
+    void requireOwnLayers() const;
 
   private:
     const QCOW2ChainToolProtocol& tool_;

@@ -12,6 +12,7 @@
 #include "core/VMIdentityFactory.h"
 #include "snapshots/ArchiveReaderExtract.h"
 #include "snapshots/HolePunching.h"
+#include "snapshots/SnapshotChainLayout.h"
 #include "snapshots/SnapshotIdentity.h"
 
 namespace dorvane {
@@ -203,6 +204,8 @@ DorvaneVMConfig installBackup(const VMBackupArchive& archive, const VMBackupInst
     step("give identity");
     try {
         rotateSnapshotIdentities(bundle, order.chainTool);
+        // A backup may come from anybody: its disks must not lead to files of this host.
+        if (order.chainTool != nullptr) SnapshotChainLayout(*order.chainTool, bundle).requireOwnLayers();
     } catch (const JSONError& error) {
         throw restoreFailure(localized("The description of a snapshot can't be read: %@", error.what()));
     }

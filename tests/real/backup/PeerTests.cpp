@@ -4,6 +4,8 @@
 
 #include "backup/RealBackup.h"
 #include "base/RandomBytes.h"
+#include "qemu/QEMUImageChainTool.h"
+#include "snapshots/SnapshotChainNode.h"
 #include "snapshots/VMBackupServiceUnpacking.h"
 
 namespace dorvane::test {
@@ -65,6 +67,50 @@ TEST_F(BackupPeers, ADiskAboveFourGigabytesIsReadByOthersAndComesBackWithItsHole
     const auto copy = " '" + vm->bundle().rawDisk().string() + "' ";
     EXPECT_TRUE(shell("cmp '" + source->bundle().rawDisk().string() + "'" + copy));
     EXPECT_TRUE(shell("test \"$(du -k" + copy + "| cut -f1)\" -le 7000"));
+}
+
+TEST_F(BackupPeers, DisksThatLeadOutOfTheBackupAreRefused) {
+    const QEMUImageChainTool tool(realQEMU().imageTool);
+    auto with = collaborators();
+    with.chainTool = &tool;
+    VMBackupService careful(with);
+    const auto source = addVM("source");
+    const auto bundle = source->bundle();
+    const auto layer = UUID::random();
+    const auto frozen = SnapshotChainNode::snapshot(layer).diskURL(bundle);
+    fs::create_directory(frozen.parent_path());
+    const auto secret = backups / "secret";
+    writeFileAtomically(secret, Bytes(1 << 20));
+    const auto base = [&](const Path& disk, const std::string& backing) {
+        fs::remove(disk);
+        tool.createOverlayWithoutOpeningBacking(disk, backing, 1 << 20);
+    };
+    const auto onLayer = SnapshotChainNode::live().backingPath(layer);
+    base(frozen, secret.string());
+    tool.retargetBackingUnsafe(frozen, std::nullopt);
+    base(bundle.qcow2Disk(), onLayer);
+    run(careful.exportBackup(source, archive, {}));
+    EXPECT_NO_THROW(run(careful.restoreBackup(archive, "sound", {})));
+
+    const auto refuses = [&](const std::string& what, const char* words) {
+        run(careful.exportBackup(source, archive, {}));
+        EXPECT_THAT(failureOf(careful.restoreBackup(archive, "copy", {})).text(), HasSubstr(words)) << what;
+        EXPECT_FALSE(fs::exists(storage / "copy")) << what;
+        EXPECT_EQ(std::distance(fs::directory_iterator(storage), {}), 2) << what;
+    };
+    for (const auto& backing : {secret.string(), "../../backups/" + secret.filename().string(),
+                                "json:{\"driver\":\"raw\",\"file\":\"" + secret.string() + "\"}"}) {
+        base(bundle.qcow2Disk(), backing);
+        refuses("live on " + backing, "is not a snapshot of this VM");
+        base(bundle.qcow2Disk(), onLayer);
+        base(frozen, backing);
+        refuses("layer on " + backing, "is not a snapshot of this VM");
+        tool.retargetBackingUnsafe(frozen, std::nullopt);
+    }
+    const FileDescriptor fd(::open(bundle.qcow2Disk().c_str(), O_WRONLY | O_CLOEXEC));
+    constexpr off_t featureByte = 79;
+    ASSERT_EQ(::pwrite(fd.get(), "\4", 1, featureByte), 1);
+    refuses("external data", "keeps its data in another file");
 }
 
 TEST_F(BackupPeers, RestoresWhatOthersPack) {
