@@ -52,6 +52,11 @@ class SparseFileSink : public ArchiveSink {
         offset_ += content.size();
     }
 
+    /// A file system may find out only now that it has no room or that its disk is broken.
+    void sync() const {
+        if (::fsync(fd_.get()) != 0) throw FileError("write", path_, errno);
+    }
+
   private:
     void write(std::size_t at, ByteView bytes) {
         if (bytes.empty()) return;
@@ -100,6 +105,7 @@ void extractArchive(const ArchiveReader& archive, const Path& into, const Archiv
         if (entry.kind != ArchiveEntryKind::file) continue;
         SparseFileSink sink(path, entry, how.writes);
         archive.read(entry, sink, control);
+        sink.sync();
     }
     for (const auto* entry : links) makeLink(archive, *entry, into / entry->name);
 }
