@@ -107,6 +107,11 @@ void EphemeralSandboxService::store(VMRecord& vm) {
     modelContext_.save();
 }
 
+bool EphemeralSandboxService::isDue(const VMRecord& vm, Date now) const {
+    return !vm.isDeleted && vm.ephemeral && now >= vm.ephemeral->expiresAt && vm.isShutDownForEditing() &&
+           !isStarting_(vm.id);
+}
+
 Task<std::vector<std::string>> EphemeralSandboxService::reap(Date now) {
     std::vector<std::string> reaped;
     std::exception_ptr failure;
@@ -119,8 +124,7 @@ Task<std::vector<std::string>> EphemeralSandboxService::reap(Date now) {
     if (isCancellation(failure)) std::rethrow_exception(failure);
     const auto known = vmService_.vms();
     for (const auto& vm : known) {
-        if (vm->isDeleted || !vm->ephemeral || now < vm->ephemeral->expiresAt || !vm->isShutDownForEditing())
-            continue;
+        if (!isDue(*vm, now)) continue;
         const auto name = vm->name;
         failure = nullptr;
         try {

@@ -18,8 +18,13 @@ namespace dorvane {
 /// can't be written changes nothing.
 class EphemeralSandboxService : public EphemeralSandboxServicing {
   public:
-    EphemeralSandboxService(VMServiceProtocol& vmService, ModelContext& modelContext, const Clock& clock)
-        : vmService_(vmService), modelContext_(modelContext), clock_(clock) {}
+    /// `isStarting` tells of a machine whose record doesn't show yet that it is on its way up.
+    EphemeralSandboxService(VMServiceProtocol& vmService, ModelContext& modelContext, const Clock& clock,
+                            std::function<bool(const UUID&)> isStarting)
+        : vmService_(vmService),
+          modelContext_(modelContext),
+          clock_(clock),
+          isStarting_(std::move(isStarting)) {}
 
     /// A clone that can't be isolated is erased. One whose record can't be saved stays, since only its end of
     /// life is lost.
@@ -34,6 +39,7 @@ class EphemeralSandboxService : public EphemeralSandboxServicing {
                                        const std::function<bool(const std::string&)>& isTaken);
 
   private:
+    bool isDue(const VMRecord& vm, Date now) const;
     Task<void> isolate(VMRecordPointer clone);
     /// Stores what the record holds now, marker first.
     void store(VMRecord& vm);
@@ -41,6 +47,7 @@ class EphemeralSandboxService : public EphemeralSandboxServicing {
     VMServiceProtocol& vmService_;
     ModelContext& modelContext_;
     const Clock& clock_;
+    std::function<bool(const UUID&)> isStarting_;
     Logger logger_{"EphemeralSandboxService"};
 };
 

@@ -15,9 +15,8 @@ namespace dorvane::test {
 namespace {
 
 using std::chrono::hours;
-using std::chrono::seconds;
 
-constexpr auto week = seconds(604800);
+constexpr auto week = std::chrono::seconds(604800);
 
 /// A library whose clones have a folder of their own, for the marker.
 class SandboxVMService : public FakeVMService {
@@ -70,7 +69,9 @@ class EphemeralSandboxServiceTest : public testing::Test {
     TemporaryDirectory folder;
     SandboxVMService vmService{folder.path()};
     InMemoryModelContext context;
-    EphemeralSandboxService sandboxes{vmService, context, host.clock()};
+    std::set<UUID> starting;
+    EphemeralSandboxService sandboxes{vmService, context, host.clock(),
+                                      [this](const UUID& id) { return starting.contains(id); }};
     VMRecordPointer source = vmService.add("Ubuntu");
 };
 
@@ -87,8 +88,10 @@ TEST_F(EphemeralSandboxServiceTest, createsAMarkedCloneWithAnEnd) {
 }
 
 TEST_F(EphemeralSandboxServiceTest, clampsTheTimeToLive) {
-    for (const auto& [ttl, life] : {std::pair{seconds(0), seconds(60)}, std::pair{seconds(-5), seconds(60)},
-                                    std::pair{seconds(61), seconds(61)}, std::pair{seconds(1000000), week}})
+    for (const auto& [ttl, life] : {std::pair{std::chrono::seconds(0), std::chrono::seconds(60)},
+                                    std::pair{std::chrono::seconds(-5), std::chrono::seconds(60)},
+                                    std::pair{std::chrono::seconds(61), std::chrono::seconds(61)},
+                                    std::pair{std::chrono::seconds(1000000), week}})
         EXPECT_EQ(create(ttl)->ephemeral->expiresAt, now() + life) << ttl.count();
 }
 
@@ -117,7 +120,7 @@ TEST_F(EphemeralSandboxServiceTest, tellsTheFirstFailureWhenErasingFailsToo) {
     };
     Locked library(folder.path());
     library.configurationFailure = std::make_exception_ptr(std::runtime_error("no such network"));
-    EphemeralSandboxService service(library, context, host.clock());
+    EphemeralSandboxService service(library, context, host.clock(), [](const UUID&) { return false; });
     const auto vm = library.add("A");
     EXPECT_THAT([&] { host.run(service.createSandbox(vm, hours(1), true)); },
                 testing::ThrowsMessage<std::runtime_error>("no such network"));
@@ -154,11 +157,11 @@ TEST_F(EphemeralSandboxServiceTest, keepMakesItARegularMachine) {
 
 TEST_F(EphemeralSandboxServiceTest, extendsFromNowOrTheEndAtMostToAWeek) {
     struct Case {
-        seconds end, by, result;
+        std::chrono::seconds end, by, result;
     };
     for (const auto& [end, by, result] :
          {Case{hours(-24), hours(1), hours(1)}, Case{hours(2), hours(1), hours(3)},
-          Case{hours(2), hours(24 * 30), week}, Case{week, seconds(1), week},
+          Case{hours(2), hours(24 * 30), week}, Case{week, std::chrono::seconds(1), week},
           Case{hours(2), hours(-1), hours(1)}, Case{hours(-24), hours(-1), hours(-1)}}) {
         const auto vm = create(hours(1));
         vm->ephemeral->expiresAt = now() + end;
@@ -178,10 +181,11 @@ TEST_F(EphemeralSandboxServiceTest, reapsWhatHasExpiredAndStands) {
     for (const auto status : {VMStatus::starting, VMStatus::running, VMStatus::paused})
         addSandbox(rawValue(status), status, now() - hours(1));
     addSandbox("fresh", VMStatus::stopped, now() + std::chrono::microseconds(1));
+    starting = {addSandbox("about to start", VMStatus::stopped, now() - hours(1))->id};
     vmService.undeletable = {"locked"};
     EXPECT_EQ(host.run(sandboxes.reap(now())), (std::vector<std::string>{"stopped", "failed"}));
-    EXPECT_EQ(names(),
-              (std::vector<std::string>{"Ubuntu", "locked", "starting", "running", "paused", "fresh"}));
+    EXPECT_EQ(names(), (std::vector<std::string>{"Ubuntu", "locked", "starting", "running", "paused", "fresh",
+                                                 "about to start"}));
     EXPECT_EQ(vmService.trashed, (std::vector<std::string>{"stopped", "failed"}));
     EXPECT_TRUE(vmService.erased.empty());
     EXPECT_TRUE(log.contains("Failed to reap sandbox locked: the folder is locked"));

@@ -103,7 +103,9 @@ void AppState::configureMCPServer() {
     auto& service = makeSharedVMService();
     observeSharedVMListMembership();
     backupService_ = makeBackupService();
-    sandboxService_ = std::make_unique<EphemeralSandboxService>(service, modelContext_, host_.runtime.clock);
+    sandboxService_ = std::make_unique<EphemeralSandboxService>(
+        service, modelContext_, host_.runtime.clock,
+        [&service](const UUID& id) { return service.isStarting(id); });
     activityLog_ =
         std::make_unique<AgentActivityLog>(host_.runtime, AgentActivityLog::defaultFile(host_.directories));
     const MCPToolContext::Services services{
