@@ -9,14 +9,20 @@ function(dorvane_target_name folder result)
     set(${result} dorvane_${name} PARENT_SCOPE)
 endfunction()
 
-# One precompiled header serves every target; it holds only headers of the libraries.
-if(NOT TARGET dorvane_pch)
-    file(WRITE ${CMAKE_BINARY_DIR}/pch.cpp "// Compiled once for its precompiled header.\n")
-    add_library(dorvane_pch OBJECT ${CMAKE_BINARY_DIR}/pch.cpp)
-    target_precompile_headers(dorvane_pch PRIVATE ${CMAKE_SOURCE_DIR}/cmake/pch.h)
-    target_compile_definitions(dorvane_pch PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOOST_ASIO_NO_DEPRECATED
-                                                  SPDLOG_COMPILED_LIB SPDLOG_FMT_EXTERNAL)
-    target_link_libraries(dorvane_pch PUBLIC Boost::boost nlohmann_json::nlohmann_json fmt::fmt Threads::Threads)
+# One precompiled header serves every target, and another all tests; they hold only headers of the libraries.
+function(dorvane_precompiled_header target header)
+    file(WRITE ${CMAKE_BINARY_DIR}/${target}.cpp "// Compiled once for its precompiled header.\n")
+    add_library(${target} OBJECT ${CMAKE_BINARY_DIR}/${target}.cpp)
+    target_precompile_headers(${target} PRIVATE ${header})
+    target_compile_definitions(${target} PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOOST_ASIO_NO_DEPRECATED
+                                                SPDLOG_COMPILED_LIB SPDLOG_FMT_EXTERNAL)
+    target_link_libraries(${target} PUBLIC Boost::boost nlohmann_json::nlohmann_json fmt::fmt Threads::Threads)
+endfunction()
+dorvane_precompiled_header(dorvane_pch ${CMAKE_SOURCE_DIR}/cmake/pch.h)
+if(DORVANE_TESTS)
+    dorvane_precompiled_header(dorvane_tests_pch ${CMAKE_SOURCE_DIR}/cmake/tests_pch.h)
+    target_link_libraries(dorvane_tests_pch PUBLIC GTest::gmock)
+    target_compile_options(dorvane_tests_pch PUBLIC ${DORVANE_TEST_OPTIONS})
 endif()
 
 function(dorvane_module folder)
@@ -50,7 +56,7 @@ function(dorvane_tests folder target extra)
         return()
     endif()
     add_executable(${target}_tests ${sources})
-    target_precompile_headers(${target}_tests REUSE_FROM dorvane_pch)
+    target_precompile_headers(${target}_tests REUSE_FROM dorvane_tests_pch)
     target_compile_definitions(${target}_tests PRIVATE DORVANE_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
                                DORVANE_TEST_HELPER="$<TARGET_FILE:dorvane_test_helper>")
     target_link_libraries(${target}_tests PRIVATE ${target} dorvane_tests_support GTest::gmock GTest::gtest_main)

@@ -3,12 +3,11 @@
 #include "app/CommandDefiner.h"
 #include "app/CommandPrinting.h"
 #include "app/DurationText.h"
+#include "automation/EphemeralSandboxServicing.h"
 #include "base/Localized.h"
 
 namespace dorvane {
 namespace {
-
-constexpr std::int64_t maximumTTLMinutes = 10080;
 
 void requireRegularClone(const CommandValues& v) {
     if (v.minutes != 0 || v.isolated) {
@@ -105,7 +104,7 @@ void defineCopies(CLI::App& app, Definer& define) {
     cloneCommand->add_option("name", clone->name, "Name of the copy; a sandbox is given its own");
     cloneCommand->add_flag("--sandbox", clone->sandbox, "Make a copy that is removed by itself");
     cloneCommand->add_option("--ttl", clone->minutes, "Minutes after which a sandbox may go (default 1440)")
-        ->check(CLI::Range(std::int64_t{1}, maximumTTLMinutes));
+        ->check(CLI::Range(std::int64_t{1}, maximumSandboxMinutes));
     cloneCommand->add_flag("--isolated", clone->isolated, "Cut a sandbox off from every network");
     defineSandboxes(app, define);
 

@@ -6,7 +6,7 @@
 namespace dorvane {
 namespace {
 
-ControlError failure(const std::string& sentence) {
+ControlError linkFailure(const std::string& sentence) {
     return ControlError(ControlErrorCode::operationFailed, sentence);
 }
 
@@ -28,11 +28,12 @@ const char* verbOf(URLCommand::Kind kind) {
 /// The sentences of the alerts, and what a person at a command line needs besides.
 [[noreturn]] void throwRefusal(const LinkOutcome& outcome, const std::string& url) {
     if (outcome.kind == LinkOutcome::Kind::ignored)
-        throw failure(localized("This is not a Dorvane link: %@", url));
+        throw linkFailure(localized("This is not a Dorvane link: %@", url));
     if (outcome.kind == LinkOutcome::Kind::turnedOff)
-        throw failure(outcome.alert + "\n" +
-                      localized("On the command line: dorvane settings set DorvaneURLCommandsEnabled true"));
-    throw failure(outcome.alert);
+        throw linkFailure(
+            outcome.alert + "\n" +
+            localized("On the command line: dorvane settings set DorvaneURLCommandsEnabled true"));
+    throw linkFailure(outcome.alert);
 }
 
 Task<JSON> open(AppState& app, JSON params) {
@@ -41,7 +42,7 @@ Task<JSON> open(AppState& app, JSON params) {
     if (outcome.kind != LinkOutcome::Kind::done) throwRefusal(outcome, url);
     const bool hasDisplays = !app.displayRequested.empty();
     if (outcome.command->kind == URLCommand::Kind::show && !hasDisplays)
-        throw failure(
+        throw linkFailure(
             localized("This build of Dorvane has no window to show “%@” in. For a picture of its screen: "
                       "dorvane screenshot",
                       outcome.vm->name));

@@ -12,7 +12,7 @@ using MachineOperation = Task<void> (VMServiceProtocol::*)(VMRecordPointer);
 
 JSON named(const VMRecord& vm) { return {{"name", vm.name}, {"id", vm.id.text()}}; }
 
-Task<JSON> list(AppState& app) {
+Task<JSON> listMachines(AppState& app) {
     co_await app.makeSharedVMService().refreshVMList();
     auto machines = JSON::array();
     for (const auto& vm : app.makeSharedVMService().vms()) machines.push_back(machineObject(*vm));
@@ -34,7 +34,7 @@ Task<JSON> status(AppState& app, JSON params) {
     co_return object;
 }
 
-Task<JSON> create(AppState& app, JSON params) {
+Task<JSON> createMachine(AppState& app, JSON params) {
     const JSONReader reader(params);
     const auto os =
         osTypeFromRawValue(asciiLowercased(reader.optional<std::string>("os").value_or("windows")));
@@ -146,9 +146,9 @@ void addMachineCommands(ControlMethods& methods, AppState& app) {
             [perform](JSON params, const ProgressReporter&) { return perform(std::move(params)); },
             runToTheEnd};
     };
-    add("list", [&app](const JSON&) { return list(app); });
+    add("list", [&app](const JSON&) { return listMachines(app); });
     add("status", [&app](JSON params) { return status(app, std::move(params)); });
-    add("create", [&app](JSON params) { return create(app, std::move(params)); });
+    add("create", [&app](JSON params) { return createMachine(app, std::move(params)); });
     add("stop", [&app](JSON params) { return stop(app, std::move(params)); });
     add("clone", [&app](JSON params) { return clone(app, std::move(params)); });
     add("delete", [&app](JSON params) { return remove(app, std::move(params)); });

@@ -6,17 +6,16 @@
 namespace dorvane {
 namespace {
 
-constexpr std::int64_t defaultTTLMinutes = 1440;
-constexpr std::int64_t maximumTTLMinutes = 10080;
 /// Far beyond any sandbox's life, and far from where the sum of dates would overflow.
 constexpr std::int64_t maximumExtensionSeconds = 366LL * 86400;
 
-Task<JSON> create(AppState& app, JSON params) {
+Task<JSON> createSandbox(AppState& app, JSON params) {
     const JSONReader reader(params);
-    const auto minutes = reader.optional<std::int64_t>("ttlMinutes").value_or(defaultTTLMinutes);
-    if (minutes < 1 || minutes > maximumTTLMinutes)
-        throw ControlError(ControlErrorCode::invalidParams,
-                           localized("A sandbox lives for 1 to %lld minutes (one week).", maximumTTLMinutes));
+    const auto minutes = reader.optional<std::int64_t>("ttlMinutes").value_or(defaultSandboxMinutes);
+    if (minutes < 1 || minutes > maximumSandboxMinutes)
+        throw ControlError(
+            ControlErrorCode::invalidParams,
+            localized("A sandbox lives for 1 to %lld minutes (one week).", maximumSandboxMinutes));
     const bool isolated = reader.optional<bool>("isolated").value_or(false);
     const auto vm = co_await resolveMachine(app, params);
     const Duration ttl = std::chrono::minutes(minutes);
@@ -53,7 +52,7 @@ void addSandboxCommands(ControlMethods& methods, AppState& app) {
             [&app, perform](JSON params, const ProgressReporter&) { return perform(app, std::move(params)); },
             runToTheEnd};
     };
-    add("sandbox.create", create);
+    add("sandbox.create", createSandbox);
     add("keep", keep);
     add("extend", extend);
 }

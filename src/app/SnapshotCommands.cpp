@@ -7,7 +7,7 @@
 namespace dorvane {
 namespace {
 
-ControlError failure(const std::string& sentence) {
+ControlError refused(const std::string& sentence) {
     return ControlError(ControlErrorCode::operationFailed, sentence);
 }
 
@@ -33,15 +33,15 @@ VMSnapshotPointer findSnapshot(const std::vector<VMSnapshotPointer>& snapshots, 
     }
     if (named.size() == 1) return named.front();
     if (named.empty())
-        throw failure(localized("“%@” has no snapshot named “%@”. It has: %@", vm.name, nameOrID,
+        throw refused(localized("“%@” has no snapshot named “%@”. It has: %@", vm.name, nameOrID,
                                 known.empty() ? "(none)" : joined(known, ", ")));
     std::vector<std::string> ids;
     for (const auto& snapshot : named) ids.push_back(snapshot->id.text());
-    throw failure(localized("“%@” has %d snapshots named “%@”. Give the UUID of one: %@", vm.name,
+    throw refused(localized("“%@” has %d snapshots named “%@”. Give the UUID of one: %@", vm.name,
                             named.size(), nameOrID, joined(ids, ", ")));
 }
 
-Task<JSON> list(AppState& app, JSON params) {
+Task<JSON> listSnapshots(AppState& app, JSON params) {
     auto& service = app.snapshotService();
     const auto vm = co_await resolveMachine(app, params);
     const auto snapshots = co_await service.listSnapshots(vm);
@@ -93,7 +93,7 @@ void addSnapshotCommands(ControlMethods& methods, AppState& app) {
             [perform](JSON params, const ProgressReporter&) { return perform(std::move(params)); },
             runToTheEnd};
     };
-    add("snapshot.list", [&app](JSON params) { return list(app, std::move(params)); });
+    add("snapshot.list", [&app](JSON params) { return listSnapshots(app, std::move(params)); });
     add("snapshot.take", [&app](JSON params) { return take(app, std::move(params)); });
     add("snapshot.restore", [&app](JSON params) {
         return change(app, std::move(params), &VMSnapshotServiceProtocol::restoreSnapshot);

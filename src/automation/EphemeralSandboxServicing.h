@@ -7,6 +7,9 @@
 
 namespace dorvane {
 
+/// What a user may ask for; the service itself clamps.
+constexpr std::int64_t defaultSandboxMinutes = 1440, maximumSandboxMinutes = 10080;
+
 /// Main thread only.
 class EphemeralSandboxServicing {
   public:

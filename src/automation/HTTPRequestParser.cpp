@@ -8,7 +8,7 @@
 namespace dorvane {
 namespace {
 
-using Result = HTTPRequestParser::ParseResult;
+using Parsed = HTTPRequestParser::ParseResult;
 using Request = HTTPRequestParser::Request;
 
 constexpr std::string_view endOfHead = "\r\n\r\n";
@@ -81,37 +81,37 @@ Request readRequest(std::string_view text) {
 
 }  // namespace
 
-Result::Kind HTTPRequestParser::append(ByteView bytes) {
+Parsed::Kind HTTPRequestParser::append(ByteView bytes) {
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
     if (!parsedHead_)
         if (auto result = readHead()) return std::move(*result);
-    if (buffer_.size() < parsedHead_->bodyLength) return Result::NeedMoreData{};
+    if (buffer_.size() < parsedHead_->bodyLength) return Parsed::NeedMoreData{};
     buffer_.resize(parsedHead_->bodyLength);
-    Result::Complete complete{std::move(parsedHead_->request)};
+    Parsed::Complete complete{std::move(parsedHead_->request)};
     complete.request.body = std::move(buffer_);
     return complete;
 }
 
-std::optional<Result::Kind> HTTPRequestParser::readHead() {
+std::optional<Parsed::Kind> HTTPRequestParser::readHead() {
     const auto text = asText(buffer_);
     const auto marker = text.find(endOfHead, searched_);
     if (marker == std::string_view::npos) {
-        if (buffer_.size() > maximumHeadBytes) return Result::Invalid{"header too large"};
+        if (buffer_.size() > maximumHeadBytes) return Parsed::Invalid{"header too large"};
         searched_ = buffer_.size() - std::min(buffer_.size(), endOfHead.size() - 1);
-        return Result::NeedMoreData{};
+        return Parsed::NeedMoreData{};
     }
     const auto headSize = marker + endOfHead.size();
-    if (headSize > maximumHeadBytes) return Result::Invalid{"header too large"};
+    if (headSize > maximumHeadBytes) return Parsed::Invalid{"header too large"};
     try {
         Head head{readRequest(text.substr(0, marker))};
         head.bodyLength = bodyLength(head.request.headers);
         parsedHead_ = std::move(head);
     } catch (const MalformedHead& malformed) {
-        return Result::Invalid{malformed.reason};
+        return Parsed::Invalid{malformed.reason};
     }
     if (authorizeHead_ && !authorizeHead_(parsedHead_->request.path, parsedHead_->request.headers)) {
         buffer_.clear();
-        return Result::Unauthorized{};
+        return Parsed::Unauthorized{};
     }
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(headSize));
     return std::nullopt;

@@ -18,7 +18,7 @@ namespace {
 using Result = MCPLoopbackProbe::Result;
 
 constexpr std::string_view requestBody = R"({"jsonrpc":"2.0","id":1,"method":"tools/list"})";
-constexpr std::size_t receiveSize = 65536;
+constexpr std::size_t probeReceiveSize = 65536;
 /// Nothing that answers a probe in earnest sends more.
 constexpr std::size_t maximumResponseBytes = 4194304;
 
@@ -48,7 +48,7 @@ Task<Bytes> exchange(SerialQueue queue, int port, std::string request) {
     co_await connection.write(asBytes(request));
     Bytes response;
     while (response.size() < maximumResponseBytes) {
-        const auto count = co_await connection.read(response, receiveSize);
+        const auto count = co_await connection.read(response, probeReceiveSize);
         if (count == 0) break;
     }
     co_return response;

@@ -7,9 +7,6 @@
 namespace dorvane {
 namespace {
 
-constexpr auto defaultTimeToLive = std::chrono::hours(24);
-constexpr std::int64_t maximumTimeToLiveMinutes = 10080;
-
 constexpr auto emptyMachineNote =
     "This VM has no operating system installed yet. Installing one is interactive and cannot be driven "
     "through MCP. "
@@ -23,11 +20,10 @@ VMOSType requiredOS(const MCPToolArguments& arguments) {
 }
 
 Duration timeToLive(const MCPToolArguments& arguments) {
-    const auto minutes = arguments.integer("ttlMinutes");
-    if (!minutes) return defaultTimeToLive;
-    if (*minutes < 1 || *minutes > maximumTimeToLiveMinutes)
+    const auto minutes = arguments.integer("ttlMinutes").value_or(defaultSandboxMinutes);
+    if (minutes < 1 || minutes > maximumSandboxMinutes)
         throw MCPToolError("ttlMinutes must be between 1 and 10080 (one week).");
-    return std::chrono::minutes(*minutes);
+    return std::chrono::minutes(minutes);
 }
 
 std::string requestedNetwork(const MCPToolArguments& arguments) {

@@ -9,7 +9,7 @@
 namespace dorvane {
 namespace {
 
-struct Texts {
+struct CaseTexts {
     DorvaneError::Case which;
     const char* description;
     const char* suggestion = nullptr;
@@ -24,38 +24,38 @@ constexpr auto agentSuggestion =
 
 /// In the order of the enumeration; the payload's texts fill the placeholders.
 constexpr std::array allTexts{
-    Texts{Case::backendExecutionFailed, "Backend execution failed (exit code: %d): %@"},
-    Texts{Case::backendVersionMismatch, "Backend version mismatch. Expected: %@, Actual: %@"},
-    Texts{Case::vmNotFound, "VM not found: %@"},
-    Texts{Case::vmAlreadyRunning, "VM '%@' is already running"},
-    Texts{Case::vmNotRunning, "VM '%@' is not running"},
-    Texts{Case::vmCreationFailed, "Failed to create VM: %@"},
-    Texts{Case::vmStartupFailed, "Failed to start VM: %@"},
-    Texts{Case::vmStopFailed, "Failed to stop VM: %@"},
-    Texts{Case::vmCloneFailed, "Failed to clone VM: %@"},
-    Texts{Case::vmDeleteFailed, "Failed to delete VM: %@"},
-    Texts{Case::vmBackupFailed, "Failed to back up VM: %@"},
-    Texts{Case::vmRestoreFailed, "Failed to restore VM: %@"},
-    Texts{Case::vmImportFailed, "Failed to import VM: %@"},
-    Texts{Case::vmNameCollision, "A VM named '%@' already exists."},
-    Texts{Case::vmSnapshotFailed, "Failed to take snapshot: %@"},
-    Texts{Case::vmSnapshotRestoreFailed, "Failed to restore snapshot: %@"},
-    Texts{Case::vmSnapshotDeleteFailed, "Failed to delete snapshot: %@"},
-    Texts{Case::vmStorageInsufficient, "Insufficient storage for VM. Required: %@, Available: %@"},
-    Texts{Case::diskSpaceInsufficient, "Insufficient disk space. Required: %@, Available: %@",
-          "Free up disk space or choose a different storage location."},
-    Texts{Case::guestSSHNotConfigured, "SSH is not configured for VM '%@'.",
-          "Open the VM's Overview tab in Dorvane and set an SSH username (and a private key if the guest "
-          "requires "
-          "one)."},
-    Texts{Case::guestSSHKeyUnreadable, "The SSH private key for VM '%@' could not be read.",
-          "Re-select the private key file in the VM's Overview tab in Dorvane."},
-    Texts{Case::guestAgentNotEnabled, "The guest agent is turned off for VM '%@'.",
-          "Turn the guest agent on in the VM's settings, then restart the VM so the socket device is "
-          "attached."},
-    Texts{Case::guestAgentUnavailable, "The guest agent did not answer: %@", agentSuggestion},
-    Texts{Case::guestAgentFailed, "%@"},
-    Texts{
+    CaseTexts{Case::backendExecutionFailed, "Backend execution failed (exit code: %d): %@"},
+    CaseTexts{Case::backendVersionMismatch, "Backend version mismatch. Expected: %@, Actual: %@"},
+    CaseTexts{Case::vmNotFound, "VM not found: %@"},
+    CaseTexts{Case::vmAlreadyRunning, "VM '%@' is already running"},
+    CaseTexts{Case::vmNotRunning, "VM '%@' is not running"},
+    CaseTexts{Case::vmCreationFailed, "Failed to create VM: %@"},
+    CaseTexts{Case::vmStartupFailed, "Failed to start VM: %@"},
+    CaseTexts{Case::vmStopFailed, "Failed to stop VM: %@"},
+    CaseTexts{Case::vmCloneFailed, "Failed to clone VM: %@"},
+    CaseTexts{Case::vmDeleteFailed, "Failed to delete VM: %@"},
+    CaseTexts{Case::vmBackupFailed, "Failed to back up VM: %@"},
+    CaseTexts{Case::vmRestoreFailed, "Failed to restore VM: %@"},
+    CaseTexts{Case::vmImportFailed, "Failed to import VM: %@"},
+    CaseTexts{Case::vmNameCollision, "A VM named '%@' already exists."},
+    CaseTexts{Case::vmSnapshotFailed, "Failed to take snapshot: %@"},
+    CaseTexts{Case::vmSnapshotRestoreFailed, "Failed to restore snapshot: %@"},
+    CaseTexts{Case::vmSnapshotDeleteFailed, "Failed to delete snapshot: %@"},
+    CaseTexts{Case::vmStorageInsufficient, "Insufficient storage for VM. Required: %@, Available: %@"},
+    CaseTexts{Case::diskSpaceInsufficient, "Insufficient disk space. Required: %@, Available: %@",
+              "Free up disk space or choose a different storage location."},
+    CaseTexts{Case::guestSSHNotConfigured, "SSH is not configured for VM '%@'.",
+              "Open the VM's Overview tab in Dorvane and set an SSH username (and a private key if the guest "
+              "requires "
+              "one)."},
+    CaseTexts{Case::guestSSHKeyUnreadable, "The SSH private key for VM '%@' could not be read.",
+              "Re-select the private key file in the VM's Overview tab in Dorvane."},
+    CaseTexts{Case::guestAgentNotEnabled, "The guest agent is turned off for VM '%@'.",
+              "Turn the guest agent on in the VM's settings, then restart the VM so the socket device is "
+              "attached."},
+    CaseTexts{Case::guestAgentUnavailable, "The guest agent did not answer: %@", agentSuggestion},
+    CaseTexts{Case::guestAgentFailed, "%@"},
+    CaseTexts{
         Case::suspendedStateHardwareChanged,
         "\"%@\" was suspended with different shared folders or attached disks, so it cannot resume where it "
         "left "
@@ -64,32 +64,33 @@ constexpr std::array allTexts{
         "press "
         "Start on the VM's page and choose to discard the suspended state. Discarding loses anything unsaved "
         "inside the VM."},
-    Texts{Case::suspendedStateRestoreFailed, "\"%@\" could not resume where it left off: %@",
-          "The suspended state has been kept. Press Start to try again. To start fresh instead, press Start "
-          "on the "
-          "VM's page and choose to discard the suspended state. Discarding loses anything unsaved inside the "
-          "VM."},
-    Texts{Case::vmBusy, "\"%@\" is busy saving or restoring its state. Try again when it finishes."},
-    Texts{Case::guestAgentNoReply,
-          "The command was sent to the guest, but no result came back (%@). It may have run anyway.",
-          "Check the guest's state before running the command again, so it does not run twice."},
-    Texts{Case::snapshotChainTooDeep,
-          "This VM already has %d stacked snapshots, which is the limit. Delete an older snapshot before "
-          "taking a "
-          "new one."},
-    Texts{Case::usbPassthroughFailed, "USB passthrough failed: %@"},
-    Texts{Case::invalidConfiguration, "Invalid configuration: %@"},
-    Texts{Case::networkError, "Network error: %@"},
-    Texts{Case::unknown, "An unexpected error occurred: %@"},
-    Texts{Case::backendNotFound, "Backend not found",
-          "Please ensure Dorvane is installed correctly and the bundled backend is present."},
-    Texts{Case::backendNotCompatible, "Backend is not compatible with this version of Dorvane"},
-    Texts{Case::virtualizationNotSupported, "Virtualization is not supported on this Mac",
-          "Virtualization requires Apple Silicon (M1/M2/M3) Mac."},
-    Texts{Case::virtualizationNotEnabled, "Virtualization is not enabled. Please check System Settings",
-          "Go to System Settings → General → Sharing and enable 'Virtual Machine' if available."},
-    Texts{Case::insufficientPermissions, "Insufficient permissions to perform this operation"},
-    Texts{Case::guestAgentTimedOut, "The guest agent did not answer in time.", agentSuggestion},
+    CaseTexts{
+        Case::suspendedStateRestoreFailed, "\"%@\" could not resume where it left off: %@",
+        "The suspended state has been kept. Press Start to try again. To start fresh instead, press Start "
+        "on the "
+        "VM's page and choose to discard the suspended state. Discarding loses anything unsaved inside the "
+        "VM."},
+    CaseTexts{Case::vmBusy, "\"%@\" is busy saving or restoring its state. Try again when it finishes."},
+    CaseTexts{Case::guestAgentNoReply,
+              "The command was sent to the guest, but no result came back (%@). It may have run anyway.",
+              "Check the guest's state before running the command again, so it does not run twice."},
+    CaseTexts{Case::snapshotChainTooDeep,
+              "This VM already has %d stacked snapshots, which is the limit. Delete an older snapshot before "
+              "taking a "
+              "new one."},
+    CaseTexts{Case::usbPassthroughFailed, "USB passthrough failed: %@"},
+    CaseTexts{Case::invalidConfiguration, "Invalid configuration: %@"},
+    CaseTexts{Case::networkError, "Network error: %@"},
+    CaseTexts{Case::unknown, "An unexpected error occurred: %@"},
+    CaseTexts{Case::backendNotFound, "Backend not found",
+              "Please ensure Dorvane is installed correctly and the bundled backend is present."},
+    CaseTexts{Case::backendNotCompatible, "Backend is not compatible with this version of Dorvane"},
+    CaseTexts{Case::virtualizationNotSupported, "Virtualization is not supported on this Mac",
+              "Virtualization requires Apple Silicon (M1/M2/M3) Mac."},
+    CaseTexts{Case::virtualizationNotEnabled, "Virtualization is not enabled. Please check System Settings",
+              "Go to System Settings → General → Sharing and enable 'Virtual Machine' if available."},
+    CaseTexts{Case::insufficientPermissions, "Insufficient permissions to perform this operation"},
+    CaseTexts{Case::guestAgentTimedOut, "The guest agent did not answer in time.", agentSuggestion},
 };
 
 constexpr bool standsInOrder() {
@@ -99,7 +100,7 @@ constexpr bool standsInOrder() {
 }
 static_assert(standsInOrder());
 
-const Texts& textsOf(Case which) { return allTexts.at(static_cast<std::size_t>(which)); }
+const CaseTexts& textsOf(Case which) { return allTexts.at(static_cast<std::size_t>(which)); }
 
 }  // namespace
 

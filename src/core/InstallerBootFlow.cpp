@@ -3,14 +3,12 @@
 
 #include "base/Localized.h"
 #include "core/DorvaneError.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
 
-const Logger logger("VMService");
-
-DorvaneError refusal(const char* message) {
+DorvaneError bootFlowRefusal(const char* message) {
     return DorvaneError(DorvaneError::Case::invalidConfiguration, localized(message));
 }
 
@@ -22,13 +20,13 @@ bool showsSystem(const LinuxBootEvidenceInspecting* evidence, const VMBundle& bu
 
 void InstallerBootFlow::complete(VMRecord& vm) {
     if (vm.osType == VMOSType::macOS)
-        throw refusal("Only VMs installed from an ISO can finish the installer boot flow.");
+        throw bootFlowRefusal("Only VMs installed from an ISO can finish the installer boot flow.");
     if (vm.hasPendingInstallerImage() && !vm.isShutDownForEditing())
-        throw refusal("Shut down the VM before removing the installer image.");
+        throw bootFlowRefusal("Shut down the VM before removing the installer image.");
     vm.pendingInstallerImagePath.reset();
     vm.updatedAt = now();
     library_.commit();
-    logger.info("Completed installation for VM: %s", vm.name);
+    vmServiceLogger.info("Completed installation for VM: %s", vm.name);
 }
 
 Task<void> InstallerBootFlow::dropImageIfSystemIsBootable(VMRecordPointer vm) {
@@ -37,7 +35,7 @@ Task<void> InstallerBootFlow::dropImageIfSystemIsBootable(VMRecordPointer vm) {
     if (!isBootable) co_return;
     vm->pendingInstallerImagePath.reset();
     library_.commit();
-    logger.info("Found an installed system on %s; starting without the installer image", vm->name);
+    vmServiceLogger.info("Found an installed system on %s; starting without the installer image", vm->name);
 }
 
 bool InstallerBootFlow::shouldAttempt(const VMRecord& vm) {
@@ -63,7 +61,7 @@ bool InstallerBootFlow::autoComplete(VMRecord& vm, bool showsInstalledSystem) {
     if (!showsInstalledSystem || !shouldAttempt(vm)) return false;
     vm.pendingInstallerImagePath.reset();
     vm.updatedAt = now();
-    logger.info("Automatically completed Linux installation for VM: %s", vm.name);
+    vmServiceLogger.info("Automatically completed Linux installation for VM: %s", vm.name);
     return true;
 }
 

@@ -9,7 +9,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 template <typename T>
-T known(std::optional<T> value, std::string_view key) {
+T stored(std::optional<T> value, std::string_view key) {
     if (!value) detail::throwMistyped(key, "one of its known values");
     return *std::move(value);
 }
@@ -43,19 +43,19 @@ JSON toJSON(const EphemeralInfo& info) {
 }
 
 void fromJSON(const JSON& value, std::string_view key, UUID& id) {
-    id = known(UUID::parse(jsonValue<std::string>(value, key)), key);
+    id = stored(UUID::parse(jsonValue<std::string>(value, key)), key);
 }
 void fromJSON(const JSON& value, std::string_view key, Date& date) {
     date = Date(Date::duration(jsonValue<std::int64_t>(value, key)));
 }
 void fromJSON(const JSON& value, std::string_view key, VMOSType& os) {
-    os = known(osTypeFromRawValue(jsonValue<std::string>(value, key)), key);
+    os = stored(osTypeFromRawValue(jsonValue<std::string>(value, key)), key);
 }
 void fromJSON(const JSON& value, std::string_view key, VMStatus& status) {
-    status = known(statusFromRawValue(jsonValue<std::string>(value, key)), key);
+    status = stored(statusFromRawValue(jsonValue<std::string>(value, key)), key);
 }
 void fromJSON(const JSON& value, std::string_view key, Bytes& bytes) {
-    bytes = known(parseBase64(jsonValue<std::string>(value, key)), key);
+    bytes = stored(parseBase64(jsonValue<std::string>(value, key)), key);
 }
 void fromJSON(const JSON& value, std::string_view, DisplayResolution& resolution) {
     resolution = DisplayResolution::decoded(value);

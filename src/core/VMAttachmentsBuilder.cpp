@@ -5,12 +5,10 @@
 #include "base/Text.h"
 #include "core/DorvaneError.h"
 #include "core/DorvaneVMConfig.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
-
-const Logger logger("VMService");
 
 void requireThere(const std::string& path, const std::string& message) {
     std::error_code ignored;
@@ -73,7 +71,7 @@ std::optional<std::string> VMAttachmentsBuilder::stagedAgentPayload(const VMReco
     try {
         return agentPayload_->stage().string();
     } catch (const std::exception& error) {
-        logger.error("Could not stage the guest agent payload: %{public}s", error.what());
+        vmServiceLogger.error("Could not stage the guest agent payload: %{public}s", error.what());
         return std::nullopt;
     }
 }

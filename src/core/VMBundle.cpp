@@ -10,11 +10,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
-}
-
 void removeFile(const Path& path) {
     std::error_code ignored;
     fs::remove(path, ignored);
@@ -69,21 +64,21 @@ VMBundle VMBundle::createForQEMU(const Path& directory, std::uint64_t diskSizeBy
 }
 
 void VMBundle::allocateSparseDiskImage(std::uint64_t sizeBytes) const {
-    const bool isNew = !isThere(rawDisk());
+    const bool isNew = !fileExists(rawDisk());
     try {
         truncateFile(rawDisk(), sizeBytes);
     } catch (const FileError&) {
-        if (isNew && !isThere(rawDisk()))
+        if (isNew && !fileExists(rawDisk()))
             throw creationFailure("Could not create disk image at %@", rawDisk());
         throw;
     }
 }
 
 bool VMBundle::isValid() const {
-    return isThere(configFile()) && (isThere(rawDisk()) || isThere(qcow2Disk()));
+    return fileExists(configFile()) && (fileExists(rawDisk()) || fileExists(qcow2Disk()));
 }
 
-bool VMBundle::hasSavedState() const { return isThere(savedState()); }
+bool VMBundle::hasSavedState() const { return fileExists(savedState()); }
 
 void VMBundle::discardSavedState() const {
     for (const auto& file : {savedState(), savedStateHash(), savedStateDevices()}) removeFile(file);
@@ -97,7 +92,7 @@ void VMBundle::removeEphemeralMarker() const { removeFile(ephemeralMarker()); }
 
 void VMBundle::removeStrayRawDiskIfEmpty() const {
     std::error_code failure;
-    if (isThere(qcow2Disk()) && fs::file_size(rawDisk(), failure) == 0 && !failure) removeFile(rawDisk());
+    if (fileExists(qcow2Disk()) && fs::file_size(rawDisk(), failure) == 0 && !failure) removeFile(rawDisk());
 }
 
 std::uint64_t VMBundle::diskImageLogicalSize() const { return fileSize(rawDisk()); }

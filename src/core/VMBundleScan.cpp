@@ -28,11 +28,6 @@ void forEachDirectory(const Path& folder, const Visit& visit) {
 
 bool isHidden(const std::string& name) { return name.front() == '.'; }
 
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
-}
-
 /// Whether the name ends in ".restoring-" or ".importing-" and eight hexadecimal digits.
 bool isStagingName(std::string_view name) {
     if (name.size() < stagingDigits) return false;
@@ -46,7 +41,7 @@ bool isStagingName(std::string_view name) {
 bool isRestoreStaging(const Path& directory, std::string_view name) {
     constexpr std::string_view prefix = "Dorvane-Restore-";
     return name.starts_with(prefix) && UUID::parse(name.substr(prefix.size())) &&
-           !isThere(VMBundle(directory).configFile());
+           !fileExists(VMBundle(directory).configFile());
 }
 
 }  // namespace
@@ -62,7 +57,7 @@ std::vector<VMBundle> VMBundle::scanBundles(const Path& storagePath) {
             return;
         }
         const VMBundle bundle(storagePath / name);
-        if (bundle.isValid() && !isThere(bundle.installingMarker())) names.push_back(std::move(name));
+        if (bundle.isValid() && !fileExists(bundle.installingMarker())) names.push_back(std::move(name));
     });
     // A folder that went away meanwhile looks empty, which it must not be taken for.
     if (std::error_code gone; !fs::is_directory(storagePath, gone))
@@ -90,7 +85,7 @@ std::vector<Path> VMBundle::sweepInterruptedWork(const Path& storagePath) {
         const auto directory = storagePath / name;
         if (isHidden(name)
                 ? isStagingName(name)
-                : isRestoreStaging(directory, name) || isThere(VMBundle(directory).installingMarker()))
+                : isRestoreStaging(directory, name) || fileExists(VMBundle(directory).installingMarker()))
             doomed.push_back(directory);
     });
     std::vector<Path> removed;

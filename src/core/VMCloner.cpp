@@ -8,22 +8,15 @@
 #include "core/VMDirectoryRemoval.h"
 #include "core/VMIdentityFactory.h"
 #include "core/VMRunControl.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
 
 namespace fs = std::filesystem;
 
-const Logger logger("VMService");
-
 DorvaneError cloneFailure(std::string reason) {
     return DorvaneError(DorvaneError::Case::vmCloneFailed, std::move(reason));
-}
-
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
 }
 
 /// A hidden name that the sweep of interrupted work knows: a half copy is never taken for a machine.
@@ -63,7 +56,7 @@ Task<VMRecordPointer> VMCloner::clone(VMRecordPointer vm, std::string newName) {
         co_await removeDirectory(with_.runtime, target);
         std::rethrow_exception(failure);
     }
-    logger.info("Cloned VM: %s to %s", vm->name, newName);
+    vmServiceLogger.info("Cloned VM: %s to %s", vm->name, newName);
     co_return cloned;
 }
 

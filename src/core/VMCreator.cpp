@@ -5,12 +5,10 @@
 #include "core/BackupExclusion.h"
 #include "core/DorvaneError.h"
 #include "core/VMDirectoryRemoval.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
-
-const Logger logger("VMService");
 
 constexpr auto defaultCPUCount = 4;
 constexpr auto defaultMemoryMB = 4096;
@@ -18,7 +16,7 @@ constexpr auto defaultDiskSizeGB = 64;
 constexpr auto defaultResolution = DisplayResolution{1440, 900};
 constexpr auto windowsMachineType = "virt-11.1";
 
-DorvaneError creationFailure(std::string reason) {
+DorvaneError vmCreationFailure(std::string reason) {
     return DorvaneError(DorvaneError::Case::vmCreationFailed, std::move(reason));
 }
 
@@ -64,10 +62,10 @@ DorvaneVMConfig makeLinuxBundle(const Path& directory, const VMConfiguration& re
 DorvaneVMConfig makeWindowsBundle(const Path& directory, const VMConfiguration& request,
                                   const HostSystem& host, const WindowsGuestSupport* support) {
     if (support != nullptr)
-        if (auto reason = support->unavailableReason()) throw creationFailure(std::move(*reason));
+        if (auto reason = support->unavailableReason()) throw vmCreationFailure(std::move(*reason));
     const auto* tool = support == nullptr ? nullptr : support->diskImageTool();
     if (tool == nullptr)
-        throw creationFailure(localized("This version of Dorvane does not include Windows support."));
+        throw vmCreationFailure(localized("This version of Dorvane does not include Windows support."));
     auto config = baseConfiguration(VMOSType::windows, request, host);
     config.windowsPlatform = WindowsPlatformIdentity{windowsMachineType, true, true};
     config.windowsClipboard = request.windowsClipboard.value_or(true);
@@ -111,7 +109,7 @@ Task<VMRecordPointer> VMCreator::create(std::string name, VMOSType os, VMConfigu
         std::rethrow_exception(failure);
     }
     if (isProvisioned) with_.provisioningStore->save(vm->id, vm->bundle(), *request.macProvisioning);
-    logger.info("Created VM: %s", vm->name);
+    vmServiceLogger.info("Created VM: %s", vm->name);
     co_return vm;
 }
 
@@ -129,7 +127,7 @@ Task<VMCreator::Made> VMCreator::make(VMOSType os, Path directory, VMConfigurati
 
 Task<VMCreator::Made> VMCreator::installMacOS(Path directory, VMConfiguration request) {
     if (with_.macOSInstaller == nullptr)
-        throw creationFailure(localized("This version of Dorvane cannot install macOS on this host."));
+        throw vmCreationFailure(localized("This version of Dorvane cannot install macOS on this host."));
     const auto base = baseConfiguration(VMOSType::macOS, request, with_.host);
     MacOSInstallRequest order;
     order.directory = directory;

@@ -3,13 +3,11 @@
 
 #include "core/DorvaneError.h"
 #include "core/VMRunControl.h"
+#include "core/VMServiceLogger.h"
 #include "core/VMStatusWatcher.h"
-#include "runtime/Logger.h"
 
 namespace dorvane {
 namespace {
-
-const Logger logger("VMService");
 
 void requireAlive(const VMRecord& vm) {
     if (vm.isDeleted) throw DorvaneError::vmNotFound(vm.id);
@@ -36,10 +34,10 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     }
     library_.syncQuietly();
     if (permanently)
-        logger.info("Deleted VM: %s (erased permanently)", vm->name);
+        vmServiceLogger.info("Deleted VM: %s (erased permanently)", vm->name);
     else
-        logger.info("Deleted VM: %s (moved to Trash: %s)", vm->name,
-                    trashed.value_or("nothing was left").string());
+        vmServiceLogger.info("Deleted VM: %s (moved to Trash: %s)", vm->name,
+                             trashed.value_or("nothing was left").string());
 }
 
 Task<void> VMDeleter::powerOff(VMRecordPointer vm) {

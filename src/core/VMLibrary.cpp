@@ -6,15 +6,9 @@
 #include "base/Localized.h"
 #include "base/Text.h"
 #include "core/DorvaneError.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
-namespace {
-
-const Logger logger("VMService");
-
-}  // namespace
-
 void VMLibrary::sync() {
     if (context_ == nullptr) return;
     vms_ = context_->fetchRecords();
@@ -34,7 +28,7 @@ void VMLibrary::commitQuietly() {
     try {
         save();
     } catch (const std::exception& error) {
-        logger.error("Could not save the library: %{public}s", error.what());
+        vmServiceLogger.error("Could not save the library: %{public}s", error.what());
     }
     syncQuietly();
 }
@@ -43,7 +37,7 @@ void VMLibrary::syncQuietly() {
     try {
         sync();
     } catch (const std::exception& error) {
-        logger.error("Could not read the library: %{public}s", error.what());
+        vmServiceLogger.error("Could not read the library: %{public}s", error.what());
     }
 }
 
@@ -98,7 +92,7 @@ bool VMLibrary::isNameTaken(const std::string& name, const VMRecord& byOtherThan
 VMLibrary::Reservation::Reservation(VMLibrary& library, std::string name, std::string directory)
     : library_(library), name_(std::move(name)), directory_(std::move(directory)) {
     if (library_.isNameTaken(name_)) {
-        logger.info("A VM with name '%@' already exists", name_);
+        vmServiceLogger.info("A VM with name '%@' already exists", name_);
         throw DorvaneError(DorvaneError::Case::vmNameCollision, name_);
     }
     if (library_.isReserved(directory_))

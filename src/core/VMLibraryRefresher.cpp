@@ -6,12 +6,10 @@
 #include <unordered_set>
 
 #include "core/BackupExclusion.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
-
-const Logger logger("VMService");
 
 constexpr std::size_t maximumMarkerBytes = 65536;
 
@@ -47,7 +45,7 @@ std::optional<DorvaneVMConfig> readTolerantly(const VMBundle& bundle) {
     try {
         return DorvaneVMConfig::read(bundle.configFile());
     } catch (const std::exception& error) {
-        logger.debug("Skipping %{public}s: %{public}s", bundle.directoryURL.string(), error.what());
+        vmServiceLogger.debug("Skipping %{public}s: %{public}s", bundle.directoryURL.string(), error.what());
         return std::nullopt;
     }
 }
@@ -112,7 +110,7 @@ Task<void> VMLibraryRefresher::refresh() {
     reconcileStatusOfUnreachableVMs(unreachable);
     co_await excludeReturned(unreachable);
     library_.sync();
-    logger.info(
+    vmServiceLogger.info(
         "Refreshed VM list across %ld storage path(s): %ld VM(s), %ld unreachable, %ld unreadable path(s)",
         storagePaths.size(), library_.vms().size(), unreachable.size(), found.unreadablePaths);
 }
@@ -146,10 +144,11 @@ Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storag
         const auto read = [&] { return readFolder(path, sweeps, awaitingInstallation); };
         auto folder = co_await with_.runtime.background.run(read);
         for (const auto& removed : folder.removed)
-            logger.info("Removed interrupted work from a previous session: %{public}s", removed.string());
+            vmServiceLogger.info("Removed interrupted work from a previous session: %{public}s",
+                                 removed.string());
         if (folder.failure) {
-            logger.error("Skipping unreadable storage path %{public}s: %{public}s", path.string(),
-                         *folder.failure);
+            vmServiceLogger.error("Skipping unreadable storage path %{public}s: %{public}s", path.string(),
+                                  *folder.failure);
             ++result.unreadablePaths;
         }
         for (auto& bundle : folder.bundles)
@@ -227,8 +226,9 @@ void VMLibraryRefresher::reconcileStatusOfUnreachableVMs(const std::vector<VMRec
     for (const auto& vm : vms) {
         const auto status = with_.engine.status(vm->id).value_or(VMStatus::stopped);
         if (vm->status == status) continue;
-        logger.info("VM %{public}s bundle unreachable at %{public}s; status %{public}s -> %{public}s",
-                    vm->name, vm->vmPath, rawValue(vm->status), rawValue(status));
+        vmServiceLogger.info(
+            "VM %{public}s bundle unreachable at %{public}s; status %{public}s -> %{public}s", vm->name,
+            vm->vmPath, rawValue(vm->status), rawValue(status));
         vm->status = status;
         vm->updatedAt = now();
         changed = true;

@@ -5,14 +5,12 @@
 
 #include "core/DorvaneError.h"
 #include "core/VMBundleReading.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
 
 using Case = DorvaneError::Case;
-
-const Logger logger("VMService");
 
 // The guest's SSH server has about 80 s to come up after a restore.
 constexpr auto clockSyncAttempts = 20;
@@ -103,7 +101,7 @@ Task<void> VMRunControl::start(VMRecordPointer vm) {
     watcher_.watch(vm->id);
     if (plan.resumesSavedState && vm->osType == VMOSType::windows && !vm->hasSuspendedState())
         scheduleGuestClockSync(vm);
-    logger.info("Started VM: %s", vm->name);
+    vmServiceLogger.info("Started VM: %s", vm->name);
 }
 
 Task<VMRunControl::Plan> VMRunControl::prepare(VMRecordPointer vm) {
@@ -152,7 +150,7 @@ Task<void> VMRunControl::stop(VMRecordPointer vm, bool force) {
     const bool isStamped = co_await flow_.autoComplete(vm);
     if (!isStamped) vm->updatedAt = now();
     library_.commit();
-    logger.info("Stopped VM: %s", vm->name);
+    vmServiceLogger.info("Stopped VM: %s", vm->name);
 }
 
 Task<void> VMRunControl::restart(VMRecordPointer vm) {
@@ -160,7 +158,7 @@ Task<void> VMRunControl::restart(VMRecordPointer vm) {
     requireStatus(*vm, {VMStatus::running, VMStatus::paused});
     co_await stop(vm, false);
     co_await start(vm);
-    logger.info("Restarted VM: %s", vm->name);
+    vmServiceLogger.info("Restarted VM: %s", vm->name);
 }
 
 Task<void> VMRunControl::pause(VMRecordPointer vm) {
@@ -182,7 +180,7 @@ Task<void> VMRunControl::change(VMRecordPointer vm, VMStatus from, EngineOperati
     vm->status = to;
     vm->updatedAt = now();
     library_.commit();
-    logger.info(logText, vm->name);
+    vmServiceLogger.info(logText, vm->name);
 }
 
 void VMRunControl::refreshState(VMRecord& vm) {

@@ -10,16 +10,10 @@
 #include "core/VMLibraryRefresher.h"
 #include "core/VMReconfigurer.h"
 #include "core/VMRunControl.h"
+#include "core/VMServiceLogger.h"
 #include "core/VMSuspender.h"
-#include "runtime/Logger.h"
 
 namespace dorvane {
-namespace {
-
-const Logger logger("VMService");
-
-}  // namespace
-
 /// In the order in which they need each other.
 struct VMService::Parts {
     explicit Parts(VMServiceCollaborators collaborators) : with(std::move(collaborators)) {}
@@ -50,7 +44,7 @@ void VMService::Parts::rename(VMRecord& vm, const std::string& wanted) {
     const auto before = std::exchange(vm.name, name);
     vm.updatedAt = with.runtime.clock.date();
     library.commit();
-    logger.info("Renamed VM %{public}s to %{public}s", before, name);
+    vmServiceLogger.info("Renamed VM %{public}s to %{public}s", before, name);
 }
 
 VMService::VMService(VMServiceCollaborators collaborators)

@@ -9,18 +9,18 @@
 namespace dorvane {
 namespace {
 
-struct Texts {
+struct StatusTexts {
     const char* raw;
     const char* display;
 };
 /// In the order of the enumeration.
-constexpr std::array<Texts, 5> texts{{{"stopped", "Stopped"},
-                                      {"starting", "Starting"},
-                                      {"running", "Running"},
-                                      {"paused", "Paused"},
-                                      {"error", "Error"}}};
+constexpr std::array<StatusTexts, 5> texts{{{"stopped", "Stopped"},
+                                            {"starting", "Starting"},
+                                            {"running", "Running"},
+                                            {"paused", "Paused"},
+                                            {"error", "Error"}}};
 
-const Texts& textsOf(VMStatus status) { return texts.at(static_cast<std::size_t>(status)); }
+const StatusTexts& textsOf(VMStatus status) { return texts.at(static_cast<std::size_t>(status)); }
 
 }  // namespace
 

@@ -4,27 +4,26 @@
 #include "base/Localized.h"
 #include "core/ConfigHash.h"
 #include "core/VMBundleReading.h"
-#include "runtime/Logger.h"
+#include "core/VMServiceLogger.h"
 
 namespace dorvane {
 namespace {
 
 using Case = DorvaneError::Case;
 
-const Logger logger("VMService");
-
-DorvaneError refusal(const char* message) {
+DorvaneError suspendRefusal(const char* message) {
     return DorvaneError(Case::invalidConfiguration, localized(message));
 }
 
 }  // namespace
 
 void VMSuspender::requireSuspendable(const VMRecord& vm) const {
-    if (vm.hasPendingInstallerImage()) throw refusal("Finish the installation before suspending this VM.");
+    if (vm.hasPendingInstallerImage())
+        throw suspendRefusal("Finish the installation before suspending this VM.");
     if (vm.status != VMStatus::running && vm.status != VMStatus::paused)
         throw DorvaneError(Case::vmNotRunning, vm.name);
     if (!with_.engine.canSaveStateNow(vm.osType))
-        throw refusal("VMs can only be suspended while this Mac is unlocked.");
+        throw suspendRefusal("VMs can only be suspended while this Mac is unlocked.");
 }
 
 Task<DorvaneVMConfig> VMSuspender::readSuspendableConfiguration(VMBundle bundle) const {
@@ -34,7 +33,7 @@ Task<DorvaneVMConfig> VMSuspender::readSuspendableConfiguration(VMBundle bundle)
     };
     auto config = co_await with_.runtime.background.run(read);
     if (config.isGraphicsAccelerated())
-        throw refusal("VMs with graphics acceleration can't be suspended. Shut the VM down instead.");
+        throw suspendRefusal("VMs with graphics acceleration can't be suspended. Shut the VM down instead.");
     co_return config;
 }
 
@@ -60,7 +59,7 @@ Task<void> VMSuspender::suspend(VMRecordPointer vm) {
     vm->updatedAt = with_.runtime.clock.date();
     access_.close(vm->id);
     library_.commit();
-    logger.info("Suspended VM to disk: %s", vm->name);
+    vmServiceLogger.info("Suspended VM to disk: %s", vm->name);
 }
 
 Task<void> VMSuspender::saveAndPowerOff(UUID vmID, VMBundle bundle, DorvaneVMConfig config) {
@@ -80,8 +79,8 @@ Task<void> VMSuspender::abandon(VMRecordPointer vm, bool wasPausedHere) {
         try {
             co_await with_.engine.resume(vm->id);
         } catch (const std::exception& error) {
-            logger.error("Could not resume %{public}s after a failed suspend: %{public}s", vm->name,
-                         error.what());
+            vmServiceLogger.error("Could not resume %{public}s after a failed suspend: %{public}s", vm->name,
+                                  error.what());
         }
     }
     vm->status = VMStatus::running;
@@ -92,7 +91,7 @@ Task<void> VMSuspender::discardSuspendedState(VMRecordPointer vm) {
     const auto token = access_.begin(*vm);
     const auto discard = [bundle = vm->bundle()] { bundle.discardSavedState(); };
     co_await with_.runtime.background.run(discard);
-    logger.info("Discarded suspended state of %{public}s at the user's request", vm->name);
+    vmServiceLogger.info("Discarded suspended state of %{public}s at the user's request", vm->name);
 }
 
 }  // namespace dorvane

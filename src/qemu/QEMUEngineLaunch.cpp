@@ -6,8 +6,8 @@
 namespace dorvane {
 namespace {
 
-constexpr auto endTimeout = seconds(10.0);
-constexpr auto endInterval = milliseconds(100);
+constexpr auto formerEndTimeout = seconds(10.0);
+constexpr auto formerEndInterval = milliseconds(100);
 constexpr auto bootPromptTime = seconds(90.0);
 constexpr auto bootPromptInterval = milliseconds(150);
 
@@ -97,7 +97,7 @@ Task<void> QEMUEngine::waitForEndingChild(UUID id) {
         std::erase_if(ending_, [](const auto& supervisor) { return supervisor->isTerminated(); });
         return std::ranges::none_of(ending_, [&](const auto& supervisor) { return supervisor->id() == id; });
     };
-    co_await pollUntil(runtime_.clock, endTimeout, endInterval, std::move(hasEnded));
+    co_await pollUntil(runtime_.clock, formerEndTimeout, formerEndInterval, std::move(hasEnded));
 }
 
 void QEMUEngine::throwIfAbandoned(const UUID& id) {
@@ -134,7 +134,7 @@ Task<void> QEMUEngine::didFailToStart(UUID id, SupervisorPointer supervisor, boo
     if (!wasRestoring || isCancellation(error)) std::rethrow_exception(error);
     // The child must be gone before the disk is touched again.
     std::function<bool()> hasEnded = [supervisor] { return supervisor->isTerminated(); };
-    co_await pollUntil(runtime_.clock, endTimeout, endInterval, std::move(hasEnded));
+    co_await pollUntil(runtime_.clock, formerEndTimeout, formerEndInterval, std::move(hasEnded));
     const auto& bundle = supervisor->bundle();
     const auto reason = reasonOf(error);
     if (supervisor->didRequestStop()) {

@@ -17,11 +17,11 @@
 namespace dorvane {
 namespace {
 
-constexpr std::size_t chunkBytes = 8192;
+constexpr std::size_t outputChunkBytes = 8192;
 /// The tool's own words are a line or two; more than this is not shown to anybody.
 constexpr std::size_t maximumErrorBytes = 65536;
 
-DorvaneError failed(const std::string& reason) {
+DorvaneError conversionFailed(const std::string& reason) {
     return DorvaneError(DorvaneError::Case::vmImportFailed, reason);
 }
 
@@ -82,7 +82,7 @@ class OutputReader : public std::enable_shared_from_this<OutputReader> {
     }
 
     static Bytes read(std::unique_ptr<ReadSource>& source) {
-        Bytes chunk(chunkBytes);
+        Bytes chunk(outputChunkBytes);
         const auto count = ::read(source->descriptor(), chunk.data(), chunk.size());
         if (count == 0) source.reset();
         chunk.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
@@ -135,7 +135,7 @@ std::optional<double> QEMUImageConverter::lastProgress(std::string_view output) 
 Task<void> QEMUImageConverter::convertToQcow2(const Runtime& runtime, Path tool, Path source,
                                               std::string sourceFormat, Path destination, Progress progress) {
     if (!std::filesystem::exists(tool))
-        throw failed(localized("The disk image tool is missing from this build."));
+        throw conversionFailed(localized("The disk image tool is missing from this build."));
     ProcessCommand command{tool};
     command.arguments = {"convert",           "-p", "-f", sourceFormat, "-O", "qcow2", source.string(),
                          destination.string()};
@@ -148,8 +148,8 @@ Task<void> QEMUImageConverter::convertToQcow2(const Runtime& runtime, Path tool,
     if (status.isSuccess()) co_return;
     if (status.wasSignaled()) throw CancellationError();
     const std::string words(trimmed(errorOutput));
-    throw failed(words.empty() ? localized("The disk conversion exited with status %d.", status.code)
-                               : words);
+    throw conversionFailed(
+        words.empty() ? localized("The disk conversion exited with status %d.", status.code) : words);
 }
 
 }  // namespace dorvane

@@ -18,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using SandboxKind = GraphicsSandboxGroup::Requirement::Kind;
 
-DorvaneError startupFailed(const std::string& reason) {
+DorvaneError preparationFailed(const std::string& reason) {
     return DorvaneError(DorvaneError::Case::vmStartupFailed, reason);
 }
 
@@ -44,10 +44,11 @@ QEMULaunchInputs QEMULaunchPreparation::readInputs(UUID id, VMBundle bundle,
         logger_.info("客体工具已就位,%{public}s 改用 virtio-gpu 显示", bundle.name());
     if (const auto problem = WindowsGuestAvailability::systemRequirementProblem(
             context_.hostSystemVersion, context_.declaredMinimumSystemVersion))
-        throw startupFailed(problem->reason());
+        throw preparationFailed(problem->reason());
     auto resources = context_.resourceLocator();
     if (!resources)
-        throw startupFailed(localized("The Windows virtualization components are missing from this build."));
+        throw preparationFailed(
+            localized("The Windows virtualization components are missing from this build."));
     return {id, std::move(bundle), std::move(attachments), std::move(config), std::move(*resources)};
 }
 
@@ -95,7 +96,8 @@ std::optional<Path> QEMULaunchPreparation::requireTPM(const QEMULaunchInputs& in
     const auto& platform = inputs.config.windowsPlatform;
     if (platform && !platform->hasTPM) return std::nullopt;
     if (!inputs.resources.swtpm)
-        throw startupFailed(localized("This VM requires a virtual TPM, but the TPM component is missing."));
+        throw preparationFailed(
+            localized("This VM requires a virtual TPM, but the TPM component is missing."));
     return inputs.resources.swtpm;
 }
 
@@ -165,7 +167,7 @@ Task<std::vector<std::string>> QEMULaunchPreparation::adapted(std::vector<std::s
             capabilities =
                 co_await context_.capabilities.capabilities(resources.executable, resources.environment);
         } catch (const POSIXError& error) {
-            throw startupFailed(error.what());
+            throw preparationFailed(error.what());
         }
     }
     co_return context_.adapter.adapt(std::move(arguments), capabilities);

@@ -7,17 +7,12 @@
 namespace dorvane {
 namespace {
 
-constexpr auto commandTimeout = seconds(10.0);
-constexpr auto queryTimeout = seconds(5.0);
+constexpr auto overlayTimeout = seconds(10.0);
+constexpr auto topNodeTimeout = seconds(5.0);
 constexpr auto systemDiskDevice = "sysdisk";
 
 DorvaneError snapshotFailure(const std::exception_ptr& error) {
     return DorvaneError(DorvaneError::Case::vmSnapshotFailed, localizedDescription(error));
-}
-
-void removeQuietly(const Path& file) {
-    std::error_code ignored;
-    std::filesystem::remove(file, ignored);
 }
 
 void repointQuietly(const Path& link, const Path& target) {
@@ -118,16 +113,16 @@ void QEMUProcessSupervisor::prepareLinks(OverlaySwitch& change) const {
 Task<void> QEMUProcessSupervisor::switchToOverlay(std::shared_ptr<QMPConnection> connection,
                                                   OverlaySwitch* change) {
     auto node = overlayNode(change->newNode, change->fileForQEMU());
-    co_await connection->execute("blockdev-add", std::move(node), commandTimeout);
+    co_await connection->execute("blockdev-add", std::move(node), overlayTimeout);
     change->isNodeAdded = true;
     if (change->parentRewrite) {
         // The open layer's header is QEMU's to write, and only while the layer is still writable.
         auto rewrite = backingFileChange(change->oldNode, change->parentRewrite->newBacking);
-        co_await connection->execute("change-backing-file", std::move(rewrite), commandTimeout);
+        co_await connection->execute("change-backing-file", std::move(rewrite), overlayTimeout);
         change->isParentRewritten = true;
     }
     JSON layers{{"node", systemDiskDevice}, {"overlay", change->newNode}};
-    co_await connection->execute("blockdev-snapshot", std::move(layers), commandTimeout);
+    co_await connection->execute("blockdev-snapshot", std::move(layers), overlayTimeout);
 }
 
 /// Errors are passed over: nothing better can be done, and the first failure is what counts.
@@ -135,17 +130,17 @@ Task<void> QEMUProcessSupervisor::rollBackOverlay(std::shared_ptr<QMPConnection>
                                                   OverlaySwitch* change) {
     if (change->isParentRewritten) {
         auto rewrite = backingFileChange(change->oldNode, change->parentRewrite->originalBacking);
-        co_await succeeds(connection, "change-backing-file", commandTimeout, std::move(rewrite));
+        co_await succeeds(connection, "change-backing-file", overlayTimeout, std::move(rewrite));
     }
     JSON node{{"node-name", change->newNode}};
-    co_await succeeds(connection, "blockdev-del", commandTimeout, std::move(node));
+    co_await succeeds(connection, "blockdev-del", overlayTimeout, std::move(node));
 }
 
 Task<std::optional<std::string>> QEMUProcessSupervisor::querySystemDiskTopNode(
     std::shared_ptr<QMPConnection> connection) {
     QMPObject answer;
     try {
-        answer = co_await connection->execute("query-block", nullptr, queryTimeout);
+        answer = co_await connection->execute("query-block", nullptr, topNodeTimeout);
     } catch (const std::exception&) {
         // Counts as unknown.
     }

@@ -13,15 +13,10 @@ constexpr auto shortTimeout = seconds(5.0);
 constexpr auto cancelInterval = milliseconds(200);
 constexpr auto restoreTimeout = seconds(900.0);
 constexpr auto resumeTimeout = seconds(10.0);
-constexpr auto exitWait = seconds(1.0);
-constexpr auto exitInterval = milliseconds(50);
+constexpr auto rejectionWait = seconds(1.0);
+constexpr auto rejectionInterval = milliseconds(50);
 
 Path sidecar(const Path& state) { return Path(state.string() + ".devices"); }
-
-void removeQuietly(const Path& file) {
-    std::error_code ignored;
-    std::filesystem::remove(file, ignored);
-}
 
 [[noreturn]] void rethrowAsSnapshotFailure(const std::exception_ptr& error) {
     if (isCancellation(error)) std::rethrow_exception(error);
@@ -136,7 +131,8 @@ Task<void> QEMUProcessSupervisor::restoreIncoming(Path from) {
 Task<bool> QEMUProcessSupervisor::failureMeansBadState() {
     const auto connection = connection_;
     std::function<bool()> isGone = [child = child_] { return !child->isRunning(); };
-    const bool hasEnded = co_await pollUntil(runtime_.clock, exitWait, exitInterval, std::move(isGone));
+    const bool hasEnded =
+        co_await pollUntil(runtime_.clock, rejectionWait, rejectionInterval, std::move(isGone));
     if (didRequestStop_) co_return false;
     if (hasEnded) co_return true;
     try {

@@ -10,9 +10,9 @@ constexpr auto powerDownTimeout = seconds(10.0);
 constexpr auto gracefulInterval = milliseconds(250);
 constexpr auto quitTimeout = seconds(10.0);
 constexpr auto forcedQuitTimeout = seconds(2.0);
-constexpr auto endTimeout = seconds(8.0);
-constexpr auto endInterval = milliseconds(100);
-constexpr auto killDelay = 5.0;
+constexpr auto guestEndTimeout = seconds(8.0);
+constexpr auto guestEndInterval = milliseconds(100);
+constexpr auto stopKillDelay = 5.0;
 
 }  // namespace
 
@@ -34,7 +34,7 @@ Task<void> QEMUProcessSupervisor::stopWithoutConnection() {
     didRequestStop_ = true;
     hardTerminate();
     emulator_.terminate();
-    if (child_) co_await waitForTermination(endTimeout, endInterval);
+    if (child_) co_await waitForTermination(guestEndTimeout, guestEndInterval);
 }
 
 Task<void> QEMUProcessSupervisor::stopByForce() {
@@ -42,7 +42,7 @@ Task<void> QEMUProcessSupervisor::stopByForce() {
     didRequestStop_ = true;
     co_await succeeds(connection_, "quit", forcedQuitTimeout);
     hardTerminate();
-    co_await waitForTermination(endTimeout, endInterval);
+    co_await waitForTermination(guestEndTimeout, guestEndInterval);
 }
 
 Task<void> QEMUProcessSupervisor::stopGracefully(Duration timeout) {
@@ -68,8 +68,8 @@ Task<bool> QEMUProcessSupervisor::waitForTermination(Duration limit, Duration in
 
 void QEMUProcessSupervisor::hardTerminate() {
     if (!child_) return;
-    terminateThenKill(runtime_, child_->process(), seconds(killDelay), [name = name_, logger = logger_] {
-        logger.error("VM %{public}s 在 SIGTERM 后 %{public}f 秒仍未退出,发送 SIGKILL", name, killDelay);
+    terminateThenKill(runtime_, child_->process(), seconds(stopKillDelay), [name = name_, logger = logger_] {
+        logger.error("VM %{public}s 在 SIGTERM 后 %{public}f 秒仍未退出,发送 SIGKILL", name, stopKillDelay);
     });
 }
 

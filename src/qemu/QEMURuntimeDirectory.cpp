@@ -35,11 +35,6 @@ void writeScratch(const Path& path, std::string_view text) {
     if (!stream) throw FileError("write", path, EIO);
 }
 
-void removeQuietly(const Path& path) {
-    std::error_code ignored;
-    fs::remove(path, ignored);
-}
-
 void link(const Path& at, const Path& target) {
     removeQuietly(at);
     fs::create_symlink(target, at);

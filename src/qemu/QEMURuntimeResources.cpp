@@ -6,11 +6,6 @@
 namespace dorvane {
 namespace {
 
-bool fileExists(const Path& path) {
-    std::error_code ignored;
-    return std::filesystem::exists(path, ignored);
-}
-
 void replace(Path& resource, const Environment& environment, const char* variable) {
     if (const auto found = environment.find(variable); found != environment.end()) resource = found->second;
 }

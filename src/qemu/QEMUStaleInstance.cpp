@@ -7,15 +7,10 @@ namespace dorvane {
 namespace {
 
 constexpr auto connectTimeout = seconds(2.0);
-constexpr auto commandTimeout = seconds(10.0);
+constexpr auto staleCommandTimeout = seconds(10.0);
 constexpr auto goneTimeout = seconds(4.0);
 constexpr auto goneInterval = milliseconds(200);
-constexpr auto terminationGrace = seconds(5.0);
-
-bool fileExists(const Path& path) {
-    std::error_code ignored;
-    return std::filesystem::exists(path, ignored);
-}
+constexpr auto staleTerminationGrace = seconds(5.0);
 
 }  // namespace
 
@@ -43,7 +38,7 @@ Task<bool> QEMUStaleInstance::stopOverQMP(Path socket) const {
     logger_.info("发现上次会话遗留的 QEMU 仍在占用这台 VM,先把它停掉");
     for (const auto* command : {"system_powerdown", "quit"}) {
         try {
-            co_await connection->execute(command, nullptr, commandTimeout);
+            co_await connection->execute(command, nullptr, staleCommandTimeout);
         } catch (const QMPConnection::ConnectionError&) {
         }
     }
@@ -60,7 +55,7 @@ Task<void> QEMUStaleInstance::stopByPID(Path socket, UnixSocketPeer::Probe liste
     }
     logger_.info("遗留的 QEMU(pid %{public}d)不响应 QMP,按 pid 停掉", listener.pid);
     const UnixSocketPeer peer(processes_, runtime_.clock);
-    co_await peer.terminate(listener.pid, "qemu-system", terminationGrace);
+    co_await peer.terminate(listener.pid, "qemu-system", staleTerminationGrace);
 }
 
 }  // namespace dorvane

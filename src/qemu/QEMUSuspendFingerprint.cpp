@@ -12,7 +12,7 @@ namespace dorvane {
 namespace {
 
 constexpr std::array<std::string_view, 6> deviceFlags{"-machine", "-cpu", "-smp", "-m", "-rtc", "-device"};
-constexpr std::size_t chunkBytes = 1 << 20;
+constexpr std::size_t digestChunkBytes = 1 << 20;
 
 bool isDeviceFlag(std::string_view argument) {
     return std::find(deviceFlags.begin(), deviceFlags.end(), argument) != deviceFlags.end();
@@ -35,7 +35,7 @@ std::string QEMUSuspendFingerprint::engineDigest(const Path& executable) {
     std::ifstream file(executable, std::ios::binary);
     if (!file) return "unreadable";
     SHA256 hash;
-    std::vector<char> chunk(chunkBytes);
+    std::vector<char> chunk(digestChunkBytes);
     while (file.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || file.gcount() > 0)
         hash.update(asBytes({chunk.data(), static_cast<std::size_t>(file.gcount())}));
     return hash.finishHex();

@@ -89,6 +89,21 @@ void writeFileAtomically(const Path& path, ByteView bytes, unsigned mode) {
     syncDirectory(path.parent_path());
 }
 
+bool isThere(const Path& path) {
+    std::error_code ignored;
+    return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
+}
+
+bool fileExists(const Path& path) {
+    std::error_code ignored;
+    return std::filesystem::exists(path, ignored);
+}
+
+void removeQuietly(const Path& file) {
+    std::error_code ignored;
+    std::filesystem::remove(file, ignored);
+}
+
 void truncateFile(const Path& path, std::uint64_t size) {
     const FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!fd || ::ftruncate(fd.get(), static_cast<off_t>(size)) != 0) throw FileError("resize", path, errno);

@@ -33,6 +33,13 @@ inline void writeFileAtomically(const Path& path, std::string_view text, unsigne
     writeFileAtomically(path, asBytes(text), mode);
 }
 
+/// Whether anything stands at the path, a link that leads nowhere included.
+bool isThere(const Path& path);
+/// Whether there is something to open; false also when that can't be told.
+bool fileExists(const Path& path);
+/// Removes a file or a link if there is one. A failure is passed over.
+void removeQuietly(const Path& file);
+
 /// Extends or cuts a file to `size` bytes without allocating blocks; makes it when absent. Throws FileError.
 void truncateFile(const Path& path, std::uint64_t size);
 

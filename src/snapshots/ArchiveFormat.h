@@ -37,6 +37,11 @@ struct ArchiveEntry {
 
 namespace zip {
 
+/// More than any backup has.
+constexpr std::size_t maximumEntries = 1 << 20;
+/// What makes zlib read and write deflate without a header.
+constexpr int rawDeflateWindowBits = -15;
+
 constexpr std::uint32_t localHeaderSignature = 0x04034b50;
 constexpr std::uint32_t centralHeaderSignature = 0x02014b50;
 constexpr std::uint32_t endSignature = 0x06054b50;

@@ -13,7 +13,6 @@ namespace dorvane {
 namespace {
 
 constexpr std::uint64_t maximumDirectoryBytes = 64 << 20;
-constexpr std::size_t maximumEntries = 1 << 20;
 constexpr std::uint64_t maximumFileBytes = INT64_MAX;
 
 struct DirectoryPlace {
@@ -214,7 +213,7 @@ Bytes readArchive(const ArchiveSource& source, std::uint64_t offset, std::size_t
 
 std::vector<ArchiveEntry> readArchiveDirectory(const ArchiveSource& source) {
     const auto place = findDirectory(source);
-    if (place.size > maximumDirectoryBytes || place.count > maximumEntries)
+    if (place.size > maximumDirectoryBytes || place.count > zip::maximumEntries)
         throw ArchiveError(localized("The archive holds too many files."));
     const auto bytes = readArchive(source, place.offset, static_cast<std::size_t>(place.size));
     DirectoryParser parser(bytes);

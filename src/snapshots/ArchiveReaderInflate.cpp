@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::size_t inputBytes = 256 << 10;
 constexpr std::size_t outputBytes = 256 << 10;
-constexpr int rawDeflateWindowBits = -15;
 constexpr std::size_t deflateHistoryBytes = 32 << 10;
 // What inflate tells after each block in z_stream::data_type.
 constexpr int unusedBitsMask = 63, lastBlockBit = 64, blockEndBit = 128;
@@ -21,7 +20,7 @@ constexpr int unusedBitsMask = 63, lastBlockBit = 64, blockEndBit = 128;
 class Inflater {
   public:
     Inflater(ArchiveInput& input, ArchiveSink& sink) : input_(input), sink_(sink), output_(outputBytes) {
-        if (::inflateInit2(&stream_, rawDeflateWindowBits) != Z_OK) throw std::bad_alloc();
+        if (::inflateInit2(&stream_, zip::rawDeflateWindowBits) != Z_OK) throw std::bad_alloc();
         resetOutput();
     }
     Inflater(const Inflater&) = delete;

@@ -14,7 +14,6 @@ namespace dorvane {
 namespace {
 
 constexpr std::size_t bufferBytes = 1 << 20;
-constexpr std::size_t maximumEntries = 1 << 20;
 /// Above it both sizes stand in a ZIP64 field from the beginning: a file that doesn't compress grows a
 /// little.
 constexpr std::uint64_t largestPlainFile = 0x7FFFFFFF;
@@ -184,7 +183,7 @@ Bytes readSegment(int fd, std::uint64_t offset, std::size_t size, const Path& pa
 ArchiveEntry ArchiveWriter::begin(const std::string& name, ArchiveEntryKind kind, unsigned permissions,
                                   std::time_t modified) {
     control_.check();
-    if (entries_.size() >= maximumEntries)
+    if (entries_.size() >= zip::maximumEntries)
         throw ArchiveError(localized("There are too many files for one archive."));
     names_.add(name, kind);
     ArchiveEntry entry;

@@ -11,7 +11,6 @@
 namespace dorvane {
 namespace {
 
-constexpr int rawDeflateWindowBits = -15;
 constexpr int memoryLevel = 8;
 /// For the end of a segment, which the library's bound doesn't count.
 constexpr std::size_t flushBytes = 64;
@@ -20,7 +19,7 @@ constexpr std::size_t maximumPending = 1024;
 
 ArchiveSegment compress(const Bytes& content) {
     z_stream stream{};
-    if (::deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, rawDeflateWindowBits, memoryLevel,
+    if (::deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, zip::rawDeflateWindowBits, memoryLevel,
                        Z_DEFAULT_STRATEGY) != Z_OK)
         throw std::bad_alloc();
     ArchiveSegment segment;

@@ -38,11 +38,6 @@ Path markFile(const VMBundle& bundle, const UUID& id, Mark mark) {
 
 }  // namespace
 
-bool isThere(const Path& path) {
-    const auto type = typeOf(path);
-    return type != fs::file_type::not_found && type != fs::file_type::none;
-}
-
 bool isRegularFile(const Path& path) { return typeOf(path) == fs::file_type::regular; }
 
 bool isDirectory(const Path& path) { return typeOf(path) == fs::file_type::directory; }

@@ -8,7 +8,6 @@ namespace dorvane::chainfiles {
 
 /// All functions block and throw FileError; symbolic links count as themselves and are never followed.
 
-bool isThere(const Path& path);
 bool isRegularFile(const Path& path);
 bool isDirectory(const Path& path);
 

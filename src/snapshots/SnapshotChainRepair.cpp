@@ -36,7 +36,7 @@ bool isUnfinishedOverlay(const QCOW2ChainToolProtocol& tool, const Path& disk) {
 bool holdsNothing(const VMBundle& bundle, const UUID& id) {
     const auto directory = Node::directory(bundle, id);
     for (const char* name : {"disk.qcow2", "disk.img", "meta.json"})
-        if (chainfiles::isThere(directory / name)) return false;
+        if (isThere(directory / name)) return false;
     return true;
 }
 
@@ -61,11 +61,11 @@ bool SnapshotChainRepair::run(const VMBundle& bundle) const {
         }
     };
     attempt([&] {
-        if (chainfiles::isThere(chainfiles::restoringDisk(bundle)))
+        if (isThere(chainfiles::restoringDisk(bundle)))
             chainfiles::removeFile(chainfiles::restoringDisk(bundle));
     });
     std::vector<UUID> ids;
-    if (chainfiles::isThere(bundle.snapshotsDirectory())) {
+    if (isThere(bundle.snapshotsDirectory())) {
         if (!chainfiles::isDirectory(bundle.snapshotsDirectory())) {
             attempt([&] { throw unmended("%@ is not a folder.", bundle.snapshotsDirectory()); });
             return isSound;
@@ -89,18 +89,18 @@ void SnapshotChainRepair::mendCapture(const VMBundle& bundle, const UUID& id) co
     const auto& tool = *store_.chainTool_;
     const auto live = bundle.qcow2Disk();
     const auto frozen = Node::snapshot(id).diskURL(bundle);
-    if (!chainfiles::isThere(frozen)) {
+    if (!isThere(frozen)) {
         // Not moved yet, or moved back already. The directory goes with the other leftovers.
-        if (!chainfiles::isThere(live)) throw unmended("The disk %@ is missing.", live);
+        if (!isThere(live)) throw unmended("The disk %@ is missing.", live);
         chainfiles::removeDirectory(bundle, id);
         return;
     }
     // Read first: when it can't be, that says something about the tool and nothing about the overlay.
     const auto backing = tool.backingPath(frozen);
-    if (!chainfiles::isThere(live) || isUnfinishedOverlay(tool, live)) {
+    if (!isThere(live) || isUnfinishedOverlay(tool, live)) {
         logger_.info("Undoing the interrupted capture of %{public}s", id.text());
         store_.uncapture(bundle, id, backing ? Node::snapshotID(*backing) : std::nullopt);
-        if (chainfiles::isThere(frozen)) throw unmended("The disk stays at %@.", frozen);
+        if (isThere(frozen)) throw unmended("The disk stays at %@.", frozen);
         return;
     }
     if (tool.backingPath(live) != Node::live().backingPath(id))
@@ -113,8 +113,8 @@ void SnapshotChainRepair::mendDiscarded(const VMBundle& bundle) const {
     const auto& tool = *store_.chainTool_;
     const auto live = bundle.qcow2Disk();
     const auto discarded = chainfiles::discardedDisk(bundle);
-    if (!chainfiles::isThere(discarded)) return;
-    const bool hasLive = chainfiles::isThere(live);
+    if (!isThere(discarded)) return;
+    const bool hasLive = isThere(live);
     if (hasLive) tool.backingPath(live);
     if (isUnfinishedOverlay(tool, discarded)) {
         if (!hasLive) throw unmended("The disk %@ is missing.", live);
@@ -125,7 +125,7 @@ void SnapshotChainRepair::mendDiscarded(const VMBundle& bundle) const {
     const auto id = backing ? Node::snapshotID(*backing) : std::nullopt;
     if (!id || *backing != Node::live().backingPath(*id))
         throw unmended("%@ is not the overlay of a snapshot.", discarded);
-    const bool hasLayer = chainfiles::isThere(Node::snapshot(*id).diskURL(bundle));
+    const bool hasLayer = isThere(Node::snapshot(*id).diskURL(bundle));
     if (hasLayer == hasLive) throw unmended("%@ belongs to no interrupted rollback.", discarded);
     if (hasLayer) {
         logger_.info("Giving up the interrupted rollback of %{public}s", id->text());
@@ -137,7 +137,7 @@ void SnapshotChainRepair::mendDiscarded(const VMBundle& bundle) const {
 
 void SnapshotChainRepair::mendRebase(const VMBundle& bundle, const SnapshotChainNode& node) const {
     const auto disk = node.diskURL(bundle);
-    if (!chainfiles::isThere(chainfiles::rebasingMark(disk))) return;
+    if (!isThere(chainfiles::rebasingMark(disk))) return;
     if (!chainfiles::isRegularFile(disk)) throw unmended("The disk %@ is missing.", disk);
     logger_.info("Undoing the interrupted rebase of %{public}s", disk.string());
     store_.undoRebase(bundle, node);

@@ -29,7 +29,7 @@ std::string currentFailure() { return localizedDescription(std::current_exceptio
 /// Moves the live disk into the snapshot's place, under a mark that stays until the overlay is complete.
 void freeze(const VMBundle& bundle, const UUID& id) {
     const auto frozen = Node::snapshot(id).diskURL(bundle);
-    if (chainfiles::isThere(frozen)) throw FileError("create", frozen, EEXIST);
+    if (isThere(frozen)) throw FileError("create", frozen, EEXIST);
     chainfiles::makeDirectory(bundle, id);
     try {
         chainfiles::setMark(bundle, id, Mark::capturing);
@@ -131,7 +131,7 @@ void SnapshotChainStore::undoCapture(const VMBundle& bundle, const UUID& snapsho
     };
     rewriteHeader(Node::live());
     try {
-        if (chainfiles::isThere(live)) chainfiles::moveFile(live, discarded);
+        if (isThere(live)) chainfiles::moveFile(live, discarded);
     } catch (...) {
         logger_.error(
             "Rollback of %{public}s could not move the new overlay aside; leaving the snapshot in place: "
@@ -167,7 +167,7 @@ void SnapshotChainStore::rewriteHeaderIfPossible(const Path& disk, const std::st
 }
 
 bool SnapshotChainStore::removeDirectoryWithoutDisk(const VMBundle& bundle, const UUID& snapshotID) const {
-    if (chainfiles::isThere(Node::snapshot(snapshotID).diskURL(bundle))) return false;
+    if (isThere(Node::snapshot(snapshotID).diskURL(bundle))) return false;
     chainfiles::removeDirectory(bundle, snapshotID);
     return true;
 }
@@ -177,7 +177,7 @@ void SnapshotChainStore::restore(const VMBundle& bundle, const UUID& snapshotID)
     const auto fail = [](const char* sentence) {
         throw DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed, localized(sentence));
     };
-    if (!chainfiles::isThere(node.diskURL(bundle))) fail("The snapshot's disk image is missing.");
+    if (!isThere(node.diskURL(bundle))) fail("The snapshot's disk image is missing.");
     if (chainfiles::hasMark(bundle, snapshotID, Mark::merging))
         fail("The deletion of this snapshot was interrupted. Delete it again.");
     SnapshotChainLayout(*chainTool_, bundle).ancestors(node);
@@ -197,7 +197,7 @@ void SnapshotChainStore::restore(const VMBundle& bundle, const UUID& snapshotID)
 
 void SnapshotChainStore::deleteSnapshot(const VMBundle& bundle, const UUID& snapshotID) const {
     const auto node = Node::snapshot(snapshotID);
-    if (!chainfiles::isThere(node.diskURL(bundle))) {
+    if (!isThere(node.diskURL(bundle))) {
         chainfiles::removeDirectory(bundle, snapshotID);
         return;
     }
@@ -253,7 +253,7 @@ void SnapshotChainStore::undoRebase(const VMBundle& bundle, const Node& child) c
 void SnapshotChainStore::requireNoInterruptedRebase(const VMBundle& bundle) const {
     const SnapshotChainLayout layout(*chainTool_, bundle);
     const auto check = [&](const Node& node) {
-        if (chainfiles::isThere(chainfiles::rebasingMark(node.diskURL(bundle)))) layout.requireDisk(node);
+        if (isThere(chainfiles::rebasingMark(node.diskURL(bundle)))) layout.requireDisk(node);
     };
     check(Node::live());
     for (const auto& id : snapshotIDsOnDisk(bundle)) check(Node::snapshot(id));
@@ -297,7 +297,7 @@ std::vector<Node> SnapshotChainStore::children(const VMBundle& bundle, const Nod
     if (node.isLive()) return found;
     const auto addIfChild = [&](const Node& candidate) {
         const auto disk = candidate.diskURL(bundle);
-        if (candidate == node || !chainfiles::isThere(disk)) return;
+        if (candidate == node || !isThere(disk)) return;
         const auto backing = chainTool_->backingPath(disk);
         if (backing && Node::snapshotID(*backing) == node.snapshotID()) found.push_back(candidate);
     };
@@ -309,7 +309,7 @@ std::vector<Node> SnapshotChainStore::children(const VMBundle& bundle, const Nod
 std::vector<UUID> SnapshotChainStore::snapshotIDsOnDisk(const VMBundle& bundle) const {
     const auto folder = bundle.snapshotsDirectory();
     std::set<UUID> ids;
-    if (!chainfiles::isThere(folder)) return {};
+    if (!isThere(folder)) return {};
     std::error_code failure;
     fs::directory_iterator entry(folder, failure);
     for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {

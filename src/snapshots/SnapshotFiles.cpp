@@ -6,11 +6,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
-}
-
 void removeItem(const Path& path) {
     std::error_code error;
     fs::remove_all(path, error);

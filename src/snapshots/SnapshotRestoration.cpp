@@ -17,11 +17,6 @@ namespace fs = std::filesystem;
 
 constexpr auto journalName = ".dorvane-restoring";
 
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
-}
-
 /// Which file stands at the path; 0 when there is none.
 std::uint64_t fileNumber(const Path& path) {
     struct stat status {};
@@ -33,7 +28,7 @@ std::array<Path, 4> stagedFiles(const VMBundle& bundle, VMOSType os) {
             bundle.savedStateDevices()};
 }
 
-DorvaneError restoreFailure(const std::string& reason) {
+DorvaneError snapshotRestoreFailure(const std::string& reason) {
     return DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed, reason);
 }
 
@@ -69,7 +64,8 @@ bool SnapshotRestoration::wasInterrupted(const VMBundle& bundle, VMOSType os) {
 
 bool SnapshotRestoration::restore(const VMSnapshot& snapshot) const {
     const SnapshotFiles files(bundle_, snapshot.id);
-    if (!isThere(files.disk(os_))) throw restoreFailure(localized("The snapshot's disk image is missing."));
+    if (!isThere(files.disk(os_)))
+        throw snapshotRestoreFailure(localized("The snapshot's disk image is missing."));
     const bool withMemory = bringsMemoryBack(snapshot, files);
     Journal journal{fileNumber(bundle_.systemDisk(os_)), std::nullopt};
     if (withMemory) journal.stateHash = snapshot.configHash;
@@ -120,7 +116,8 @@ void SnapshotRestoration::discardStaged() const {
 void SnapshotRestoration::swapDisk(const VMSnapshot& snapshot, const SnapshotFiles& files) const {
     if (snapshot.storage() != VMSnapshotStorage::chain)
         return copier_.replaceFile(bundle_.systemDisk(os_), files.disk(os_));
-    if (chain_ == nullptr) throw restoreFailure(localized("The disk image tool is missing from this build."));
+    if (chain_ == nullptr)
+        throw snapshotRestoreFailure(localized("The disk image tool is missing from this build."));
     chain_->restore(bundle_, snapshot.id);
 }
 

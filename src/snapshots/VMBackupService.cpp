@@ -23,7 +23,7 @@ void tell(const VMBackupProgressHandler& handler, Phase phase,
 }
 
 /// Cancellations and this system's own errors as they are, others as `which` with their words.
-[[noreturn]] void rethrowAs(Case which, const std::exception_ptr& failure) {
+[[noreturn]] void rethrowAsBackupFailure(Case which, const std::exception_ptr& failure) {
     if (isCancellation(failure)) std::rethrow_exception(failure);
     try {
         std::rethrow_exception(failure);
@@ -32,11 +32,6 @@ void tell(const VMBackupProgressHandler& handler, Phase phase,
     } catch (...) {
         throw DorvaneError(which, localizedDescription(failure));
     }
-}
-
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
 }
 
 }  // namespace
@@ -90,7 +85,7 @@ Task<void> VMBackupService::exportBackup(VMRecordPointer vm, Path destinationURL
     } catch (...) {
         failure = std::current_exception();
     }
-    if (failure) rethrowAs(Case::vmBackupFailed, failure);
+    if (failure) rethrowAsBackupFailure(Case::vmBackupFailed, failure);
     logger.info("Backed up VM: %s", vm->name);
 }
 
@@ -136,7 +131,7 @@ Task<VMRecordPointer> VMBackupService::restore(Path archive, std::optional<std::
         if (failure && restore.hasMoved) fs::remove_all(restore.destination, ignored);
     };
     co_await with_.runtime.background.run(cleanUp);
-    if (failure) rethrowAs(Case::vmRestoreFailed, failure);
+    if (failure) rethrowAsBackupFailure(Case::vmRestoreFailed, failure);
     logger.info("Restored VM: %s", restore.vm->name);
     co_return restore.vm;
 }

@@ -18,11 +18,6 @@ constexpr auto recoveryInterval = milliseconds(20);
 constexpr int recoveryAttempts = 5;
 constexpr auto recoveryPause = milliseconds(300);
 
-bool isThere(const Path& path) {
-    std::error_code ignored;
-    return fs::exists(fs::symlink_status(path, ignored));
-}
-
 bool hasEntries(const Path& directory) {
     std::error_code ignored;
     return fs::directory_iterator(directory, ignored) != fs::directory_iterator();

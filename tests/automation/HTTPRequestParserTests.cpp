@@ -7,19 +7,19 @@
 namespace dorvane::test {
 namespace {
 
-using Result = HTTPRequestParser::ParseResult;
+using Parsed = HTTPRequestParser::ParseResult;
 
 /// "complete", "invalid: <reason>", "more" or "unauthorized".
-std::string described(const Result::Kind& result) {
-    if (const auto* invalid = std::get_if<Result::Invalid>(&result)) return "invalid: " + invalid->reason;
-    if (std::holds_alternative<Result::NeedMoreData>(result)) return "more";
-    return std::holds_alternative<Result::Unauthorized>(result) ? "unauthorized" : "complete";
+std::string described(const Parsed::Kind& result) {
+    if (const auto* invalid = std::get_if<Parsed::Invalid>(&result)) return "invalid: " + invalid->reason;
+    if (std::holds_alternative<Parsed::NeedMoreData>(result)) return "more";
+    return std::holds_alternative<Parsed::Unauthorized>(result) ? "unauthorized" : "complete";
 }
 
-Result::Kind parse(std::string_view text) { return HTTPRequestParser().append(asBytes(text)); }
+Parsed::Kind parse(std::string_view text) { return HTTPRequestParser().append(asBytes(text)); }
 
-const HTTPRequestParser::Request& request(const Result::Kind& result) {
-    return std::get<Result::Complete>(result).request;
+const HTTPRequestParser::Request& request(const Parsed::Kind& result) {
+    return std::get<Parsed::Complete>(result).request;
 }
 
 /// A head of exactly `size` bytes, its final empty line included.
@@ -34,7 +34,7 @@ TEST(HTTPRequestParser, readsARequestWhateverTheSizeOfThePieces) {
         "\r\n\r\nhello";
     for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{7}, text.size()}) {
         HTTPRequestParser parser;
-        Result::Kind result = Result::NeedMoreData{};
+        Parsed::Kind result = Parsed::NeedMoreData{};
         for (std::size_t at = 0; at < text.size(); at += piece) {
             ASSERT_EQ(described(result), "more") << "at " << at << " in pieces of " << piece;
             result = parser.append(asBytes(std::string_view(text).substr(at, piece)));

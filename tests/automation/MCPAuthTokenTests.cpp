@@ -11,7 +11,7 @@ namespace {
 
 constexpr auto service = "com.brontide.dorvane.mcp";
 constexpr auto account = "endpointToken";
-constexpr auto token = "0123456789abcdef0123456789abcdef";
+constexpr auto authToken = "0123456789abcdef0123456789abcdef";
 
 TEST(MCPAuthToken, makesOneWhenTheKeychainHoldsNoneWorthHaving) {
     for (const auto& held :
@@ -33,25 +33,25 @@ TEST(MCPAuthToken, opensByPathOrByHeader) {
         std::optional<std::string> authorization;
         bool expected;
     } cases[] = {
-        {std::string("/mcp/") + token, std::nullopt, true},
-        {std::string("/mcp/") + token + "/", std::nullopt, false},
+        {std::string("/mcp/") + authToken, std::nullopt, true},
+        {std::string("/mcp/") + authToken + "/", std::nullopt, false},
         {"/mcp/", std::nullopt, false},
         {"/mcp", std::nullopt, false},
-        {"/mcp/", std::string("Bearer ") + token, true},
-        {"/mcp/wrong", std::string("BEARER ") + token, true},
-        {std::string("/mcp/") + token, "Bearer wrong", true},
-        {"/mcp", std::string("bearer  \t") + token + " ", true},
+        {"/mcp/", std::string("Bearer ") + authToken, true},
+        {"/mcp/wrong", std::string("BEARER ") + authToken, true},
+        {std::string("/mcp/") + authToken, "Bearer wrong", true},
+        {"/mcp", std::string("bearer  \t") + authToken + " ", true},
         {"/mcp", "Bearer ", false},
         {"/mcp", "Bearer", false},
         {"/mcp", "Bearer    ", false},
-        {"/mcp", std::string("Basic ") + token, false},
-        {"/mcp", std::string("Bearer ") + token + "0", false},
+        {"/mcp", std::string("Basic ") + authToken, false},
+        {"/mcp", std::string("Bearer ") + authToken + "0", false},
         {"/mcp", "Bearer 0123456789abcdef0123456789abcdee", false},
     };
     for (const auto& one : cases) {
         HTTPRequestParser::Headers headers;
         if (one.authorization) headers["authorization"] = *one.authorization;
-        EXPECT_EQ(MCPAuthToken::isAuthorized(one.path, headers, token), one.expected)
+        EXPECT_EQ(MCPAuthToken::isAuthorized(one.path, headers, authToken), one.expected)
             << one.path << " / " << one.authorization.value_or("-");
     }
     EXPECT_FALSE(MCPAuthToken::isAuthorized("/mcp/", {{"authorization", "Bearer "}}, ""));
@@ -70,7 +70,7 @@ TEST(MCPOrigin, allowsThisMachineAlone) {
 }
 
 TEST(MCPClientSetupSnippets, keepsTheURLReadable) {
-    const auto endpoint = MCPAuthToken::endpointURLString(59800, token);
+    const auto endpoint = MCPAuthToken::endpointURLString(59800, authToken);
     EXPECT_EQ(MCPClientSetupSnippets::jsonConfigSnippet(endpoint),
               "{\n  \"mcpServers\": {\n    \"dorvane\": {\n      \"type\": \"http\",\n      \"url\": "
               "\"http://127.0.0.1:59800/mcp/0123456789abcdef0123456789abcdef\"\n    }\n  }\n}");

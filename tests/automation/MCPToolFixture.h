@@ -17,36 +17,17 @@ namespace dorvane::test {
 
 class MCPToolFixture : public testing::Test {
   protected:
-    MCPToolFixture() { makeHandler(true); }
+    MCPToolFixture();
+    ~MCPToolFixture() override;
 
-    void makeHandler(bool hasEveryService) {
-        MCPToolContext::Services services{vmService, nullptr, nullptr, nullptr, settings};
-        if (hasEveryService) {
-            services.snapshotService = &snapshots;
-            services.guestChannelRouter = &router;
-            services.sandboxService = &sandboxes;
-        }
-        handler = std::make_shared<MCPRequestHandler>(host.runtime(), services, &activity, "1.2.3",
-                                                      [this] { return token; });
-    }
-    void allowSandboxes() { defaults.set(defaultsKey::mcpDestructiveToolsEnabled, true); }
+    void makeHandler(bool hasEveryService);
+    void allowSandboxes();
 
-    MCPToolResult call(const std::string& tool, const char* arguments) {
-        return host.run(handler->callTool(tool, parseJSON(arguments)));
-    }
+    MCPToolResult call(const std::string& tool, const char* arguments);
     /// The text of a failure; anything else fails the test.
-    std::string failure(const std::string& tool, const char* arguments) {
-        const auto result = call(tool, arguments);
-        EXPECT_TRUE(result.isError) << tool << arguments << ": " << result.firstText();
-        return result.firstText();
-    }
+    std::string failure(const std::string& tool, const char* arguments);
     /// The value of a success.
-    JSON value(const std::string& tool, const char* arguments) {
-        const auto result = call(tool, arguments);
-        EXPECT_FALSE(result.isError) << tool << arguments << ": " << result.firstText();
-        const auto text = result.firstText();
-        return text.empty() || result.isError ? JSON() : parseJSON(text);
-    }
+    JSON value(const std::string& tool, const char* arguments);
 
     TestRuntime host;
     LogCapture log;

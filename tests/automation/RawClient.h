@@ -2,9 +2,6 @@
 // The other end of a loopback connection, driven from the test's own thread.
 #pragma once
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
 #include <string>
 
 #include "runtime/Sockets.h"
@@ -14,45 +11,21 @@ namespace dorvane::test {
 /// Never blocks: `pump` takes in what has arrived.
 class RawClient {
   public:
-    explicit RawClient(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        isConnected_ = ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        setNonBlocking(fd_.get(), true);
-    }
+    explicit RawClient(int port);
 
-    bool isConnected() const { return isConnected_; }
+    bool isConnected() const;
     /// How many bytes the kernel took.
-    std::size_t send(std::string_view text) {
-        const auto sent = ::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL);
-        return sent < 0 ? 0 : static_cast<std::size_t>(sent);
-    }
-    void endSending() { ::shutdown(fd_.get(), SHUT_WR); }
-    void close() { fd_.reset(); }
+    std::size_t send(std::string_view text);
+    void endSending();
+    void close();
     /// Closes with a reset instead of a polite end.
-    void abort() {
-        const linger now{1, 0};
-        ::setsockopt(fd_.get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-        fd_.reset();
-    }
+    void abort();
 
-    void pump() {
-        char buffer[65536];
-        ssize_t count = 0;
-        while ((count = ::recv(fd_.get(), buffer, sizeof buffer, 0)) > 0)
-            received_.append(buffer, static_cast<std::size_t>(count));
-        if (count == 0) isEnded_ = true;
-        if (count < 0 && errno != EAGAIN) isEnded_ = wasReset_ = true;
-    }
+    void pump();
     /// The server has closed its side.
-    bool isEnded() {
-        pump();
-        return isEnded_;
-    }
-    bool wasReset() const { return wasReset_; }
-    const std::string& received() const { return received_; }
+    bool isEnded();
+    bool wasReset() const;
+    const std::string& received() const;
 
   private:
     FileDescriptor fd_;

@@ -5,8 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "core/VMService.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/FakeEngine.h"
@@ -23,26 +21,15 @@ using Case = DorvaneError::Case;
 
 /// Every file below a folder with its content (of a grown disk the size): what "nothing is left behind" and
 /// "untouched" are proved with.
-inline std::map<std::string, std::string> contentsOf(const Path& folder) {
-    std::map<std::string, std::string> contents;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-        auto& content = contents[entry.path().lexically_relative(folder).string()];
-        if (!entry.is_regular_file()) continue;
-        content = entry.file_size() > 65536 ? std::to_string(entry.file_size()) : readTextFile(entry.path());
-    }
-    return contents;
-}
+std::map<std::string, std::string> contentsOf(const Path& folder);
 
 /// Permissions that count how many are open.
 class FakeScopedResources : public ScopedResources {
   public:
-    Resolved resolve(ByteView bookmark) override { return {Path(asText(bookmark)), isStale}; }
-    Bytes makeBookmark(const Path& path) override { return toBytes("fresh:" + path.string()); }
-    bool startAccessing(const Path& path) override {
-        open.insert(path);
-        return true;
-    }
-    void stopAccessing(const Path& path) override { open.erase(open.find(path)); }
+    Resolved resolve(ByteView bookmark) override;
+    Bytes makeBookmark(const Path& path) override;
+    bool startAccessing(const Path& path) override;
+    void stopAccessing(const Path& path) override;
 
     bool isStale = false;
     std::multiset<Path> open;
@@ -51,23 +38,18 @@ class FakeScopedResources : public ScopedResources {
 /// qcow2 images as one line of text.
 class FakeDiskImageTool : public DiskImageTool {
   public:
-    void createImage(const Path& path, std::uint64_t sizeBytes) const override {
-        if (fails) throw std::runtime_error("the tool failed");
-        writeFileAtomically(path, "qcow2 " + std::to_string(sizeBytes));
-    }
-    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override {
-        createImage(path, sizeBytes);
-    }
+    void createImage(const Path& path, std::uint64_t sizeBytes) const override;
+    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override;
 
     bool fails = false;
 };
 
 class FakeWindowsGuestSupport : public WindowsGuestSupport {
   public:
-    std::optional<std::string> unavailableReason() const override { return reason; }
-    const DiskImageTool* diskImageTool() const override { return hasTool ? &tool : nullptr; }
-    int pickFreeSharesPort() const override { return 47007; }
-    std::string makeSharesToken() const override { return "secret"; }
+    std::optional<std::string> unavailableReason() const override;
+    const DiskImageTool* diskImageTool() const override;
+    int pickFreeSharesPort() const override;
+    std::string makeSharesToken() const override;
 
     std::optional<std::string> reason;
     bool hasTool = true;
@@ -77,17 +59,12 @@ class FakeWindowsGuestSupport : public WindowsGuestSupport {
 /// Takes a disk for installed that says so in its first bytes.
 class FakeBootEvidence : public LinuxBootEvidenceInspecting {
   public:
-    bool diskShowsBootableSystem(const Path& disk) const override {
-        std::ifstream stream(disk);
-        std::string start(9, '\0');
-        stream.read(start.data(), 9);
-        return start == "installed";
-    }
+    bool diskShowsBootableSystem(const Path& disk) const override;
 };
 
 class FakeFlattening : public LiveDiskFlattening {
   public:
-    void flattenLiveDisk(const VMBundle& bundle) const override { action(bundle); }
+    void flattenLiveDisk(const VMBundle& bundle) const override;
     std::function<void(const VMBundle&)> action = [](const VMBundle& bundle) {
         writeFileAtomically(bundle.qcow2Disk(), "flat");
     };
@@ -96,57 +73,24 @@ class FakeFlattening : public LiveDiskFlattening {
 class FakeClockSync : public GuestClockSyncing {
   public:
     Task<bool> syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning, int attempts,
-                                Duration delay) override {
-        pushes.push_back(vm->name + ":" + std::to_string(port) + (isVMRunning() ? " running" : " stopped") +
-                         " " + std::to_string(attempts) + "x" + std::to_string(delay / seconds(1)));
-        co_return true;
-    }
+                                Duration delay) override;
     std::vector<std::string> pushes;
 };
 
 class VMServiceTest : public testing::Test {
   protected:
-    VMServiceTest() { settings.setStoragePath(storage); }
+    VMServiceTest();
+    ~VMServiceTest() override;
 
     /// A complete bundle; the disk holds its name.
-    VMBundle makeBundle(const std::string& name, VMOSType os = VMOSType::linux) const {
-        const VMBundle bundle(storage / name);
-        std::filesystem::create_directories(bundle.directoryURL);
-        writeConfig(bundle, [&](DorvaneVMConfig& config) { config.os = os; });
-        writeFileAtomically(bundle.systemDisk(os), "disk of " + name);
-        return bundle;
-    }
-    template <typename Change>
-    void writeConfig(const VMBundle& bundle, Change change) const {
-        DorvaneVMConfig config;
-        config.os = VMOSType::linux;
-        config.cpuCount = 2;
-        config.memoryBytes = std::uint64_t{2048} << 20;
-        config.diskSizeBytes = std::uint64_t{32} << 30;
-        config.macAddress = "02:aa:aa:aa:aa:aa";
-        config.display = {1024, 768, 80};
-        if (std::filesystem::exists(bundle.configFile())) config = DorvaneVMConfig::read(bundle.configFile());
-        change(config);
-        config.write(bundle.configFile());
-    }
+    VMBundle makeBundle(const std::string& name, VMOSType os = VMOSType::linux) const;
+    void writeConfig(const VMBundle& bundle, const std::function<void(DorvaneVMConfig&)>& change) const;
     /// A machine of the library, as a refresh finds it.
-    VMRecordPointer addVM(const std::string& name, VMOSType os = VMOSType::linux) {
-        makeBundle(name, os);
-        run(service.refreshVMList());
-        return named(name);
-    }
-    VMRecordPointer addRunningVM(const std::string& name, VMOSType os = VMOSType::linux) {
-        const auto vm = addVM(name, os);
-        run(service.startVM(vm));
-        engine.calls.clear();
-        return vm;
-    }
-    VMRecordPointer named(const std::string& name) const {
-        for (const auto& vm : service.vms())
-            if (vm->name == name) return vm;
-        return nullptr;
-    }
+    VMRecordPointer addVM(const std::string& name, VMOSType os = VMOSType::linux);
+    VMRecordPointer addRunningVM(const std::string& name, VMOSType os = VMOSType::linux);
+    VMRecordPointer named(const std::string& name) const;
 
+    void run(Task<void> task);
     template <typename T>
     T run(Task<T> task) {
         return host.run(std::move(task));
@@ -163,9 +107,7 @@ class VMServiceTest : public testing::Test {
         }
         return DorvaneError(Case::unknown, "nothing was thrown");
     }
-    static DorvaneError refusal(const std::string& sentence) {
-        return DorvaneError(Case::invalidConfiguration, sentence);
-    }
+    static DorvaneError refusal(const std::string& sentence);
 
     LogCapture log;
     TemporaryDirectory folder;
@@ -188,16 +130,7 @@ class VMServiceTest : public testing::Test {
     FakeBootEvidence evidence;
     FakeClockSync clockSync;
 
-    VMServiceCollaborators collaborators() {
-        VMServiceCollaborators with{host.runtime(), engine, settings, gate,     operations,
-                                    files,          system, disposer, bookmarks};
-        with.modelContext = &context;
-        with.windowsSupport = &windows;
-        with.diskFlattening = &flattening;
-        with.bootEvidence = &evidence;
-        with.clockSync = &clockSync;
-        return with;
-    }
+    VMServiceCollaborators collaborators();
     VMService service{collaborators()};
 };
 

@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 using Case = DorvaneError::Case;
 
-struct Scene {
-    explicit Scene(const Words& words) {
+struct OverlayScene {
+    explicit OverlayScene(const Words& words) {
         fs::create_directory(bundle.directoryURL);
         writeFileAtomically(bundle.qcow2Disk(), "layer 0");
         runtime.linkSystemDisk(bundle);
@@ -29,7 +29,7 @@ struct Scene {
         supervisor->setRuntimeDirectory(runtime);
         host.run(supervisor->start(launch));
     }
-    ~Scene() { host.run(supervisor->stop(true, seconds(1))); }
+    ~OverlayScene() { host.run(supervisor->stop(true, seconds(1))); }
 
     Path frozen(int layer) const { return bundle.directoryURL / ("frozen-" + std::to_string(layer)); }
     /// Freezes the present layer as the snapshot service does, and has the supervisor follow. The error's
@@ -62,7 +62,7 @@ struct Scene {
 const SnapshotParentRewrite rewrite{"Snapshots/P/disk.qcow2", "../P/disk.qcow2"};
 
 TEST(QEMUOverlay, EachOneGetsALinkOfItsOwnAndTheOpenLayersKeepTheirs) {
-    Scene scene({});
+    OverlayScene scene({});
     EXPECT_EQ(scene.attach(0, std::nullopt), "");
     EXPECT_EQ(scene.times("change-backing-file"), 0);
     EXPECT_EQ(scene.attach(1, rewrite), "");
@@ -88,7 +88,7 @@ TEST(QEMUOverlay, AFailureLeavesTheDiskOnItsOldNodeAndLink) {
     };
     for (const auto& row : table) {
         SCOPED_TRACE(testing::PrintToString(row.words));
-        Scene scene(row.words);
+        OverlayScene scene(row.words);
         EXPECT_EQ(scene.attach(0, rewrite), row.reason);
         EXPECT_EQ(scene.times("change-backing-file"), row.rewrites) << "the header is put back";
         EXPECT_EQ(scene.times("blockdev-del"), row.removals);
@@ -98,7 +98,7 @@ TEST(QEMUOverlay, AFailureLeavesTheDiskOnItsOldNodeAndLink) {
 }
 
 TEST(QEMUOverlay, ASwitchThatQEMUComplainedAboutStillCounts) {
-    Scene scene({"refuse=blockdev-snapshot", "switchesLate"});
+    OverlayScene scene({"refuse=blockdev-snapshot", "switchesLate"});
     EXPECT_EQ(scene.attach(0, std::nullopt), "");
     EXPECT_EQ(scene.times("blockdev-del"), 0);
     EXPECT_EQ(scene.attach(1, std::nullopt), "");
@@ -106,7 +106,7 @@ TEST(QEMUOverlay, ASwitchThatQEMUComplainedAboutStillCounts) {
 }
 
 TEST(QEMUOverlay, AnUnusableLinkStopsItBeforeQEMUHearsOfIt) {
-    Scene scene({});
+    OverlayScene scene({});
     // A directory stands where the new link belongs.
     fs::create_directories(scene.runtime.systemDiskLink(1) / "occupied");
     EXPECT_NE(scene.attach(0, std::nullopt), "");

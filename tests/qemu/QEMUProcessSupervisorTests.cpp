@@ -19,8 +19,8 @@ using testing::HasSubstr;
 using Words = std::vector<std::string>;
 using Case = DorvaneError::Case;
 
-struct Scene {
-    explicit Scene(const Words& words = {}) {
+struct SupervisorScene {
+    explicit SupervisorScene(const Words& words = {}) {
         std::filesystem::create_directory(bundle.directoryURL);
         qemu.script("qemu-system-aarch64", words);
         launch.paths.executable = qemu.emulator();
@@ -82,7 +82,7 @@ Task<std::vector<VMStatus>> collect(AsyncStream<VMStatus> stream) {
 }
 
 TEST(QEMUProcessSupervisor, RunsPausesAndStopsOnRequest) {
-    Scene scene;
+    SupervisorScene scene;
     scene.useTPM();
     auto stream = scene.supervisor->statusUpdates();
     scene.start();
@@ -128,7 +128,7 @@ TEST(QEMUProcessSupervisor, AChildThatCannotStartLeavesNothingBehind) {
     };
     for (const auto& [words, reason] : table) {
         SCOPED_TRACE(words.front());
-        Scene scene(words);
+        SupervisorScene scene(words);
         scene.useTPM();
         const auto error = scene.failedStart();
         EXPECT_EQ(error.which(), Case::vmStartupFailed);
@@ -138,18 +138,18 @@ TEST(QEMUProcessSupervisor, AChildThatCannotStartLeavesNothingBehind) {
 }
 
 TEST(QEMUProcessSupervisor, AStubbornChildIsKilledAfterAFailedStart) {
-    Scene scene({"noSocket", "stubborn"});
+    SupervisorScene scene({"noSocket", "stubborn"});
     EXPECT_EQ(scene.failedStart().which(), Case::vmStartupFailed);
     scene.waitForEnd();
     EXPECT_TRUE(scene.log.contains("启动失败后 5 秒仍未退出，发送 SIGKILL"));
 }
 
 TEST(QEMUProcessSupervisor, APathThatIsTooLongIsNotTheChildsFault) {
-    Scene scene;
+    SupervisorScene scene;
     scene.launch.paths.qmpSocket = scene.directory / std::string(120, 'q');
     EXPECT_THAT(scene.failedStart().text(), HasSubstr("limit 104"));
     scene.waitForEnd();
-    Scene missing;
+    SupervisorScene missing;
     missing.launch.paths.executable = "/nowhere/qemu";
     EXPECT_THAT(missing.failedStart().text(), HasSubstr("No such file"));
     EXPECT_TRUE(missing.supervisor->isTerminated());
@@ -165,7 +165,7 @@ TEST(QEMUProcessSupervisor, TellsWhyTheMachineWentDown) {
     };
     for (const auto& [words, reason] : table) {
         SCOPED_TRACE(words.front());
-        Scene scene(words);
+        SupervisorScene scene(words);
         // The child may be gone before the start has seen it run; why it went is known either way.
         try {
             scene.start();
@@ -177,7 +177,7 @@ TEST(QEMUProcessSupervisor, TellsWhyTheMachineWentDown) {
 }
 
 TEST(QEMUProcessSupervisor, APanickedGuestStaysForItsOwner) {
-    Scene scene({"panics"});
+    SupervisorScene scene({"panics"});
     scene.start();
     scene.host.driveUntil([&] { return scene.supervisor->status() == VMStatus::error; });
     EXPECT_EQ(scene.supervisor->stopReason(), VMStopReason::failure("The guest operating system crashed."));
@@ -189,7 +189,7 @@ TEST(QEMUProcessSupervisor, APanickedGuestStaysForItsOwner) {
 TEST(QEMUProcessSupervisor, ADeafGuestIsForcedAndAStubbornOneKilled) {
     for (const auto& [word, force] : {std::pair("deaf", false), {"stubborn", false}, {"stubborn", true}}) {
         SCOPED_TRACE(word);
-        Scene scene({word});
+        SupervisorScene scene({word});
         scene.start();
         scene.host.run(scene.supervisor->stop(force, seconds(1)));
         scene.waitForEnd();
@@ -198,7 +198,7 @@ TEST(QEMUProcessSupervisor, ADeafGuestIsForcedAndAStubbornOneKilled) {
         EXPECT_EQ(scene.log.contains("在 SIGTERM 后 5 秒仍未退出,发送 SIGKILL"),
                   std::string(word) == "stubborn");
     }
-    Scene refusing({"refuse=system_powerdown"});
+    SupervisorScene refusing({"refuse=system_powerdown"});
     refusing.start();
     refusing.host.run(refusing.supervisor->stop(false, seconds(30)));
     refusing.waitForEnd();
@@ -206,7 +206,7 @@ TEST(QEMUProcessSupervisor, ADeafGuestIsForcedAndAStubbornOneKilled) {
 }
 
 TEST(QEMUProcessSupervisor, LivesOnWithoutItsConnection) {
-    Scene scene({"hangup", "garbage"});
+    SupervisorScene scene({"hangup", "garbage"});
     scene.start();
     scene.host.driveUntil([&] { return scene.log.contains("的 QMP 连接已断开"); });
     EXPECT_EQ(scene.supervisor->status(), VMStatus::running);
@@ -216,9 +216,9 @@ TEST(QEMUProcessSupervisor, LivesOnWithoutItsConnection) {
 }
 
 TEST(QEMUProcessSupervisor, AStopDuringTheStartWins) {
-    Scene tpm;
+    SupervisorScene tpm;
     tpm.useTPM({"noSocket"});
-    auto starting = tpm.begin([](Scene& scene) -> Task<void> {
+    auto starting = tpm.begin([](SupervisorScene& scene) -> Task<void> {
         try {
             co_await scene.supervisor->start(scene.launch);
             ADD_FAILURE() << "the start succeeded";
@@ -232,8 +232,8 @@ TEST(QEMUProcessSupervisor, AStopDuringTheStartWins) {
     tpm.waitForEnd();
     EXPECT_EQ(tpm.qemu.count("qemu-system-aarch64 pid="), 0);
 
-    Scene child({"noSocket"});
-    auto connecting = child.begin([](Scene& scene) -> Task<void> {
+    SupervisorScene child({"noSocket"});
+    auto connecting = child.begin([](SupervisorScene& scene) -> Task<void> {
         EXPECT_THROW(co_await scene.supervisor->start(scene.launch), DorvaneError);
     }(child));
     child.driveUntilLogged("qemu-system-aarch64 pid=");
@@ -245,7 +245,7 @@ TEST(QEMUProcessSupervisor, AStopDuringTheStartWins) {
 }
 
 TEST(QEMUProcessSupervisor, ACancelledStartCleansUp) {
-    Scene scene({"noSocket"});
+    SupervisorScene scene({"noSocket"});
     scene.useTPM();
     auto starting = scene.begin(scene.supervisor->start(scene.launch));
     scene.driveUntilLogged("qemu-system-aarch64 pid=");
@@ -256,12 +256,12 @@ TEST(QEMUProcessSupervisor, ACancelledStartCleansUp) {
 
 TEST(QEMUProcessSupervisor, AVirtualTPMThatFailsStopsTheStart) {
     for (const auto* word : {"exit=1", "noSocket"}) {
-        Scene scene;
+        SupervisorScene scene;
         scene.useTPM({word});
         EXPECT_EQ(scene.failedStart().text(), "The virtual TPM did not start. Try starting the VM again.");
         scene.waitForEnd();
     }
-    Scene missing;
+    SupervisorScene missing;
     missing.launch.paths.swtpmSocket = missing.directory / "t.sock";
     EXPECT_EQ(missing.failedStart().text(), "Virtual TPM was requested but the swtpm binary is missing.");
     EXPECT_TRUE(missing.supervisor->isTerminated());
@@ -269,7 +269,7 @@ TEST(QEMUProcessSupervisor, AVirtualTPMThatFailsStopsTheStart) {
 
 TEST(QEMUProcessSupervisor, ANewTPMIsSetUpOnceAndAFailureOfThatIsNone) {
     for (const bool fails : {false, true}) {
-        Scene scene;
+        SupervisorScene scene;
         scene.useTPM();
         scene.qemu.add("swtpm_setup");
         if (fails) scene.qemu.script("swtpm_setup", {"fails"});
@@ -293,7 +293,7 @@ TEST(QEMUProcessSupervisor, AStateFileIsWholeOrGone) {
                                                          {"dies", "The VM control connection was closed."}};
     for (const auto& [outcome, failure] : table) {
         SCOPED_TRACE(outcome);
-        Scene scene({"migrate=" + outcome});
+        SupervisorScene scene({"migrate=" + outcome});
         const auto file = scene.directory / "state";
         scene.supervisor->setSuspendFingerprint({"d", "e"});
         scene.start();
@@ -325,7 +325,7 @@ TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
     };
     for (const auto& [word, succeeds, rejects] : table) {
         SCOPED_TRACE(word);
-        Scene scene({word});
+        SupervisorScene scene({word});
         scene.launch.restoringFrom = scene.directory / "state";
         if (succeeds)
             scene.start();
@@ -336,7 +336,7 @@ TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
         if (succeeds) scene.host.run(scene.supervisor->stop(true, seconds(1)));
         scene.waitForEnd();
     }
-    Scene stopped({"migrate=never"});
+    SupervisorScene stopped({"migrate=never"});
     stopped.launch.restoringFrom = stopped.directory / "state";
     auto starting = stopped.begin(stopped.supervisor->start(stopped.launch));
     stopped.driveUntilLogged("query-migrate");
@@ -347,17 +347,19 @@ TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
 }
 
 TEST(QEMUProcessSupervisor, AsksTheProbeOnlyWithARenderServer) {
-    Scene plain;
+    SupervisorScene plain;
     plain.start();
     const auto contexts = [](std::optional<int> count) {
         return [count](int, const Path&) { return count; };
     };
-    const auto later = [](Scene& scene, double time) { return scene.host.clock().now() + seconds(time); };
+    const auto later = [](SupervisorScene& scene, double time) {
+        return scene.host.clock().now() + seconds(time);
+    };
     EXPECT_FALSE(plain.supervisor->acceleratedDriverStatus(later(plain, 0), contexts(1)));
     plain.host.run(plain.supervisor->stop(true, seconds(1)));
     plain.waitForEnd();
 
-    Scene scene;
+    SupervisorScene scene;
     scene.launch.paths.renderServer = "/render";
     scene.start();
     using Status = AcceleratedDriverStatus;
@@ -372,7 +374,7 @@ TEST(QEMUProcessSupervisor, AsksTheProbeOnlyWithARenderServer) {
 }
 
 TEST(QEMUProcessSupervisor, ADroppedOneEndsItsChild) {
-    Scene scene;
+    SupervisorScene scene;
     scene.start();
     scene.supervisor.reset();
     scene.host.driveUntil([&] { return scene.qemu.survivors().empty(); });

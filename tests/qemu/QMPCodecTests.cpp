@@ -11,7 +11,7 @@
 namespace dorvane {
 namespace {
 
-using Case = QMPCodec::DecodeError::Case;
+using Fault = QMPCodec::DecodeError::Case;
 
 TEST(QMPCodec, EncodesWhatIsThere) {
     EXPECT_EQ(QMPCodec::encode("cont", nullptr, std::nullopt), "{\"execute\":\"cont\"}\n");
@@ -48,16 +48,16 @@ TEST(QMPCodec, DecodesEveryShapeByTheFirstKeyThatFits) {
 
 TEST(QMPCodec, RefusesTheRest) {
     const std::string deep = std::string(600, '[') + std::string(600, ']');
-    const std::vector<std::pair<std::string, Case>> table{
-        {"", Case::notJSON},
-        {"[1]", Case::notJSON},
-        {"{\"return\":", Case::notJSON},
-        {"{} {}", Case::notJSON},
-        {"{\"return\":\"\xff\"}", Case::notJSON},
-        {"{\"return\":" + deep + "}", Case::notJSON},
-        {"{}", Case::unrecognizedShape},
-        {"{\"error\":\"x\"}", Case::unrecognizedShape},
-        {"{\"event\":null}", Case::unrecognizedShape},
+    const std::vector<std::pair<std::string, Fault>> table{
+        {"", Fault::notJSON},
+        {"[1]", Fault::notJSON},
+        {"{\"return\":", Fault::notJSON},
+        {"{} {}", Fault::notJSON},
+        {"{\"return\":\"\xff\"}", Fault::notJSON},
+        {"{\"return\":" + deep + "}", Fault::notJSON},
+        {"{}", Fault::unrecognizedShape},
+        {"{\"error\":\"x\"}", Fault::unrecognizedShape},
+        {"{\"event\":null}", Fault::unrecognizedShape},
     };
     for (const auto& [line, which] : table) {
         try {

@@ -18,7 +18,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 /// A connection and a server on one thread; only the test moves time, so that no answer races with it.
-struct Scene {
+struct ConnectionScene {
     test::TestRuntime test{test::TestRuntime::TimeMode::manual};
     test::LogCapture log;
     test::TemporaryDirectory directory;
@@ -60,7 +60,7 @@ struct Scene {
 };
 
 TEST(QMPConnection, NegotiatesAndNumbersItsCommands) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.server.answer = [](const JSON& command) {
         return FakeQMPServer::result(command, R"({"status": "running"})");
@@ -73,7 +73,7 @@ TEST(QMPConnection, NegotiatesAndNumbersItsCommands) {
 }
 
 TEST(QMPConnection, MatchesAnswersByIdHoweverTheyArrive) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.server.answer = [](const JSON&) { return std::nullopt; };
     const auto first = scene.begin("first", seconds(10));
@@ -91,19 +91,19 @@ TEST(QMPConnection, MatchesAnswersByIdHoweverTheyArrive) {
 }
 
 TEST(QMPConnection, TellsQEMUsOwnWords) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.server.answer = [](const JSON& command) {
         return R"({"error": {"class": "GenericError", "desc": "no such device"}, "id": )" +
                command.at("id").dump() + "}\n";
     };
-    const auto error = Scene::caught([&] { scene.execute("device_del"); });
+    const auto error = ConnectionScene::caught([&] { scene.execute("device_del"); });
     EXPECT_EQ(error.which(), Error::Case::commandFailed);
     EXPECT_STREQ(error.what(), "no such device");
 }
 
 TEST(QMPConnection, ALateAnswerIsDroppedAndTheConnectionLivesOn) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.server.answer = [](const JSON&) { return std::nullopt; };
     const auto slow = scene.begin("slow", seconds(2));
@@ -118,7 +118,7 @@ TEST(QMPConnection, ALateAnswerIsDroppedAndTheConnectionLivesOn) {
 }
 
 TEST(QMPConnection, PassesADescriptorThatStaysTheCallers) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     std::array<int, 2> pair{};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
@@ -131,13 +131,13 @@ TEST(QMPConnection, PassesADescriptorThatStaysTheCallers) {
     ASSERT_EQ(::fstat(scene.server.descriptors[0].get(), &received), 0);
     EXPECT_EQ(sent.st_ino, received.st_ino);
 
-    const auto error = Scene::caught([&] { scene.execute("getfd", nullptr, 100000); });
+    const auto error = ConnectionScene::caught([&] { scene.execute("getfd", nullptr, 100000); });
     EXPECT_EQ(error.which(), Error::Case::connectionClosed);
     EXPECT_EQ(scene.execute("still-usable"), QMPObject{});
 }
 
 TEST(QMPConnection, AHangUpEndsEverythingOnce) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.observe();
     const auto removed =
@@ -154,12 +154,12 @@ TEST(QMPConnection, AHangUpEndsEverythingOnce) {
     EXPECT_EQ(scene.failureOf(second).which(), Error::Case::connectionClosed);
     scene.test.run(scene.connection->close());
     EXPECT_THAT(scene.events, ElementsAre("RESUME", "__DISCONNECTED__"));
-    const auto error = Scene::caught([&] { scene.execute("late"); });
+    const auto error = ConnectionScene::caught([&] { scene.execute("late"); });
     EXPECT_STREQ(error.what(), "The VM control connection was closed.");
 }
 
 TEST(QMPConnection, ClosingWithoutWaitingIsSeenByTheNextCommand) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.observe();
     const auto inFlight = [&] {
@@ -168,7 +168,7 @@ TEST(QMPConnection, ClosingWithoutWaitingIsSeenByTheNextCommand) {
     }();
     scene.connection->closeNow();
     scene.connection->closeNow();
-    EXPECT_EQ(Scene::caught([&] { scene.execute("late"); }).which(), Error::Case::connectionClosed);
+    EXPECT_EQ(ConnectionScene::caught([&] { scene.execute("late"); }).which(), Error::Case::connectionClosed);
     EXPECT_EQ(scene.failureOf(inFlight).which(), Error::Case::connectionClosed);
     scene.test.driveUntil([&] { return scene.server.sawEndOfStream(); });
     EXPECT_EQ(scene.server.commands.size(), 2U);
@@ -176,14 +176,14 @@ TEST(QMPConnection, ClosingWithoutWaitingIsSeenByTheNextCommand) {
 }
 
 TEST(QMPConnection, ADroppedConnectionClosesItsSocket) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.connection.reset();
     scene.test.driveUntil([&] { return scene.server.sawEndOfStream(); });
 }
 
 TEST(QMPConnection, APeerThatFloodsWithoutALineEndIsLeft) {
-    Scene scene;
+    ConnectionScene scene;
     scene.connect();
     scene.observe();
     scene.test.settle();
@@ -209,7 +209,7 @@ TEST(QMPConnection, WaitsForTheSocketWhileThePeerLives) {
     const auto path = (directory / "none.sock").string();
     const auto caught = [&](Duration timeout, std::function<bool()> isPeerAlive) {
         const auto connection = std::make_shared<QMPConnection>(test.runtime());
-        return Scene::caught([&] { test.run(connection->connect(path, timeout, isPeerAlive)); });
+        return ConnectionScene::caught([&] { test.run(connection->connect(path, timeout, isPeerAlive)); });
     };
     int questions = 0;
     const auto began = test.clock().now();
@@ -238,11 +238,11 @@ TEST(QMPConnection, ASocketThatComesLateIsFound) {
 }
 
 TEST(QMPConnection, AFailedNegotiationIsToldAsItIs) {
-    Scene scene;
+    ConnectionScene scene;
     scene.server.answer = [](const JSON& command) {
         return R"({"error": {"desc": "not now"}, "id": )" + command.at("id").dump() + "}\n";
     };
-    EXPECT_STREQ(Scene::caught([&] { scene.connect(); }).what(), "not now");
+    EXPECT_STREQ(ConnectionScene::caught([&] { scene.connect(); }).what(), "not now");
 }
 
 TEST(QMPConnection, SocketPathsHaveALimit) {
@@ -257,7 +257,7 @@ TEST(QMPConnection, SocketPathsHaveALimit) {
     const auto connection = std::make_shared<QMPConnection>(test.runtime());
     EXPECT_NO_THROW(test.run(connection->connect(pathOf(103), seconds(1))));
     const auto other = std::make_shared<QMPConnection>(test.runtime());
-    const auto error = Scene::caught([&] { test.run(other->connect(pathOf(104), seconds(1))); });
+    const auto error = ConnectionScene::caught([&] { test.run(other->connect(pathOf(104), seconds(1))); });
     EXPECT_EQ(error.which(), Error::Case::socketPathTooLong);
     EXPECT_EQ(error.what(), "The VM control socket path is too long (104 bytes, limit 104): " + pathOf(104));
 }

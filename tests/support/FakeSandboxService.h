@@ -13,29 +13,10 @@ class FakeSandboxService : public EphemeralSandboxServicing {
 
     std::vector<UUID> isolated;
 
-    Task<VMRecordPointer> createSandbox(VMRecordPointer source, Duration ttl, bool isolatesNetwork) override {
-        auto sandbox = vmService_.add(source->name + "-sandbox", source->osType);
-        const auto now = clock_.date();
-        sandbox->ephemeral =
-            EphemeralInfo{now, now + std::chrono::duration_cast<Date::duration>(ttl), source->id};
-        if (isolatesNetwork) isolated.push_back(sandbox->id);
-        co_return sandbox;
-    }
-    void keep(VMRecordPointer vm) override { vm->ephemeral.reset(); }
-    void extend(VMRecordPointer vm, Duration by, Date) override {
-        if (vm->ephemeral) vm->ephemeral->expiresAt += std::chrono::duration_cast<Date::duration>(by);
-    }
-    Task<std::vector<std::string>> reap(Date now) override {
-        co_await vmService_.refreshVMList();
-        const auto known = vmService_.vms();
-        std::vector<std::string> names;
-        for (const auto& vm : known) {
-            if (!vm->ephemeral || now < vm->ephemeral->expiresAt || !vm->isShutDownForEditing()) continue;
-            names.push_back(vm->name);
-            co_await vmService_.deleteVM(vm, false);
-        }
-        co_return names;
-    }
+    Task<VMRecordPointer> createSandbox(VMRecordPointer source, Duration ttl, bool isolatesNetwork) override;
+    void keep(VMRecordPointer vm) override;
+    void extend(VMRecordPointer vm, Duration by, Date) override;
+    Task<std::vector<std::string>> reap(Date now) override;
 
   private:
     FakeVMService& vmService_;

@@ -11,24 +11,13 @@ namespace dorvane::test {
 
 class InMemoryModelContext : public ModelContext {
   public:
-    std::vector<VMRecordPointer> fetchRecords() override {
-        if (failFetches) throw std::runtime_error("the store can't be read");
-        return sorted(records_);
-    }
-    std::vector<VMSnapshotPointer> fetchSnapshots(const UUID& vmID) override {
-        if (failFetches) throw std::runtime_error("the store can't be read");
-        auto snapshots = sorted(snapshots_);
-        std::erase_if(snapshots, [&](const auto& snapshot) { return snapshot->vmID != vmID; });
-        return snapshots;
-    }
-    void insert(VMRecordPointer record) override { add(records_, std::move(record)); }
-    void insert(VMSnapshotPointer snapshot) override { add(snapshots_, std::move(snapshot)); }
-    void remove(const VMRecordPointer& record) override { take(records_, record); }
-    void remove(const VMSnapshotPointer& snapshot) override { take(snapshots_, snapshot); }
-    void save() override {
-        if (std::exchange(failNextSave, false)) throw std::runtime_error("the store can't be written");
-        ++saveCount;
-    }
+    std::vector<VMRecordPointer> fetchRecords() override;
+    std::vector<VMSnapshotPointer> fetchSnapshots(const UUID& vmID) override;
+    void insert(VMRecordPointer record) override;
+    void insert(VMSnapshotPointer snapshot) override;
+    void remove(const VMRecordPointer& record) override;
+    void remove(const VMSnapshotPointer& snapshot) override;
+    void save() override;
 
     bool failNextSave = false;
     bool failFetches = false;

@@ -11,6 +11,8 @@ constexpr auto idleWait = std::chrono::milliseconds(2);
 
 TestRuntime::~TestRuntime() { settle(); }
 
+void TestRuntime::run(Task<void> task) { run<void>(std::move(task)); }
+
 void TestRuntime::settle() {
     context_.restart();
     while (context_.poll() > 0) context_.restart();

@@ -25,6 +25,7 @@ class TestRuntime {
 
     /// Runs until the task ends and returns its value or throws its exception. Fails the test by throwing
     /// when nothing can make progress any more, or after 20 s of real time.
+    void run(Task<void> task);
     template <typename T>
     T run(Task<T> task) {
         OneShot<T> outcome;

@@ -16,7 +16,7 @@ using Format = VDAgentClipboardFormat;
 using Lines = std::vector<std::string>;
 
 constexpr std::uint32_t newTools = 1U << vdAgentClipboardFileListBit;
-constexpr GuestKey command{0xFFEB, 55};
+constexpr GuestKey commandKey{0xFFEB, 55};
 
 /// All fakes of one test write into one list, so that orders show.
 struct FakeChannel : VDAgentChannel {
@@ -225,7 +225,7 @@ TEST_F(GuestAgentSessionTest, pasteKeepsTheStartMenuClosedOnlyWhenCommandIsHeld)
     session_->pasteFiles({});
     session_->pasteFiles({"/a"});
     EXPECT_TRUE(keys.empty());
-    session_->sendKey(command, true);
+    session_->sendKey(commandKey, true);
     session_->pasteFiles({});
     EXPECT_EQ(keys, (Lines{"key ffeb down"}));
     session_->pasteFiles({"/b", "/c"});

@@ -21,18 +21,18 @@ using testing::IsEmpty;
 
 constexpr char newSnapshot = '0';
 
-struct Operation {
+struct ChainOperation {
     const char* name;
     std::function<void(const ChainDisks&)> run;
     /// The snapshot that comes or goes, or the one that is restored.
     char subject = newSnapshot;
-    enum class Kind { capture, rollback, removal, restore, other } kind = Kind::removal;
+    enum class ChainKind { capture, rollback, removal, restore, other } kind = ChainKind::removal;
     std::function<void(const ChainDisks&)> prepare = [](const ChainDisks&) {};
     bool hasBranches = false;
 };
 
-std::vector<Operation> operations() {
-    using Kind = Operation::Kind;
+std::vector<ChainOperation> chainOperations() {
+    using ChainKind = ChainOperation::ChainKind;
     using Disks = const ChainDisks&;
     const auto id = ChainDisks::id(newSnapshot);
     const auto parent = ChainDisks::id('C');
@@ -46,28 +46,29 @@ std::vector<Operation> operations() {
     };
     const auto unprepared = [](Disks) {};
     return {
-        {"capture", capture, newSnapshot, Kind::capture},
-        {"capture while running", captureRunning, newSnapshot, Kind::capture},
+        {"capture", capture, newSnapshot, ChainKind::capture},
+        {"capture while running", captureRunning, newSnapshot, ChainKind::capture},
         {"uncapture", [=](Disks disks) { disks.store.uncapture(disks.bundle, id, parent); }, newSnapshot,
-         Kind::rollback, capture},
+         ChainKind::rollback, capture},
         {"uncapture while running",
          [=](Disks disks) { disks.store.uncaptureRunning(disks.bundle, id, parent); }, newSnapshot,
-         Kind::rollback, captureRunning},
+         ChainKind::rollback, captureRunning},
         {"restore", [](Disks disks) { disks.store.restore(disks.bundle, ChainDisks::id('A')); }, 'A',
-         Kind::restore},
-        {"delete a leaf", removal('E'), 'E', Kind::removal, unprepared, true},
+         ChainKind::restore},
+        {"delete a leaf", removal('E'), 'E', ChainKind::removal, unprepared, true},
         {"delete below the live disk", removal('C'), 'C'},
         {"delete with one child", removal('B'), 'B'},
-        {"delete with two children", removal('D'), 'D', Kind::removal, unprepared, true},
-        {"delete the root of two children", removal('A'), 'A', Kind::removal, unprepared, true},
-        {"delete the root below the live disk", removal('A'), 'A', Kind::removal, leaveRoot},
-        {"flatten", [](Disks disks) { disks.store.flattenLiveDisk(disks.bundle); }, newSnapshot, Kind::other},
+        {"delete with two children", removal('D'), 'D', ChainKind::removal, unprepared, true},
+        {"delete the root of two children", removal('A'), 'A', ChainKind::removal, unprepared, true},
+        {"delete the root below the live disk", removal('A'), 'A', ChainKind::removal, leaveRoot},
+        {"flatten", [](Disks disks) { disks.store.flattenLiveDisk(disks.bundle); }, newSnapshot,
+         ChainKind::other},
     };
 }
 
 class ChainInterruption : public testing::Test {
   protected:
-    using Kind = Operation::Kind;
+    using ChainKind = ChainOperation::ChainKind;
 
     /// The prepared folder of each operation, made once and copied for each case, and what it held before.
     static inline std::unique_ptr<test::TemporaryDirectory> trees;
@@ -86,14 +87,14 @@ class ChainInterruption : public testing::Test {
         line.buildLine();
         fs::copy(line.bundle.directoryURL, tree.bundle.directoryURL, fs::copy_options::recursive);
         tree.addBranches();
-        for (const auto& operation : operations()) {
+        for (const auto& operation : chainOperations()) {
             const auto& base = operation.hasBranches ? tree : line;
             const ChainDisks disks(*trees / operation.name, resources);
             fs::copy(base.bundle.directoryURL, disks.bundle.directoryURL, fs::copy_options::recursive);
             operation.prepare(disks);
             // A running capture leaves a header to the emulator: until then the layer can't be read here.
             contentsBefore[operation.name] =
-                operation.kind == Kind::rollback ? base.contents() : disks.contents();
+                operation.kind == ChainKind::rollback ? base.contents() : disks.contents();
         }
     }
     static void TearDownTestSuite() {
@@ -110,44 +111,44 @@ class ChainInterruption : public testing::Test {
     /// What the interruptions left and what became of it, each looked at once.
     std::set<std::string> states, mended;
 
-    bool isNewState(const Operation& operation, const ChainDisks& where) {
+    bool isNewState(const ChainOperation& operation, const ChainDisks& where) {
         return states.insert(operation.name + where.filesDigest()).second;
     }
-    static void setUp(const Operation& operation, const ChainDisks& where) {
+    static void setUp(const ChainOperation& operation, const ChainDisks& where) {
         fs::remove_all(where.bundle.directoryURL);
         fs::copy(*trees / operation.name, where.bundle.directoryURL, fs::copy_options::recursive);
     }
     /// Whatever the operation came to: nothing that it wasn't about has changed.
-    static void expectNothingLost(const Operation& operation, const ChainDisks& where) {
+    static void expectNothingLost(const ChainOperation& operation, const ChainDisks& where) {
         auto expected = contentsBefore.at(operation.name);
         const auto after = where.contents();
         const auto subject = ChainDisks::id(operation.subject).text();
-        if (operation.kind == Kind::capture || operation.kind == Kind::rollback) {
+        if (operation.kind == ChainKind::capture || operation.kind == ChainKind::rollback) {
             if (after.contains(subject)) expected[subject] = expected["live"];
-        } else if (operation.kind == Kind::removal) {
+        } else if (operation.kind == ChainKind::removal) {
             if (!after.contains(subject)) expected.erase(subject);
-        } else if (operation.kind == Kind::restore) {
+        } else if (operation.kind == ChainKind::restore) {
             if (after.at("live") != expected["live"]) expected["live"] = expected[subject];
         }
         EXPECT_EQ(after, expected);
         where.expectSoundImages();
     }
     /// After what the next start does, everything is in order and the operation goes through.
-    void expectMended(const Operation& operation, const ChainDisks& where) {
+    void expectMended(const ChainOperation& operation, const ChainDisks& where) {
         EXPECT_TRUE(SnapshotChainRepair(where.store).run(where.bundle));
         EXPECT_THAT(where.leftovers(), IsEmpty());
         expectNothingLost(operation, where);
         const auto subject = where.disk(ChainDisks::id(operation.subject));
-        const bool isDone = operation.kind == Kind::capture && fs::exists(subject);
+        const bool isDone = operation.kind == ChainKind::capture && fs::exists(subject);
         if (isDone || !mended.insert(operation.name + where.filesDigest()).second) return;
         operation.run(where);
         EXPECT_TRUE(SnapshotChainRepair(where.store).run(where.bundle));
         expectNothingLost(operation, where);
-        if (operation.kind == Kind::removal || operation.kind == Kind::rollback) {
+        if (operation.kind == ChainKind::removal || operation.kind == ChainKind::rollback) {
             EXPECT_FALSE(fs::exists(subject.parent_path()));
         }
     }
-    static bool attempt(const Operation& operation, const ChainDisks& where) {
+    static bool attempt(const ChainOperation& operation, const ChainDisks& where) {
         try {
             operation.run(where);
             return true;
@@ -156,7 +157,7 @@ class ChainInterruption : public testing::Test {
         }
     }
     /// The disk is back, byte for byte, and the snapshot's folder gone.
-    void expectUndone(const Operation& operation) const {
+    void expectUndone(const ChainOperation& operation) const {
         EXPECT_EQ(readFile(disks.live()), readFile(*trees / operation.name / "disk.qcow2"));
         EXPECT_FALSE(fs::exists(disks.disk(ChainDisks::id(operation.subject)).parent_path()));
     }
@@ -214,7 +215,7 @@ TEST_F(ChainInterruption, AToolThatFailsLosesNothing) {
     auto withFailing = resources;
     withFailing.imageTool = failing.path();
     const ChainDisks broken(disks.bundle.directoryURL, withFailing);
-    for (const auto& operation : operations()) {
+    for (const auto& operation : chainOperations()) {
         for (const char* how : {"before", "after", "killed"}) {
             for (int call = 1;; ++call) {
                 SCOPED_TRACE(std::string(operation.name) + ", call " + std::to_string(call) + " " + how);
@@ -224,8 +225,8 @@ TEST_F(ChainInterruption, AToolThatFailsLosesNothing) {
                 if (failing.calls() < call) break;
                 ++cases;
                 // An undo goes on whatever happens; all else tells.
-                EXPECT_EQ(isSuccess, operation.kind == Kind::rollback);
-                if (operation.kind == Kind::capture) expectUndone(operation);
+                EXPECT_EQ(isSuccess, operation.kind == ChainKind::rollback);
+                if (operation.kind == ChainKind::capture) expectUndone(operation);
                 if (!isNewState(operation, disks)) continue;
                 if (!isSuccess) expectNothingLost(operation, disks);
                 expectMended(operation, disks);
@@ -237,7 +238,7 @@ TEST_F(ChainInterruption, AToolThatFailsLosesNothing) {
 }
 
 void ChainInterruption::interruptEverywhere(Interruption how) {
-    for (const auto& operation : operations()) {
+    for (const auto& operation : chainOperations()) {
         const auto work = [&] { operation.run(disks); };
         setUp(operation, disks);
         const auto whole = test::SyscallTracer().run(work, 0, how);
@@ -298,17 +299,17 @@ TEST_F(ChainInterruption, AFullDiskLosesNothing) {
     const FullDisk disk;
     if (!disk.isMounted()) GTEST_SKIP() << "mounting a small disk needs root and a kernel that lets it";
     const ChainDisks full(disk.machine(), resources);
-    for (const auto& operation : operations()) {
+    for (const auto& operation : chainOperations()) {
         for (const std::uintmax_t room : {0, 4, 64, 128, 192, 256, 384, 512}) {
             SCOPED_TRACE(std::string(operation.name) + " with " + std::to_string(room) + " KiB left");
             // The last round may have left it full.
             disk.empty();
             setUp(operation, full);
             disk.fillUp(room << 10);
-            if (attempt(operation, full) && operation.kind != Kind::rollback) break;
+            if (attempt(operation, full) && operation.kind != ChainKind::rollback) break;
             ++cases;
             if (isNewState(operation, full)) {
-                if (operation.kind != Kind::rollback) expectNothingLost(operation, full);
+                if (operation.kind != ChainKind::rollback) expectNothingLost(operation, full);
                 SnapshotChainRepair(full.store).run(full.bundle);
                 expectNothingLost(operation, full);
             }

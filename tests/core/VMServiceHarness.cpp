@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core/VMServiceHarness.h"
+
+#include <fstream>
+
+namespace dorvane::test {
+
+std::map<std::string, std::string> contentsOf(const Path& folder) {
+    std::map<std::string, std::string> contents;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        auto& content = contents[entry.path().lexically_relative(folder).string()];
+        if (!entry.is_regular_file()) continue;
+        content = entry.file_size() > 65536 ? std::to_string(entry.file_size()) : readTextFile(entry.path());
+    }
+    return contents;
+}
+
+FakeScopedResources::Resolved FakeScopedResources::resolve(ByteView bookmark) {
+    return {Path(asText(bookmark)), isStale};
+}
+
+Bytes FakeScopedResources::makeBookmark(const Path& path) { return toBytes("fresh:" + path.string()); }
+
+bool FakeScopedResources::startAccessing(const Path& path) {
+    open.insert(path);
+    return true;
+}
+
+void FakeScopedResources::stopAccessing(const Path& path) { open.erase(open.find(path)); }
+
+void FakeDiskImageTool::createImage(const Path& path, std::uint64_t sizeBytes) const {
+    if (fails) throw std::runtime_error("the tool failed");
+    writeFileAtomically(path, "qcow2 " + std::to_string(sizeBytes));
+}
+
+void FakeDiskImageTool::resizeImage(const Path& path, std::uint64_t sizeBytes) const {
+    createImage(path, sizeBytes);
+}
+
+std::optional<std::string> FakeWindowsGuestSupport::unavailableReason() const { return reason; }
+
+const DiskImageTool* FakeWindowsGuestSupport::diskImageTool() const { return hasTool ? &tool : nullptr; }
+
+int FakeWindowsGuestSupport::pickFreeSharesPort() const { return 47007; }
+
+std::string FakeWindowsGuestSupport::makeSharesToken() const { return "secret"; }
+
+bool FakeBootEvidence::diskShowsBootableSystem(const Path& disk) const {
+    std::ifstream stream(disk);
+    std::string start(9, '\0');
+    stream.read(start.data(), 9);
+    return start == "installed";
+}
+
+void FakeFlattening::flattenLiveDisk(const VMBundle& bundle) const { action(bundle); }
+
+Task<bool> FakeClockSync::syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning,
+                                           int attempts, Duration delay) {
+    pushes.push_back(vm->name + ":" + std::to_string(port) + (isVMRunning() ? " running" : " stopped") + " " +
+                     std::to_string(attempts) + "x" + std::to_string(delay / seconds(1)));
+    co_return true;
+}
+
+VMServiceTest::VMServiceTest() { settings.setStoragePath(storage); }
+
+VMServiceTest::~VMServiceTest() = default;
+
+void VMServiceTest::run(Task<void> task) { host.run(std::move(task)); }
+
+VMBundle VMServiceTest::makeBundle(const std::string& name, VMOSType os) const {
+    const VMBundle bundle(storage / name);
+    std::filesystem::create_directories(bundle.directoryURL);
+    writeConfig(bundle, [&](DorvaneVMConfig& config) { config.os = os; });
+    writeFileAtomically(bundle.systemDisk(os), "disk of " + name);
+    return bundle;
+}
+
+void VMServiceTest::writeConfig(const VMBundle& bundle,
+                                const std::function<void(DorvaneVMConfig&)>& change) const {
+    DorvaneVMConfig config;
+    config.os = VMOSType::linux;
+    config.cpuCount = 2;
+    config.memoryBytes = std::uint64_t{2048} << 20;
+    config.diskSizeBytes = std::uint64_t{32} << 30;
+    config.macAddress = "02:aa:aa:aa:aa:aa";
+    config.display = {1024, 768, 80};
+    if (std::filesystem::exists(bundle.configFile())) config = DorvaneVMConfig::read(bundle.configFile());
+    change(config);
+    config.write(bundle.configFile());
+}
+
+VMRecordPointer VMServiceTest::addVM(const std::string& name, VMOSType os) {
+    makeBundle(name, os);
+    run(service.refreshVMList());
+    return named(name);
+}
+
+VMRecordPointer VMServiceTest::addRunningVM(const std::string& name, VMOSType os) {
+    const auto vm = addVM(name, os);
+    run(service.startVM(vm));
+    engine.calls.clear();
+    return vm;
+}
+
+VMRecordPointer VMServiceTest::named(const std::string& name) const {
+    for (const auto& vm : service.vms())
+        if (vm->name == name) return vm;
+    return nullptr;
+}
+
+DorvaneError VMServiceTest::refusal(const std::string& sentence) {
+    return DorvaneError(Case::invalidConfiguration, sentence);
+}
+
+VMServiceCollaborators VMServiceTest::collaborators() {
+    VMServiceCollaborators with{host.runtime(), engine, settings, gate,     operations,
+                                files,          system, disposer, bookmarks};
+    with.modelContext = &context;
+    with.windowsSupport = &windows;
+    with.diskFlattening = &flattening;
+    with.bootEvidence = &evidence;
+    with.clockSync = &clockSync;
+    return with;
+}
+
+}  // namespace dorvane::test

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/FakeVMService.h"
+
+namespace dorvane::test {
+
+VMRecordPointer FakeVMService::add(std::string name, VMOSType os, VMStatus status) {
+    auto record = std::make_shared<VMRecord>();
+    record->name = std::move(name);
+    record->osType = os;
+    record->status = status;
+    record->cpuCount = 2;
+    record->memoryMB = 4096;
+    stored_.push_back(record);
+    return record;
+}
+
+FakeVMService::Guest& FakeVMService::guest(const VMRecordPointer& vm) { return guests_[vm->id]; }
+
+const std::vector<VMRecordPointer>& FakeVMService::vms() const { return listed_; }
+
+Task<void> FakeVMService::refreshVMList() {
+    listed_ = stored_;
+    vmsChanged();
+    co_return;
+}
+
+Task<VMRecordPointer> FakeVMService::createVM(std::string name, VMOSType os, VMConfiguration configuration) {
+    fail();
+    lastConfiguration = std::move(configuration);
+    co_return add(std::move(name), os);
+}
+
+Task<VMRecordPointer> FakeVMService::cloneVM(VMRecordPointer vm, std::string newName) {
+    fail();
+    co_return add(std::move(newName), vm->osType);
+}
+
+Task<void> FakeVMService::renameVM(VMRecordPointer vm, std::string name) {
+    fail();
+    vm->name = std::move(name);
+    co_return;
+}
+
+Task<void> FakeVMService::updateVMConfiguration(VMRecordPointer, VMConfiguration configuration) {
+    fail();
+    lastConfiguration = std::move(configuration);
+    co_return;
+}
+
+Task<void> FakeVMService::deleteVM(VMRecordPointer vm, bool permanently) {
+    fail();
+    vm->isDeleted = true;
+    std::erase(stored_, vm);
+    (permanently ? erased : trashed).push_back(vm->name);
+    co_return;
+}
+
+Task<void> FakeVMService::completeInstallation(VMRecordPointer) { co_return; }
+
+Task<void> FakeVMService::startVM(VMRecordPointer vm) {
+    fail();
+    if (vm->status == VMStatus::running) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, vm->name);
+    vm->status = VMStatus::running;
+    co_return;
+}
+
+Task<void> FakeVMService::stopVM(VMRecordPointer vm, bool force) {
+    fail();
+    if (vm->status != VMStatus::running) throw DorvaneError(DorvaneError::Case::vmNotRunning, vm->name);
+    vm->status = VMStatus::stopped;
+    wasForced_[vm->id] = force || guests_[vm->id].ignoresShutdown;
+    co_return;
+}
+
+Task<void> FakeVMService::restartVM(VMRecordPointer vm) {
+    co_await stopVM(vm, false);
+    co_await startVM(vm);
+}
+
+Task<void> FakeVMService::pauseVM(VMRecordPointer vm) {
+    fail();
+    vm->status = VMStatus::paused;
+    co_return;
+}
+
+Task<void> FakeVMService::resumeVM(VMRecordPointer vm) {
+    fail();
+    vm->status = VMStatus::running;
+    co_return;
+}
+
+Task<void> FakeVMService::suspendVM(VMRecordPointer vm) {
+    fail();
+    vm->status = VMStatus::stopped;
+    co_return;
+}
+
+Task<void> FakeVMService::discardSuspendedState(VMRecordPointer) { co_return; }
+
+Task<void> FakeVMService::refreshVMState(VMRecordPointer) { co_return; }
+
+std::optional<std::string> FakeVMService::lastFailureReason(const VMRecord&) const { return std::nullopt; }
+
+bool FakeVMService::lastStopWasForced(const VMRecord& vm) const {
+    const auto found = wasForced_.find(vm.id);
+    return found != wasForced_.end() && found->second;
+}
+
+Task<std::optional<VMDisplayInfo>> FakeVMService::getVMDisplayInfo(VMRecordPointer vm) {
+    std::optional<VMDisplayInfo> info;
+    if (vm->status != VMStatus::running) co_return info;
+    const auto& known = guests_[vm->id];
+    info.emplace();
+    info->ipAddress = known.ipAddress;
+    info->resolution = known.resolution;
+    info->network = known.network;
+    co_return info;
+}
+
+Task<std::optional<int>> FakeVMService::sshForwardedPort(VMRecordPointer vm) {
+    co_return guests_[vm->id].sshPort;
+}
+
+Task<std::optional<Bytes>> FakeVMService::captureHostFramebuffer(VMRecordPointer vm) {
+    co_return guests_[vm->id].screen;
+}
+
+Task<std::string> FakeVMService::getVMLogs(VMRecordPointer) { co_return ""; }
+
+void FakeVMService::fail() {
+    if (auto failure = std::exchange(nextFailure, nullptr)) std::rethrow_exception(failure);
+}
+
+}  // namespace dorvane::test
