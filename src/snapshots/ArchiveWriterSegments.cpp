@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "snapshots/ArchiveFormat.h"
 #include "snapshots/ArchiveZeros.h"
 
 namespace dorvane {

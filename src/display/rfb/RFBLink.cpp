@@ -15,7 +15,7 @@ constexpr Duration handshakeReadLimit = seconds(5);
 constexpr std::size_t handshakeReadBytes = 4'096;
 constexpr int socketBufferBytes = 8'388'608;
 constexpr std::size_t socketPathLimit = 104;  // as told to the user, with the terminating zero
-constexpr int readsPerTurn = 16;
+constexpr int readsPerTurn = 128;
 // A server that reads nothing for so long gets no more; what it lacks is pointer and key events.
 constexpr std::size_t maximumOutboxBytes = 1'048'576;
 

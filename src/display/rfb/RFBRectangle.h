@@ -75,9 +75,9 @@ struct RFBRectangle {
     /// No rectangle has more bytes than this, on the wire or as pixels; a larger one is an error, not a wait.
     static constexpr std::size_t maximumBytes = 268'435'456;
 
-    /// Takes the 12 bytes before every rectangle; absent, with the reader where it was, when there are fewer.
+    static constexpr std::size_t headerBytes = 12;
+    /// Takes the bytes before every rectangle; absent, with the reader where it was, when there are fewer.
     static std::optional<RFBRectangleHeader> readHeader(RFBByteReader& reader) {
-        constexpr std::size_t headerBytes = 12;
         const auto bytes = reader.slice(headerBytes);
         if (!bytes) return std::nullopt;
         const auto* p = bytes->data();

@@ -10,11 +10,11 @@ namespace dorvane {
 namespace {
 
 // Below these a raw rectangle goes through the buffer: more spans would cost more than the copy saves.
-constexpr std::size_t minimumDirectBytes = 16'384;
-constexpr std::size_t minimumDirectRowBytes = 2'048;
-// After a rectangle received in place another is likely: only its header, and little else, goes through the
+constexpr std::size_t minimumDirectBytes = 4'096;
+constexpr std::size_t minimumDirectRowBytes = 512;
+// Behind a rectangle received in place another is likely: only its header, and little else, goes through the
 // buffer.
-constexpr std::size_t headerChunkBytes = 1'024;
+constexpr std::size_t headerChunkBytes = 512;
 // More than any rectangle that can still become complete: the longest is a cursor with its mask.
 constexpr std::size_t maximumWaitingBytes = RFBRectangle::maximumBytes + RFBRectangle::maximumBytes / 8;
 
@@ -29,23 +29,21 @@ std::span<std::uint8_t> RFBStream::RawBody::nextSpan() const {
 std::span<const iovec> RFBStream::prepare() {
     spanCount_ = 0;
     isDirect_ = raw_ && raw_->remaining() >= minimumDirectBytes && raw_->rowBytes >= minimumDirectRowBytes;
-    if (isDirect_) {
-        prepareRaw();
-    } else {
-        const auto tail = buffer_.tail();
-        addSpan(expectsLargeRaw_ && !raw_ ? tail.first(headerChunkBytes) : tail);
-    }
+    if (isDirect_) prepareRaw();
+    const auto tail = buffer_.tail();
+    addSpan(isDirect_ ? tail.first(headerChunkBytes) : tail);
     return {spans_.data(), spanCount_};
 }
 
 /// The buffer is empty while a raw body lasts: `continueRaw` has taken what was in it.
 void RFBStream::prepareRaw() {
     auto body = *raw_;
-    while (body.remaining() > 0 && spanCount_ < maximumSpans) {
+    while (body.remaining() > 0 && spanCount_ < maximumSpans - 1) {
         const auto span = body.nextSpan();
         addSpan(span);
         body.done += span.size();
     }
+    directBytes_ = body.done - raw_->done;
 }
 
 void RFBStream::addSpan(std::span<std::uint8_t> memory) {
@@ -54,11 +52,11 @@ void RFBStream::addSpan(std::span<std::uint8_t> memory) {
 
 void RFBStream::commit(std::size_t count) {
     if (isDirect_) {
-        raw_->done += count;
-        expectsLargeRaw_ = true;
-    } else {
-        buffer_.commit(count);
+        const auto drawn = std::min(count, directBytes_);
+        raw_->done += drawn;
+        count -= drawn;
     }
+    buffer_.commit(count);
     while (parseNext()) {
     }
 }
@@ -131,12 +129,20 @@ bool RFBStream::skipText() {
 }
 
 bool RFBStream::parseRectangle() {
-    RFBByteReader reader(buffer_.content());
+    const auto content = buffer_.content();
+    RFBByteReader reader(content);
+    const auto header = RFBRectangle::readHeader(reader);
+    if (!header) return false;
+    if (header->encoding == rawValue(RFBEncoding::raw) && framebuffer_.contains(*header))
+        return drawRaw(*header, content.subspan(reader.position()));
+    reader.setPosition(0);
     const auto rectangle = RFBRectangle::parse(reader, pixelFormat_);
-    if (!rectangle) return beginRaw();
-    std::visit([this](const auto& content) { apply(content); }, rectangle->content);
+    if (!rectangle) {
+        if (content.size() > maximumWaitingBytes) throw RFBRectangle::ParseError::tooLarge(content.size());
+        return false;
+    }
+    std::visit([this](const auto& known) { apply(known); }, rectangle->content);
     buffer_.consume(reader.position());
-    expectsLargeRaw_ = false;
     endRectangle();
     return true;
 }
@@ -145,17 +151,20 @@ void RFBStream::endRectangle() {
     if (--pendingRectangles_ == 0) handler_.updateFinished(didTouchPixels_);
 }
 
-/// Draws an incomplete raw rectangle as its rows come. Any other incomplete rectangle waits.
-bool RFBStream::beginRaw() {
-    const auto content = buffer_.content();
-    if (content.size() > maximumWaitingBytes) throw RFBRectangle::ParseError::tooLarge(content.size());
-    RFBByteReader reader(content);
-    const auto header = RFBRectangle::readHeader(reader);
-    if (!header || header->encoding != rawValue(RFBEncoding::raw) || !framebuffer_.contains(*header))
-        return false;
-    buffer_.consume(reader.position());
-    raw_ = RawBody{framebuffer_.target(*header), std::size_t(header->width) * 4, 0, header->pixelCount() * 4};
+/// Servers send many small ones in a row. One that isn't complete is drawn as its rows come; any other kind
+/// of rectangle waits.
+bool RFBStream::drawRaw(const RFBRectangleHeader& header, ByteView content) {
+    const auto width = std::size_t(header.width), height = std::size_t(header.height);
+    const auto target = framebuffer_.target(header);
     didTouchPixels_ = true;
+    buffer_.consume(RFBRectangle::headerBytes);
+    if (content.size() < header.pixelCount() * 4) {
+        raw_ = RawBody{target, width * 4, 0, header.pixelCount() * 4};
+        return true;
+    }
+    for (std::size_t y = 0; y < height; ++y) copyPixels(target.row(y), content.data() + y * width * 4, width);
+    buffer_.consume(header.pixelCount() * 4);
+    endRectangle();
     return true;
 }
 

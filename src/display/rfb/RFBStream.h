@@ -67,7 +67,7 @@ class RFBStream {
     bool parseUpdate(RFBByteReader& reader);
     bool parseCutText(RFBByteReader& reader);
     bool parseRectangle();
-    bool beginRaw();
+    bool drawRaw(const RFBRectangleHeader& header, ByteView content);
     bool continueRaw();
     bool skipText();
     void endRectangle();
@@ -93,8 +93,8 @@ class RFBStream {
     ReceiveBuffer buffer_;
     std::array<iovec, maximumSpans> spans_{};
     std::size_t spanCount_ = 0;
-    bool isDirect_ = false;         // the spans lie in the framebuffer
-    bool expectsLargeRaw_ = false;  // the last rectangle was received so
+    bool isDirect_ = false;  // the first spans lie in the framebuffer
+    std::size_t directBytes_ = 0;
     std::optional<RawBody> raw_;
     int pendingRectangles_ = 0;
     bool didTouchPixels_ = false;

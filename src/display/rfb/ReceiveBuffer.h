@@ -14,7 +14,7 @@ namespace dorvane {
 class ReceiveBuffer {
   public:
     /// The least room that `tail` gives.
-    static constexpr std::size_t chunkBytes = 262'144;
+    static constexpr std::size_t chunkBytes = 32'768;
 
     ByteView content() const { return {memory_.get() + begin_, end_ - begin_}; }
     void consume(std::size_t count) { begin_ += count; }
