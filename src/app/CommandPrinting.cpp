@@ -145,10 +145,12 @@ void printLink(const JSON& result) {
         std::cout << printable(localized("Nothing to do: %@ is %@.", result.value("vm", ""),
                                          result.value("status", "")))
                   << '\n';
-    else if (command == "start" || command == "stop")
-        printSentence(command == "start" ? "Started %@." : "Stopped %@.")(result);
+    else if (command == "stop")
+        printStopped(result);
     else
-        printSentence(command == "show" ? "Opened the display of %@." : "Took snapshot %@.")(result);
+        printSentence(command == "start"  ? "Started %@."
+                      : command == "show" ? "Opened the display of %@."
+                                          : "Took snapshot %@.")(result);
 }
 
 void printMachineLog(const JSON& result) {

@@ -51,6 +51,8 @@ Task<JSON> open(AppState& app, JSON params) {
                {"id", outcome.vm->id.text()},
                {"status", rawValue(outcome.vm->status)},
                {"acted", outcome.hasActed},
+               {"forced", outcome.hasActed && outcome.command->kind == URLCommand::Kind::stop &&
+                              app.makeSharedVMService().lastStopWasForced(*outcome.vm)},
                {"displayOpened", outcome.wantsDisplay && hasDisplays}};
     shown["name"] = outcome.command->name.empty() ? outcome.vm->name : outcome.command->name;
     co_return shown;
