@@ -25,11 +25,11 @@ FileDescriptor listenFresh(const Path& socket) {
 /// One client. Bytes live on the queue, requests on the main thread.
 class ControlServer::Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(const Runtime& runtime, const ControlMethods& methods, const SerialQueue& queue,
+    Connection(const Runtime& runtime, const ControlMethods& methods, SerialQueue queue,
                std::shared_ptr<StreamConnection> stream)
         : runtime_(runtime),
           methods_(methods),
-          queue_(queue),
+          queue_(std::move(queue)),
           stream_(std::move(stream)),
           outgoing_(source_.subscribe({})) {}
 

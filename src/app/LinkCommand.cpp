@@ -7,7 +7,7 @@ namespace dorvane {
 namespace {
 
 ControlError linkFailure(const std::string& sentence) {
-    return ControlError(ControlErrorCode::operationFailed, sentence);
+    return {ControlErrorCode::operationFailed, sentence};
 }
 
 const char* verbOf(URLCommand::Kind kind) {

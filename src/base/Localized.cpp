@@ -25,12 +25,11 @@ std::string fillPlaceholders(std::string_view format, std::span<const std::strin
     std::string text;
     std::size_t next = 0;
     for (std::size_t at = 0; at < format.size();) {
-        if (format[at] != '%') {
-            text.push_back(format[at++]);
-        } else if (format.substr(at, 2) == "%%") {
+        const auto length = format[at] == '%' ? placeholderLength(format, at) : 0;
+        if (format.substr(at, 2) == "%%") {
             text.push_back('%');
             at += 2;
-        } else if (const auto length = placeholderLength(format, at); length > 0 && next < arguments.size()) {
+        } else if (length > 0 && next < arguments.size()) {
             text += arguments[next++];
             at += length;
         } else {

@@ -13,8 +13,8 @@ namespace dorvane {
 /// A strand over a pool. Copies are the same queue. All operations may be called from any thread.
 class SerialQueue {
   public:
-    SerialQueue(Executor pool, std::string label)
-        : strand_(asio::make_strand(std::move(pool))), label_(std::move(label)) {}
+    SerialQueue(const Executor& pool, std::string label)
+        : strand_(asio::make_strand(pool)), label_(std::move(label)) {}
 
     const std::string& label() const { return label_; }
     /// For sockets, timers and coroutines that live on this queue.

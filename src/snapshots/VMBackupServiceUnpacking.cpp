@@ -203,9 +203,9 @@ DorvaneVMConfig installBackup(const VMBackupArchive& archive, const VMBackupInst
             localized("The backup holds no complete VM: its config or system disk is missing."));
     step("give identity");
     try {
-        rotateSnapshotIdentities(bundle, order.chainTool);
         // A backup may come from anybody: its disks must not lead to files of this host.
         if (order.chainTool != nullptr) SnapshotChainLayout(*order.chainTool, bundle).requireOwnLayers();
+        rotateSnapshotIdentities(bundle, order.chainTool);
     } catch (const JSONError& error) {
         throw restoreFailure(localized("The description of a snapshot can't be read: %@", error.what()));
     }
