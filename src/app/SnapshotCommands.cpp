@@ -7,9 +7,7 @@
 namespace dorvane {
 namespace {
 
-ControlError refused(const std::string& sentence) {
-    return ControlError(ControlErrorCode::operationFailed, sentence);
-}
+ControlError refused(const std::string& sentence) { return {ControlErrorCode::operationFailed, sentence}; }
 
 JSON snapshotObject(const VMSnapshot& snapshot) {
     return {{"id", snapshot.id.text()},

@@ -15,7 +15,7 @@ constexpr int utf8CodePage = 65001;
 /// Absent for an unknown page and for bytes that it has no meaning for.
 std::optional<std::string> fromCodePage(int page, const Bytes& bytes) {
     const auto converter = ::iconv_open("UTF-8", ("CP" + std::to_string(page)).c_str());
-    if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;
+    if (converter == reinterpret_cast<iconv_t>(-1)) return std::nullopt;  // NOLINT(performance-no-int-to-ptr)
     const std::unique_ptr<void, int (*)(iconv_t)> closing(converter, ::iconv_close);
     std::string text(bytes.size() * 4 + 16, '\0');
     // The interface takes a pointer to non-const and doesn't write through it.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/VMAttachmentsBuilder.h"
 
+#include <fmt/format.h>
+
 #include "base/Localized.h"
 #include "base/Text.h"
 #include "core/DorvaneError.h"
@@ -33,7 +35,7 @@ std::vector<std::string> validatedAttachmentPaths(const std::vector<std::string>
     for (const auto& written : paths) {
         std::string path(trimmed(written));
         if (path.empty()) continue;
-        requireThere(path, missingItemDescription + ": " + path);
+        requireThere(path, fmt::format("{}: {}", missingItemDescription, path));
         validated.push_back(std::move(path));
     }
     return validated;

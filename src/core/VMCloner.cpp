@@ -97,7 +97,7 @@ DorvaneVMConfig VMCloner::prepareCopy(const VMBundle& copy) const {
 
 VMRecordPointer VMCloner::record(const VMRecord& source, const std::string& name, const Path& directory,
                                  const DorvaneVMConfig& config) const {
-    const auto vm = std::make_shared<VMRecord>();
+    auto vm = std::make_shared<VMRecord>();
     vm->name = name;
     vm->vmPath = directory.string();
     vm->createdAt = vm->updatedAt = with_.runtime.clock.date();

@@ -162,7 +162,7 @@ void VMCreator::publish(std::optional<MacOSInstallPhase> phase) {
 
 VMRecordPointer VMCreator::record(const std::string& name, const Path& directory, const Made& made,
                                   const VMConfiguration& request) const {
-    const auto vm = std::make_shared<VMRecord>();
+    auto vm = std::make_shared<VMRecord>();
     vm->name = name;
     vm->osType = made.config.os;
     vm->osVersionLabel = made.osVersionLabel;
