@@ -227,6 +227,16 @@ TEST_F(RFBConnectionTest, endsWithoutErrorWhenTheServerHangsUp) {
     EXPECT_FALSE(log_.contains("VNC 连接结束"));
 }
 
+TEST_F(RFBConnectionTest, endsWithAnErrorWhenTheServerGoesWithoutReading) {
+    connect();
+    connection_->sendPointer(1, 2, 3);
+    host_.settle();
+    server_->hangUp();
+    waitForEnd();
+    EXPECT_EQ(ends_, (std::vector<std::string>{"The VM display connection was closed."}));
+    EXPECT_TRUE(log_.contains("VNC 连接结束: The VM display connection was closed."));
+}
+
 TEST_F(RFBConnectionTest, closeEndsTheSocketAndTellsOnce) {
     connect();
     connection_->close();

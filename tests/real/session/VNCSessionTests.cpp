@@ -2,6 +2,7 @@
 // A display session on a real guest: what is typed arrives, and what the guest draws is seen.
 #include "display/session/VNCSession.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sys/socket.h>
@@ -66,6 +67,12 @@ class RealVNCSession : public testing::Test {
             session_->sendKey(key, true);
             session_->sendKey(key, false);
         }
+    }
+    /// An end of the stream, or a reset where the emulator closed its socket with something of ours unread.
+    void expectClosedByTheGuest() {
+        EXPECT_THAT(session_->failureReason(),
+                    testing::Optional(testing::AnyOf("The connection to the VM display was closed.",
+                                                     "The VM display connection was closed.")));
     }
     void openDisplay() {
         ASSERT_TRUE(waitFor(bootLimit, [] { return guest_->hasSaid("DORVANE DEMO READY"); }))
@@ -160,7 +167,7 @@ TEST_F(RealVNCSession, lostConnectionComesBackByItself) {
     openDisplay();
     throwOutEverybody(guest_->displaySocket());
     ASSERT_TRUE(waitFor(answerLimit, [this] { return !session_->isConnected(); }));
-    EXPECT_EQ(session_->failureReason(), "The connection to the VM display was closed.");
+    expectClosedByTheGuest();
     ASSERT_TRUE(waitFor(answerLimit, [this] { return session_->isConnected(); }));
     EXPECT_FALSE(session_->failureReason());
     type("say hello yes\n");
@@ -173,7 +180,7 @@ TEST_F(RealVNCSession, endOfTheGuestIsToldAndTheRetryCanBeCalledOff) {
     openDisplay();
     guest_->kill();
     ASSERT_TRUE(waitFor(answerLimit, [this] { return !session_->isConnected(); }));
-    EXPECT_EQ(session_->failureReason(), "The connection to the VM display was closed.");
+    expectClosedByTheGuest();
     // The first retry waits for the socket; a disconnect must end it at once.
     ASSERT_TRUE(waitFor(answerLimit, [this] { return !session_->failureReason().has_value(); }));
     session_->disconnect();
