@@ -5,6 +5,7 @@
 
 #include "base/Localized.h"
 #include "core/ByteCountText.h"
+#include "runtime/Task.h"
 
 namespace dorvane {
 namespace {
@@ -152,6 +153,17 @@ std::string describedWithSuggestion(const std::exception_ptr& error) {
         return suggestion ? failure.errorDescription() + " " + *suggestion : failure.errorDescription();
     } catch (...) {
         return localizedDescription(std::current_exception());
+    }
+}
+
+void rethrowAs(DorvaneError::Case which, const std::exception_ptr& error) {
+    if (isCancellation(error)) std::rethrow_exception(error);
+    try {
+        std::rethrow_exception(error);
+    } catch (const DorvaneError&) {
+        throw;
+    } catch (...) {
+        throw DorvaneError(which, localizedDescription(error));
     }
 }
 

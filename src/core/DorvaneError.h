@@ -90,5 +90,7 @@ class DorvaneError : public std::exception {
 std::string localizedDescription(const std::exception_ptr& error);
 /// The same with the recovery suggestion, if any, behind a blank.
 std::string describedWithSuggestion(const std::exception_ptr& error);
+/// Throws a cancellation or a DorvaneError as it is, anything else as `which` with its words.
+[[noreturn]] void rethrowAs(DorvaneError::Case which, const std::exception_ptr& error);
 
 }  // namespace dorvane

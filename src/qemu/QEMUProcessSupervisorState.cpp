@@ -18,17 +18,6 @@ constexpr auto rejectionInterval = milliseconds(50);
 
 Path sidecar(const Path& state) { return Path(state.string() + ".devices"); }
 
-[[noreturn]] void rethrowAsSnapshotFailure(const std::exception_ptr& error) {
-    if (isCancellation(error)) std::rethrow_exception(error);
-    try {
-        std::rethrow_exception(error);
-    } catch (const DorvaneError&) {
-        throw;
-    } catch (...) {
-        throw DorvaneError(DorvaneError::Case::vmSnapshotFailed, localizedDescription(error));
-    }
-}
-
 }  // namespace
 
 Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
@@ -52,7 +41,7 @@ Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
     co_await cancelMigrationIfRunning(connection, cancelTimeout);
     removeQuietly(to);
     removeQuietly(sidecar(to));
-    rethrowAsSnapshotFailure(failure);
+    rethrowAs(DorvaneError::Case::vmSnapshotFailed, failure);
 }
 
 /// A paused machine whose state has been saved refuses to save it again, and QEMU dies when its disks are

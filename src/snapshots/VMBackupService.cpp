@@ -22,18 +22,6 @@ void tell(const VMBackupProgressHandler& handler, Phase phase,
     if (handler) handler({phase, fraction});
 }
 
-/// Cancellations and this system's own errors as they are, others as `which` with their words.
-[[noreturn]] void rethrowAsBackupFailure(Case which, const std::exception_ptr& failure) {
-    if (isCancellation(failure)) std::rethrow_exception(failure);
-    try {
-        std::rethrow_exception(failure);
-    } catch (const DorvaneError&) {
-        throw;
-    } catch (...) {
-        throw DorvaneError(which, localizedDescription(failure));
-    }
-}
-
 }  // namespace
 
 /// Keeps a destination from a second restore while the first is under way.
@@ -85,7 +73,7 @@ Task<void> VMBackupService::exportBackup(VMRecordPointer vm, Path destinationURL
     } catch (...) {
         failure = std::current_exception();
     }
-    if (failure) rethrowAsBackupFailure(Case::vmBackupFailed, failure);
+    if (failure) rethrowAs(Case::vmBackupFailed, failure);
     logger.info("Backed up VM: %s", vm->name);
 }
 
@@ -131,7 +119,7 @@ Task<VMRecordPointer> VMBackupService::restore(Path archive, std::optional<std::
         if (failure && restore.hasMoved) fs::remove_all(restore.destination, ignored);
     };
     co_await with_.runtime.background.run(cleanUp);
-    if (failure) rethrowAsBackupFailure(Case::vmRestoreFailed, failure);
+    if (failure) rethrowAs(Case::vmRestoreFailed, failure);
     logger.info("Restored VM: %s", restore.vm->name);
     co_return restore.vm;
 }

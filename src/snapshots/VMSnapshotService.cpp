@@ -14,17 +14,16 @@ namespace {
 
 using Case = DorvaneError::Case;
 
-/// A snapshot's own refusals pass; anything else becomes one, with its words.
-[[noreturn]] void rethrowAs(Case which, const std::exception_ptr& failure) {
-    if (isCancellation(failure)) std::rethrow_exception(failure);
+/// A refusal made for snapshots in general becomes one of this operation.
+[[noreturn]] void rethrowAsOwn(Case which, const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
     } catch (const DorvaneError& error) {
         if (error.which() == Case::vmSnapshotFailed) throw DorvaneError(which, error.text());
-        throw;
     } catch (...) {
-        throw DorvaneError(which, localizedDescription(failure));
+        // As any other.
     }
+    rethrowAs(which, failure);
 }
 
 Task<std::exception_ptr> outcome(Task<void> task) {
@@ -122,7 +121,7 @@ Task<void> VMSnapshotService::restoreSnapshotLocked(VMSnapshotPointer snapshot, 
     }
     if (failure) {
         recovered_.erase(vm->id);
-        rethrowAs(Case::vmSnapshotRestoreFailed, failure);
+        rethrowAsOwn(Case::vmSnapshotRestoreFailed, failure);
     }
     co_await syncDiskSizeAfterRestore(vm);
     logger_.info("Restored snapshot '%{public}s' onto VM %{public}s (RAM: %{bool}d)", snapshot->name,
@@ -174,7 +173,7 @@ Task<void> VMSnapshotService::deleteSnapshotLocked(VMSnapshotPointer snapshot, V
     const auto failure = co_await outcome(inBackground(vm, work));
     if (failure) {
         recovered_.erase(vm->id);
-        rethrowAs(Case::vmSnapshotDeleteFailed, failure);
+        rethrowAsOwn(Case::vmSnapshotDeleteFailed, failure);
     }
     co_await forget(snapshot, vm);
     logger_.info("Deleted snapshot '%{public}s'", snapshot->name);

@@ -16,17 +16,6 @@ DorvaneError refusal(const char* message, const Arguments&... arguments) {
     return DorvaneError(DorvaneError::Case::vmSnapshotFailed, localized(message, arguments...));
 }
 
-[[noreturn]] void rethrowAsSnapshotFailure(const std::exception_ptr& failure) {
-    if (isCancellation(failure)) std::rethrow_exception(failure);
-    try {
-        std::rethrow_exception(failure);
-    } catch (const DorvaneError&) {
-        throw;
-    } catch (...) {
-        throw DorvaneError(DorvaneError::Case::vmSnapshotFailed, localizedDescription(failure));
-    }
-}
-
 DorvaneVMConfig readForSnapshot(const VMBundle& bundle) {
     if (!bundle.isValid()) throw refusal("The VM bundle is incomplete at %@.", bundle.directoryURL.string());
     try {
@@ -85,7 +74,7 @@ Task<VMSnapshotPointer> VMSnapshotService::takeSnapshotLocked(VMRecordPointer vm
     if (failure) {
         co_await ignoreCancellation();
         co_await undo(&of);
-        rethrowAsSnapshotFailure(failure);
+        rethrowAs(DorvaneError::Case::vmSnapshotFailed, failure);
     }
     if (of.memoryFailure)
         throw refusal(
