@@ -54,9 +54,9 @@ Task<void> deliver(Task<T> task, OneShot<T> outcome) {
 }
 
 /// Runs `task` on another serial executor and comes back to the caller's own with its value or exception. A
-/// cancellation of the caller is passed on; the task has ended when this returns.
-template <typename T>
-Task<T> onExecutor(Executor executor, Task<T> task) {
+/// cancellation of the caller calls `stop` with the task's handle; the task has ended when this returns.
+template <typename T, typename Stop>
+Task<T> onExecutor(Executor executor, Task<T> task, Stop stop) {
     OneShot<T> outcome;
     auto handle = spawn(std::move(executor), deliver(std::move(task), outcome), "onExecutor");
     std::exception_ptr cancelled;
@@ -66,7 +66,7 @@ Task<T> onExecutor(Executor executor, Task<T> task) {
         cancelled = std::current_exception();
     }
     if (cancelled) {
-        handle.cancel();
+        stop(handle);
         co_await ignoreCancellation();
         co_await handle.finished();
         std::rethrow_exception(cancelled);
@@ -75,6 +75,12 @@ Task<T> onExecutor(Executor executor, Task<T> task) {
         outcome.take();
     else
         co_return outcome.take();
+}
+
+/// The same for a task that a cancellation of the caller cancels.
+template <typename T>
+Task<T> onExecutor(Executor executor, Task<T> task) {
+    return onExecutor(std::move(executor), std::move(task), [](TaskHandle& handle) { handle.cancel(); });
 }
 
 }  // namespace dorvane

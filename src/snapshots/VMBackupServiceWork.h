@@ -49,25 +49,8 @@ class VMBackupSampler {
 /// caller's variables.
 template <typename Work, typename Result = std::invoke_result_t<Work&>>
 Task<Result> runCancellable(const Runtime& runtime, ArchiveControl& control, Work work) {
-    OneShot<Result> outcome;
-    auto job = runtime.background.run(std::move(work));
-    const auto handle = spawn(runtime.main.executor(), deliver(std::move(job), outcome), "VMBackupService");
-    std::exception_ptr cancelled;
-    try {
-        co_await handle.finished();
-    } catch (...) {
-        cancelled = std::current_exception();
-    }
-    if (cancelled) {
-        control.cancel();
-        co_await ignoreCancellation();
-        co_await handle.finished();
-        std::rethrow_exception(cancelled);
-    }
-    if constexpr (std::is_void_v<Result>)
-        outcome.take();
-    else
-        co_return outcome.take();
+    return onExecutor(runtime.main.executor(), runtime.background.run(std::move(work)),
+                      [&control](TaskHandle&) { control.cancel(); });
 }
 
 }  // namespace dorvane
