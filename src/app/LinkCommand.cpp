@@ -6,10 +6,6 @@
 namespace dorvane {
 namespace {
 
-ControlError linkFailure(const std::string& sentence) {
-    return {ControlErrorCode::operationFailed, sentence};
-}
-
 const char* verbOf(URLCommand::Kind kind) {
     using Kind = URLCommand::Kind;
     switch (kind) {
@@ -28,12 +24,14 @@ const char* verbOf(URLCommand::Kind kind) {
 /// The sentences of the alerts, and what a person at a command line needs besides.
 [[noreturn]] void throwRefusal(const LinkOutcome& outcome, const std::string& url) {
     if (outcome.kind == LinkOutcome::Kind::ignored)
-        throw linkFailure(localized("This is not a Dorvane link: %@", url));
+        throw ControlError(ControlErrorCode::operationFailed,
+                           localized("This is not a Dorvane link: %@", url));
     if (outcome.kind == LinkOutcome::Kind::turnedOff)
-        throw linkFailure(
+        throw ControlError(
+            ControlErrorCode::operationFailed,
             outcome.alert + "\n" +
-            localized("On the command line: dorvane settings set DorvaneURLCommandsEnabled true"));
-    throw linkFailure(outcome.alert);
+                localized("On the command line: dorvane settings set DorvaneURLCommandsEnabled true"));
+    throw ControlError(ControlErrorCode::operationFailed, outcome.alert);
 }
 
 Task<JSON> open(AppState& app, JSON params) {
@@ -42,7 +40,8 @@ Task<JSON> open(AppState& app, JSON params) {
     if (outcome.kind != LinkOutcome::Kind::done) throwRefusal(outcome, url);
     const bool hasDisplays = !app.displayRequested.empty();
     if (outcome.command->kind == URLCommand::Kind::show && !hasDisplays)
-        throw linkFailure(
+        throw ControlError(
+            ControlErrorCode::operationFailed,
             localized("This build of Dorvane has no window to show “%@” in. For a picture of its screen: "
                       "dorvane screenshot",
                       outcome.vm->name));

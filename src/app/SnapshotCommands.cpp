@@ -7,8 +7,6 @@
 namespace dorvane {
 namespace {
 
-ControlError refused(const std::string& sentence) { return {ControlErrorCode::operationFailed, sentence}; }
-
 JSON snapshotObject(const VMSnapshot& snapshot) {
     return {{"id", snapshot.id.text()},
             {"name", snapshot.name},
@@ -31,12 +29,14 @@ VMSnapshotPointer findSnapshot(const std::vector<VMSnapshotPointer>& snapshots, 
     }
     if (named.size() == 1) return named.front();
     if (named.empty())
-        throw refused(localized("“%@” has no snapshot named “%@”. It has: %@", vm.name, nameOrID,
-                                known.empty() ? "(none)" : joined(known, ", ")));
+        throw ControlError(ControlErrorCode::operationFailed,
+                           localized("“%@” has no snapshot named “%@”. It has: %@", vm.name, nameOrID,
+                                     known.empty() ? "(none)" : joined(known, ", ")));
     std::vector<std::string> ids;
     for (const auto& snapshot : named) ids.push_back(snapshot->id.text());
-    throw refused(localized("“%@” has %d snapshots named “%@”. Give the UUID of one: %@", vm.name,
-                            named.size(), nameOrID, joined(ids, ", ")));
+    throw ControlError(ControlErrorCode::operationFailed,
+                       localized("“%@” has %d snapshots named “%@”. Give the UUID of one: %@", vm.name,
+                                 named.size(), nameOrID, joined(ids, ", ")));
 }
 
 Task<JSON> listSnapshots(AppState& app, JSON params) {

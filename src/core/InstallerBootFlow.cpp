@@ -8,10 +8,6 @@
 namespace dorvane {
 namespace {
 
-DorvaneError bootFlowRefusal(const char* message) {
-    return DorvaneError(DorvaneError::Case::invalidConfiguration, localized(message));
-}
-
 bool showsSystem(const LinuxBootEvidenceInspecting* evidence, const VMBundle& bundle) {
     return evidence != nullptr && evidence->diskShowsBootableSystem(bundle.rawDisk());
 }
@@ -20,9 +16,11 @@ bool showsSystem(const LinuxBootEvidenceInspecting* evidence, const VMBundle& bu
 
 void InstallerBootFlow::complete(VMRecord& vm) {
     if (vm.osType == VMOSType::macOS)
-        throw bootFlowRefusal("Only VMs installed from an ISO can finish the installer boot flow.");
+        throw DorvaneError(DorvaneError::Case::invalidConfiguration,
+                           localized("Only VMs installed from an ISO can finish the installer boot flow."));
     if (vm.hasPendingInstallerImage() && !vm.isShutDownForEditing())
-        throw bootFlowRefusal("Shut down the VM before removing the installer image.");
+        throw DorvaneError(DorvaneError::Case::invalidConfiguration,
+                           localized("Shut down the VM before removing the installer image."));
     vm.pendingInstallerImagePath.reset();
     vm.updatedAt = now();
     library_.commit();

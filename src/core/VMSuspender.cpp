@@ -11,19 +11,17 @@ namespace {
 
 using Case = DorvaneError::Case;
 
-DorvaneError suspendRefusal(const char* message) {
-    return DorvaneError(Case::invalidConfiguration, localized(message));
-}
-
 }  // namespace
 
 void VMSuspender::requireSuspendable(const VMRecord& vm) const {
     if (vm.hasPendingInstallerImage())
-        throw suspendRefusal("Finish the installation before suspending this VM.");
+        throw DorvaneError(Case::invalidConfiguration,
+                           localized("Finish the installation before suspending this VM."));
     if (vm.status != VMStatus::running && vm.status != VMStatus::paused)
         throw DorvaneError(Case::vmNotRunning, vm.name);
     if (!with_.engine.canSaveStateNow(vm.osType))
-        throw suspendRefusal("VMs can only be suspended while this Mac is unlocked.");
+        throw DorvaneError(Case::invalidConfiguration,
+                           localized("VMs can only be suspended while this Mac is unlocked."));
 }
 
 Task<DorvaneVMConfig> VMSuspender::readSuspendableConfiguration(VMBundle bundle) const {
@@ -33,7 +31,9 @@ Task<DorvaneVMConfig> VMSuspender::readSuspendableConfiguration(VMBundle bundle)
     };
     auto config = co_await with_.runtime.background.run(read);
     if (config.isGraphicsAccelerated())
-        throw suspendRefusal("VMs with graphics acceleration can't be suspended. Shut the VM down instead.");
+        throw DorvaneError(
+            Case::invalidConfiguration,
+            localized("VMs with graphics acceleration can't be suspended. Shut the VM down instead."));
     co_return config;
 }
 

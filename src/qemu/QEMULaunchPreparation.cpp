@@ -18,10 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using SandboxKind = GraphicsSandboxGroup::Requirement::Kind;
 
-DorvaneError preparationFailed(const std::string& reason) {
-    return DorvaneError(DorvaneError::Case::vmStartupFailed, reason);
-}
-
 std::vector<std::string> traceEvents(const std::string& text) {
     std::vector<std::string> events;
     for (const auto& piece : split(text, ','))
@@ -44,11 +40,11 @@ QEMULaunchInputs QEMULaunchPreparation::readInputs(UUID id, VMBundle bundle,
         logger_.info("客体工具已就位,%{public}s 改用 virtio-gpu 显示", bundle.name());
     if (const auto problem = WindowsGuestAvailability::systemRequirementProblem(
             context_.hostSystemVersion, context_.declaredMinimumSystemVersion))
-        throw preparationFailed(problem->reason());
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed, problem->reason());
     auto resources = context_.resourceLocator();
     if (!resources)
-        throw preparationFailed(
-            localized("The Windows virtualization components are missing from this build."));
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                           localized("The Windows virtualization components are missing from this build."));
     return {id, std::move(bundle), std::move(attachments), std::move(config), std::move(*resources)};
 }
 
@@ -96,8 +92,8 @@ std::optional<Path> QEMULaunchPreparation::requireTPM(const QEMULaunchInputs& in
     const auto& platform = inputs.config.windowsPlatform;
     if (platform && !platform->hasTPM) return std::nullopt;
     if (!inputs.resources.swtpm)
-        throw preparationFailed(
-            localized("This VM requires a virtual TPM, but the TPM component is missing."));
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                           localized("This VM requires a virtual TPM, but the TPM component is missing."));
     return inputs.resources.swtpm;
 }
 
@@ -167,7 +163,7 @@ Task<std::vector<std::string>> QEMULaunchPreparation::adapted(std::vector<std::s
             capabilities =
                 co_await context_.capabilities.capabilities(resources.executable, resources.environment);
         } catch (const POSIXError& error) {
-            throw preparationFailed(error.what());
+            throw DorvaneError(DorvaneError::Case::vmStartupFailed, error.what());
         }
     }
     co_return context_.adapter.adapt(std::move(arguments), capabilities);

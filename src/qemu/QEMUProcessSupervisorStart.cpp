@@ -13,10 +13,6 @@ constexpr auto exitWait = seconds(1.0);
 constexpr auto exitInterval = milliseconds(50);
 constexpr auto killDelay = 5.0;
 
-DorvaneError startupFailed(const std::string& reason) {
-    return DorvaneError(DorvaneError::Case::vmStartupFailed, reason);
-}
-
 bool isPathTooLong(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
@@ -54,7 +50,8 @@ Task<void> QEMUProcessSupervisor::start(QEMULaunch launch) {
 Task<void> QEMUProcessSupervisor::startEmulator(QEMURuntimePaths paths) {
     if (!paths.swtpmSocket) co_return;
     if (!paths.swtpmExecutable)
-        throw startupFailed(localized("Virtual TPM was requested but the swtpm binary is missing."));
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                           localized("Virtual TPM was requested but the swtpm binary is missing."));
     std::exception_ptr failure;
     try {
         co_await emulator_.start(*paths.swtpmExecutable, bundle_.directoryURL / "tpm", *paths.swtpmSocket);
@@ -62,7 +59,9 @@ Task<void> QEMUProcessSupervisor::startEmulator(QEMURuntimePaths paths) {
         failure = std::current_exception();
     }
     // A stop ends the emulator, which then looks like one that failed.
-    if (didRequestStop_) throw startupFailed(localized("The VM was stopped while it was starting."));
+    if (didRequestStop_)
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                           localized("The VM was stopped while it was starting."));
     if (failure) std::rethrow_exception(failure);
 }
 
@@ -73,7 +72,8 @@ void QEMUProcessSupervisor::startChild(const QEMULaunch& launch) {
     try {
         child_ = QEMUChild::start(runtime_, std::move(command));
     } catch (...) {
-        throw startupFailed(localizedDescription(std::current_exception()));
+        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                           localizedDescription(std::current_exception()));
     }
     renderServer_ = launch.paths.renderServer;
     launchedAt_ = runtime_.clock.now();
@@ -111,7 +111,7 @@ Task<void> QEMUProcessSupervisor::failStart(std::exception_ptr error) {
     emulator_.terminate();
     updateStatus(VMStatus::stopped);
     if (isCancellation(error)) std::rethrow_exception(error);
-    throw startupFailed(reason);
+    throw DorvaneError(DorvaneError::Case::vmStartupFailed, reason);
 }
 
 Task<std::string> QEMUProcessSupervisor::startupFailureReason(std::exception_ptr error) {
