@@ -59,9 +59,13 @@ std::optional<UUID> SnapshotChainLayout::parent(const SnapshotChainNode& node) c
 }
 
 std::vector<UUID> SnapshotChainLayout::ancestors(const SnapshotChainNode& node) const {
+    return ancestors(node, {});
+}
+
+std::vector<UUID> SnapshotChainLayout::ancestors(const SnapshotChainNode& node, const Layers& known) const {
     std::vector<UUID> chain;
     auto next = parent(node);
-    while (next) {
+    while (next && !known.contains(*next)) {
         if (next == node.snapshotID() || std::find(chain.begin(), chain.end(), *next) != chain.end())
             refuse("The snapshots of this VM run in a circle at %@.", next->text());
         chain.push_back(*next);
@@ -71,8 +75,13 @@ std::vector<UUID> SnapshotChainLayout::ancestors(const SnapshotChainNode& node) 
 }
 
 void SnapshotChainLayout::requireOwnLayers() const {
-    const auto check = [this](const SnapshotChainNode& node) {
-        if (isThere(node.diskURL(bundle_))) ancestors(node);
+    Layers sound;
+    const auto check = [&](const SnapshotChainNode& node) {
+        if (node.snapshotID() && sound.contains(*node.snapshotID())) return;
+        if (!isThere(node.diskURL(bundle_))) return;
+        const auto chain = ancestors(node, sound);
+        sound.insert(chain.begin(), chain.end());
+        if (node.snapshotID()) sound.insert(*node.snapshotID());
     };
     check(SnapshotChainNode::live());
     const auto folder = bundle_.snapshotsDirectory();

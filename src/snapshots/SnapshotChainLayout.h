@@ -2,6 +2,7 @@
 // Where a layer stands, read with distrust: a chain comes from files that anybody may have put there.
 #pragma once
 
+#include <set>
 #include <vector>
 
 #include "qemu/QCOW2ChainToolProtocol.h"
@@ -27,6 +28,10 @@ class SnapshotChainLayout {
     void requireOwnLayers() const;
 
   private:
+    using Layers = std::set<UUID>;
+    /// The way ends at a layer of `known`, whose own way is known to be sound.
+    std::vector<UUID> ancestors(const SnapshotChainNode& node, const Layers& known) const;
+
     const QCOW2ChainToolProtocol& tool_;
     const VMBundle& bundle_;
 };
