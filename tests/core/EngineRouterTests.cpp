@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/DorvaneVMConfig.h"
+#include "support/ErrorOf.h"
 #include "support/FakeEngine.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestRuntime.h"
@@ -22,12 +23,7 @@ class EngineRouterTest : public testing::Test {
         return VMBundle(folder.path());
     }
     DorvaneError failureOf(Task<void> task) {
-        try {
-            host.run(std::move(task));
-        } catch (const DorvaneError& error) {
-            return error;
-        }
-        return DorvaneError(Case::unknown, "nothing was thrown");
+        return errorOf([&] { host.run(std::move(task)); });
     }
 
     TemporaryDirectory folder;

@@ -5,6 +5,7 @@
 
 #include "core/DorvaneError.h"
 #include "core/DorvaneVMConfig.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
@@ -29,12 +30,7 @@ class VMAttachmentsBuilderTest : public testing::Test {
     }
     std::string at(const std::string& name) const { return (folder / name).string(); }
     std::string failure() const {
-        try {
-            builder.attachments(vm);
-        } catch (const DorvaneError& error) {
-            return error.text();
-        }
-        return "nothing was thrown";
+        return errorOf([this] { builder.attachments(vm); }).text();
     }
 
     LogCapture log;

@@ -6,6 +6,7 @@
 
 #include "core/DiskImageTool.h"
 #include "core/DorvaneError.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
@@ -56,13 +57,8 @@ TEST_F(VMBundleTest, creationLeavesWhatStandsThereAlone) {
     const auto directory = makeDirectory("vm", {"precious"});
     fs::create_symlink("nowhere", folder / "dangling");
     for (const auto& place : {directory, Path(folder / "dangling")}) {
-        try {
-            VMBundle::create(place, 1);
-            FAIL() << place;
-        } catch (const DorvaneError& error) {
-            EXPECT_EQ(error, DorvaneError(Case::vmCreationFailed,
-                                          "VM directory already exists at " + place.string()));
-        }
+        EXPECT_EQ(test::errorOf([&] { VMBundle::create(place, 1); }),
+                  DorvaneError(Case::vmCreationFailed, "VM directory already exists at " + place.string()));
     }
     EXPECT_TRUE(fs::exists(directory / "precious"));
 }

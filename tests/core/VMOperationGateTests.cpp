@@ -5,6 +5,7 @@
 
 #include "core/DorvaneError.h"
 #include "core/LongOperationRegistry.h"
+#include "support/ErrorOf.h"
 #include "support/TestRuntime.h"
 
 namespace dorvane::test {
@@ -44,12 +45,8 @@ TEST(VMOperationGate, aRefusedOperationNeitherRunsNorFreesTheMachine) {
     gate.begin(id, "vm");
     bool ran = false;
     const std::function<void()> look = [&] { ran = true; };
-    try {
-        host.run(gate.perform(id, "vm", observe(look, false)));
-        ADD_FAILURE() << "the gate let a second operation in";
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmBusy, "vm"));
-    }
+    EXPECT_EQ(errorOf([&] { host.run(gate.perform(id, "vm", observe(look, false))); }),
+              DorvaneError(DorvaneError::Case::vmBusy, "vm"));
     EXPECT_FALSE(ran);
     EXPECT_TRUE(gate.isBusy(id));
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "core/VMService.h"
+#include "support/ErrorOf.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/FakeEngine.h"
 #include "support/FakeFileManager.h"
@@ -98,14 +99,7 @@ class VMServiceTest : public testing::Test {
     /// Runs a task that has to fail, and gives its error.
     template <typename T>
     DorvaneError failureOf(Task<T> task) {
-        try {
-            run(std::move(task));
-        } catch (const DorvaneError& error) {
-            return error;
-        } catch (const std::exception& error) {
-            return DorvaneError(Case::unknown, error.what());
-        }
-        return DorvaneError(Case::unknown, "nothing was thrown");
+        return errorOf([&] { run(std::move(task)); });
     }
     static DorvaneError refusal(const std::string& sentence);
 

@@ -54,13 +54,7 @@ void QEMUEngineScene::launch(const EngineMachine& vm) {
 }
 
 DorvaneError QEMUEngineScene::failedLaunch(const EngineMachine& vm) {
-    try {
-        launch(vm);
-    } catch (const DorvaneError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "the launch succeeded";
-    return DorvaneError(DorvaneError::Case::unknown);
+    return errorOf([&] { launch(vm); });
 }
 
 void QEMUEngineScene::stop(const EngineMachine& vm, bool force) {

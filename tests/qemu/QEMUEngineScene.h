@@ -6,6 +6,8 @@
 
 #include "core/DorvaneError.h"
 #include "qemu/QEMUEngine.h"
+#include "support/EngineMachine.h"
+#include "support/ErrorOf.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/FakeProcesses.h"
 #include "support/FakeQEMUInstallation.h"
@@ -14,12 +16,6 @@
 #include "support/TimePump.h"
 
 namespace dorvane::test {
-
-struct EngineMachine {
-    UUID id = UUID::random();
-    VMBundle bundle;
-    VMAttachments attachments = {};
-};
 
 struct QEMUEngineScene {
     explicit QEMUEngineScene(std::function<void(QEMUEngineContext&)> change = {});

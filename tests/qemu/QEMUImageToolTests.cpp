@@ -6,6 +6,7 @@
 #include "qemu/QEMUImageChainTool.h"
 #include "qemu/QEMUImageConverter.h"
 #include "qemu/QEMUImageTool.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestRuntime.h"
@@ -30,15 +31,6 @@ struct FakeTool {
     std::string arguments() { return readTextFile(directory / "arguments"); }
     QEMUImageChainTool chain() { return QEMUImageChainTool(path); }
 };
-
-DorvaneError caught(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const DorvaneError& error) {
-        return error;
-    }
-    throw std::runtime_error("nothing was thrown");
-}
 
 const DorvaneError missingTool(DorvaneError::Case which) {
     return DorvaneError(which, "The disk image tool is missing from this build.");
@@ -98,23 +90,23 @@ TEST(QEMUImageChainTool, ReadsTheLayout) {
         if (row.isObject)
             EXPECT_EQ(fake.chain().backingPath("/i"), row.backing);
         else
-            EXPECT_EQ(caught([&] { fake.chain().backingPath("/i"); }), unreadable);
+            EXPECT_EQ(test::errorOf([&] { fake.chain().backingPath("/i"); }), unreadable);
         if (row.size)
             EXPECT_EQ(fake.chain().virtualSize("/i"), *row.size);
         else
-            EXPECT_EQ(caught([&] { fake.chain().virtualSize("/i"); }), unreadable);
+            EXPECT_EQ(test::errorOf([&] { fake.chain().virtualSize("/i"); }), unreadable);
     }
 }
 
 TEST(QEMUImageChainTool, TellsTheToolsOwnWords) {
     FakeTool fake("echo '  no such image ' >&2; exit 1");
-    const auto error = caught([&] { fake.chain().commit("/o"); });
+    const auto error = test::errorOf([&] { fake.chain().commit("/o"); });
     EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmSnapshotFailed,
                                   "The disk image tool failed: no such image"));
     EXPECT_TRUE(fake.log.contains("qemu-img commit failed: no such image"));
     fake.behave("kill -KILL $$");
     EXPECT_THROW(fake.chain().commit("/o"), DorvaneError);
-    EXPECT_EQ(caught([] { QEMUImageChainTool("/missing/qemu-img").commit("/o"); }),
+    EXPECT_EQ(test::errorOf([] { QEMUImageChainTool("/missing/qemu-img").commit("/o"); }),
               missingTool(DorvaneError::Case::vmSnapshotFailed));
     std::filesystem::permissions(fake.path, std::filesystem::perms::owner_read);
     EXPECT_THROW(fake.chain().commit("/o"), POSIXError);
@@ -132,7 +124,7 @@ TEST(QEMUImageChainTool, IsLocatedOnlyWhereItExists) {
 
 TEST(QEMUImageTool, FailsWithTheCallersReason) {
     FakeTool fake("exit 3");
-    EXPECT_EQ(caught([&] { QEMUImageTool::run(fake.path, {"create"}, "no disk"); }),
+    EXPECT_EQ(test::errorOf([&] { QEMUImageTool::run(fake.path, {"create"}, "no disk"); }),
               DorvaneError(DorvaneError::Case::vmCreationFailed, "no disk"));
     fake.behave("exit 0");
     EXPECT_NO_THROW(QEMUImageTool::run(fake.path, {"create", "a b"}, "no disk"));
@@ -179,15 +171,15 @@ TEST(QEMUImageConverter, FailuresCarryTheToolsWordsOrItsStatus) {
         return DorvaneError(DorvaneError::Case::vmImportFailed, text);
     };
     Conversion talking("head -c 200000 /dev/zero | tr '\\0' '\\n' >&2; exit 1");
-    EXPECT_EQ(caught([&] { talking.test.run(talking.task()); }),
+    EXPECT_EQ(test::errorOf([&] { talking.test.run(talking.task()); }),
               failure("The disk conversion exited with status 1."));
     Conversion silent("echo ' bad image ' >&2; exit 2");
-    EXPECT_EQ(caught([&] { silent.test.run(silent.task()); }), failure("bad image"));
+    EXPECT_EQ(test::errorOf([&] { silent.test.run(silent.task()); }), failure("bad image"));
     Conversion killed("echo 'half way' >&2; kill -TERM $$");
     EXPECT_THROW(killed.test.run(killed.task()), CancellationError);
     Conversion missing("");
     std::filesystem::remove(missing.fake.path);
-    EXPECT_EQ(caught([&] { missing.test.run(missing.task()); }),
+    EXPECT_EQ(test::errorOf([&] { missing.test.run(missing.task()); }),
               missingTool(DorvaneError::Case::vmImportFailed));
 }
 

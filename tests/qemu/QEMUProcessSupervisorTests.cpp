@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "core/DorvaneError.h"
+#include "support/ErrorOf.h"
 #include "support/FakeProcesses.h"
 #include "support/FakeQEMUInstallation.h"
 #include "support/LogCapture.h"
@@ -36,13 +37,7 @@ struct SupervisorScene {
     void start() { host.run(supervisor->start(launch)); }
     /// The error of a start that must fail.
     DorvaneError failedStart() {
-        try {
-            start();
-        } catch (const DorvaneError& error) {
-            return error;
-        }
-        ADD_FAILURE() << "the start succeeded";
-        return DorvaneError(Case::unknown);
+        return test::errorOf([this] { start(); });
     }
     TaskHandle begin(Task<void> task) {
         return spawn(host.runtime().main.executor(), std::move(task), "test");

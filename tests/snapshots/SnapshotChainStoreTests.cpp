@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "snapshots/FakeChainScene.h"
+#include "support/ErrorOf.h"
 
 namespace dorvane {
 namespace {
@@ -147,13 +148,9 @@ TEST_F(SnapshotChain, RestoreGivesAFreshOverlayEachTime) {
     store.restore(bundle, E);
     EXPECT_EQ(contents().at("live"), before.at(E.text()));
     EXPECT_TRUE(log.contains("Restored chain snapshot " + E.text()));
-    try {
-        store.restore(bundle, N);
-        FAIL() << "restored nothing";
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error, DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed,
-                                      "The snapshot's disk image is missing."));
-    }
+    EXPECT_EQ(
+        test::errorOf([&] { store.restore(bundle, N); }),
+        DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed, "The snapshot's disk image is missing."));
 }
 
 TEST_F(SnapshotChain, AMovedBundleWorksUnchanged) {
@@ -233,12 +230,8 @@ TEST_F(SnapshotChain, ASnapshotThatIsHalfMergedCanOnlyBeDeleted) {
     tool->startCounting(number, Failure::before);
     EXPECT_THROW(merge(), DorvaneError);
     tool->startCounting();
-    try {
-        store.restore(bundle, C);
-        FAIL() << "restored a mixture";
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error.which(), DorvaneError::Case::vmSnapshotRestoreFailed);
-    }
+    EXPECT_EQ(test::errorOf([&] { store.restore(bundle, C); }).which(),
+              DorvaneError::Case::vmSnapshotRestoreFailed);
     merge();
     EXPECT_EQ(contents().at("live"), before.at("live"));
     EXPECT_FALSE(contents().contains(C.text()));

@@ -9,6 +9,7 @@
 #include "core/DorvaneVMConfig.h"
 #include "snapshots/ArchiveCrafting.h"
 #include "snapshots/VMBackupService.h"
+#include "support/ErrorOf.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/FakeFileManager.h"
 #include "support/FakeHostSystem.h"
@@ -114,14 +115,7 @@ struct VMBackupScene {
     }
     template <typename T>
     DorvaneError failureOf(Task<T> task) {
-        try {
-            host.run(std::move(task));
-        } catch (const DorvaneError& error) {
-            return error;
-        } catch (const std::exception& error) {
-            return DorvaneError(DorvaneError::Case::unknown, error.what());
-        }
-        return DorvaneError(DorvaneError::Case::unknown, "nothing was thrown");
+        return errorOf([&] { host.run(std::move(task)); });
     }
     bool isIdle() const { return gate.busyVMIDs().empty() && operations.active().empty(); }
 

@@ -7,6 +7,7 @@
 #include "core/ConfigHash.h"
 #include "snapshots/FakeChainTool.h"
 #include "snapshots/SnapshotMetadata.h"
+#include "support/ErrorOf.h"
 #include "support/FakeEngine.h"
 #include "support/FakeFileManager.h"
 #include "support/InMemoryModelContext.h"
@@ -54,12 +55,8 @@ class VMSnapshotServiceTest : public testing::Test {
     }
     template <typename T>
     std::string refusalOf(Task<T> operation) {
-        try {
-            host.run(std::move(operation));
-        } catch (const DorvaneError& error) {
-            return error.text().empty() ? error.what() : error.text();
-        }
-        return "no refusal";
+        const auto error = test::errorOf([&] { host.run(std::move(operation)); });
+        return error.text().empty() ? error.what() : error.text();
     }
     std::vector<std::string> names(const VMRecordPointer& vm) {
         std::vector<std::string> all;
@@ -225,12 +222,7 @@ TEST_F(VMSnapshotServiceTest, AFailedCaptureLeavesNothingAndTheGuestGoesOn) {
 TEST_F(VMSnapshotServiceTest, TheChainHasALimit) {
     const auto vm = machine(VMOSType::windows);
     for (int layer = 0; layer < 16; ++layer) take(vm, "layer");
-    try {
-        take(vm, "one too many");
-        FAIL();
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error, DorvaneError::snapshotChainTooDeep(16));
-    }
+    EXPECT_EQ(test::errorOf([&] { take(vm, "one too many"); }), DorvaneError::snapshotChainTooDeep(16));
     EXPECT_EQ(names(vm).size(), 16U);
     EXPECT_EQ(directories(vm).size(), 16U);
 }

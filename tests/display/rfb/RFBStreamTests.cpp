@@ -51,7 +51,7 @@ struct Session {
 Session everything() {
     constexpr int width = 400, height = 200;
     Deflater zrle, tight;
-    const auto zrlePayload = zrle.piece({1, 1, 2, 3});
+    const auto zrlePayload = zrle.piece(Bytes{1, 1, 2, 3});
     const auto tightData = tight.piece(packed(picture(40, 20, shaded), true));
     const auto whole = picture(width, height, shaded),
                part = picture(380, 100, [](int x, int y) { return shaded(y, x); });

@@ -2,12 +2,10 @@
 // Server bytes for tests: what an RFB server would send, built by hand.
 #pragma once
 
-#include <zlib.h>
-
 #include <functional>
 #include <initializer_list>
 
-#include "base/Bytes.h"
+#include "support/Deflater.h"
 
 namespace dorvane::test {
 
@@ -31,28 +29,6 @@ inline Bytes be32(std::uint32_t value) {
     appendBE32(out, value);
     return out;
 }
-
-/// One zlib stream that goes on over many pieces, each flushed as a server does it.
-class Deflater {
-  public:
-    Deflater() { deflateInit(&stream_, Z_BEST_SPEED); }
-    Deflater(const Deflater&) = delete;
-    Deflater& operator=(const Deflater&) = delete;
-    ~Deflater() { deflateEnd(&stream_); }
-
-    Bytes piece(Bytes plain) {
-        Bytes out(plain.size() + 1'024);
-        stream_.next_in = plain.data();
-        stream_.avail_in = static_cast<uInt>(plain.size());
-        stream_.next_out = out.data();
-        stream_.avail_out = static_cast<uInt>(out.size());
-        deflate(&stream_, Z_SYNC_FLUSH);
-        return {out.data(), stream_.next_out};
-    }
-
-  private:
-    z_stream stream_{};
-};
 
 inline Bytes rectangle(int x, int y, int width, int height, std::int32_t encoding, const Bytes& body = {}) {
     return be16(unsigned(x)) + be16(unsigned(y)) + be16(unsigned(width)) + be16(unsigned(height)) +

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One fuzzer input as several, and compression for what stands behind a zlib stream.
+// One fuzzer input as several.
 #pragma once
-
-#include <zlib.h>
 
 #include <algorithm>
 #include <optional>
@@ -26,27 +24,6 @@ class Pieces {
 
   private:
     ByteView bytes_;
-};
-
-class Compressor {
-  public:
-    Compressor() { deflateInit(&stream_, Z_BEST_SPEED); }
-    Compressor(const Compressor&) = delete;
-    Compressor& operator=(const Compressor&) = delete;
-    ~Compressor() { deflateEnd(&stream_); }
-
-    Bytes compress(ByteView plain) {
-        Bytes out(plain.size() + 1'024);
-        stream_.next_in = const_cast<Bytef*>(plain.data());
-        stream_.avail_in = static_cast<uInt>(plain.size());
-        stream_.next_out = out.data();
-        stream_.avail_out = static_cast<uInt>(out.size());
-        deflate(&stream_, Z_SYNC_FLUSH);
-        return {out.data(), stream_.next_out};
-    }
-
-  private:
-    z_stream stream_{};
 };
 
 inline void appendCompactLength(Bytes& out, std::size_t length) {

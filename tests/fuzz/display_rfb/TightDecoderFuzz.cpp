@@ -6,12 +6,13 @@
 
 #include "Pieces.h"
 #include "display/rfb/TightDecoder.h"
+#include "support/Deflater.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace dorvane;
     using namespace dorvane::fuzz;
     TightDecoder decoder;
-    Compressor compressor;
+    test::Deflater deflater;
     Pieces pieces({data, size});
     while (const auto piece = pieces.next()) {
         if (piece->size() < 4) continue;
@@ -20,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto body = piece->subspan(3);
         Bytes payload(body.begin(), body.end());
         if (headBytes > 0 && headBytes <= body.size()) {
-            const auto compressed = compressor.compress(body.subspan(headBytes));
+            const auto compressed = deflater.piece(body.subspan(headBytes));
             payload.resize(headBytes);
             appendCompactLength(payload, compressed.size());
             payload.insert(payload.end(), compressed.begin(), compressed.end());

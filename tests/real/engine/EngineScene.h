@@ -10,17 +10,13 @@
 #include "platform/linux/LinuxQEMUHostAdapter.h"
 #include "qemu/QEMUEngine.h"
 #include "qemu_tools/RealQEMU.h"
+#include "support/EngineMachine.h"
+#include "support/ErrorOf.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
 namespace dorvane::test {
-
-struct RealMachine {
-    UUID id = UUID::random();
-    VMBundle bundle;
-    VMAttachments attachments = {};
-};
 
 class EngineScene {
   public:
@@ -46,8 +42,8 @@ class EngineScene {
     }
 
     /// A Windows machine by its description, with an empty disk.
-    RealMachine machine(const std::string& name) {
-        RealMachine made{.bundle = VMBundle(folder / name)};
+    EngineMachine machine(const std::string& name) {
+        EngineMachine made{.bundle = VMBundle(folder / name)};
         std::filesystem::create_directory(made.bundle.directoryURL);
         DorvaneVMConfig config;
         config.cpuCount = 2;
@@ -60,42 +56,38 @@ class EngineScene {
         return made;
     }
     /// The same with the demo guest on its disk.
-    RealMachine demoMachine(const std::string& name) {
+    EngineMachine demoMachine(const std::string& name) {
         auto made = machine(name);
-        ProcessCommand script{.executable = Path(DORVANE_SOURCE_DIR) / "scripts" / "demo-guest"};
-        const auto output = runBlocking(std::move(script));
-        const auto text = trimmed(asText(output.standardOutput));
-        const std::string disk(text.substr(text.rfind('\n') + 1));
-        imageTool(
-            {"create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", disk, made.bundle.qcow2Disk().string()});
+        imageTool({"create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", demoDisk().string(),
+                   made.bundle.qcow2Disk().string()});
         return made;
+    }
+    /// Made by the first call on this host.
+    static Path demoDisk() {
+        const auto output = runBlocking({Path(DORVANE_SOURCE_DIR) / "scripts" / "demo-guest"});
+        const auto text = trimmed(asText(output.standardOutput));
+        return Path(text.substr(text.rfind('\n') + 1));
     }
 
     template <typename T>
     T run(Task<T> task) {
         return real.run(std::move(task));
     }
-    void launch(const RealMachine& vm) { run(engine->launch(vm.id, vm.bundle, vm.attachments)); }
+    void launch(const EngineMachine& vm) { run(engine->launch(vm.id, vm.bundle, vm.attachments)); }
     /// The error of a launch that must fail.
-    DorvaneError failedLaunch(const RealMachine& vm) {
-        try {
-            launch(vm);
-        } catch (const DorvaneError& error) {
-            return error;
-        }
-        ADD_FAILURE() << "the launch succeeded";
-        return DorvaneError(DorvaneError::Case::unknown);
+    DorvaneError failedLaunch(const EngineMachine& vm) {
+        return errorOf([&] { launch(vm); });
     }
     bool waitFor(double limit, std::function<bool()> condition) {
         return run(pollUntil(real.runtime().clock, seconds(limit), milliseconds(50), std::move(condition)));
     }
-    bool waitForStatus(const RealMachine& vm, std::optional<VMStatus> status) {
+    bool waitForStatus(const EngineMachine& vm, std::optional<VMStatus> status) {
         return waitFor(20, [&] { return engine->status(vm.id) == status; });
     }
-    bool waitForConsole(const RealMachine& vm, const std::string& text) {
+    bool waitForConsole(const EngineMachine& vm, const std::string& text) {
         return waitFor(240, [&] { return console(vm).find(text) != std::string::npos; });
     }
-    std::string console(const RealMachine& vm) const {
+    std::string console(const EngineMachine& vm) const {
         return std::filesystem::exists(vm.bundle.consoleLog()) ? readTextFile(vm.bundle.consoleLog())
                                                                : std::string();
     }
@@ -107,7 +99,7 @@ class EngineScene {
             if (processes.name(pid).value_or("").starts_with(prefix)) found.push_back(pid);
         return found;
     }
-    Path directory(const RealMachine& vm) const { return folder / "dvn" / vm.id.shortText(); }
+    Path directory(const EngineMachine& vm) const { return folder / "dvn" / vm.id.shortText(); }
 
     RealTime real;
     LogCapture log;

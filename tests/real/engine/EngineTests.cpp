@@ -10,13 +10,13 @@
 namespace dorvane {
 namespace {
 
+using test::EngineMachine;
 using test::EngineScene;
-using test::RealMachine;
 using testing::HasSubstr;
 using Case = DorvaneError::Case;
 
 /// Runs a command in the guest with the VM's own key, trying for as long as the guest needs to let it in.
-std::string runInGuest(EngineScene& scene, const RealMachine& vm, const std::string& command) {
+std::string runInGuest(EngineScene& scene, const EngineMachine& vm, const std::string& command) {
     const auto port = DorvaneVMConfig::read(vm.bundle.configFile()).windowsSSH->hostPort;
     const auto key = scene.run(scene.keyStore.keyPair(vm.id)).privateKey;
     std::string answer;
@@ -34,7 +34,7 @@ std::string runInGuest(EngineScene& scene, const RealMachine& vm, const std::str
 }
 
 /// What the suspending service does around the engine's part.
-void suspend(EngineScene& scene, const RealMachine& vm) {
+void suspend(EngineScene& scene, const EngineMachine& vm) {
     scene.run(scene.engine->pause(vm.id));
     ASSERT_TRUE(scene.waitForStatus(vm, VMStatus::paused));
     scene.run(scene.engine->saveState(vm.id, vm.bundle.savedState()));

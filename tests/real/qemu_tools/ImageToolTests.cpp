@@ -9,6 +9,7 @@
 #include "qemu/QEMUImageConverter.h"
 #include "qemu/QMPConnection.h"
 #include "qemu_tools/RealQEMU.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
@@ -59,13 +60,9 @@ TEST_F(ImageTools, ConvertsWithProgress) {
 }
 
 TEST_F(ImageTools, AFailedConversionTellsWhy) {
-    try {
-        convert("missing.raw", "out.qcow2");
-        FAIL() << "converted nothing";
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error.which(), DorvaneError::Case::vmImportFailed);
-        EXPECT_THAT(error.text(), testing::HasSubstr("No such file or directory"));
-    }
+    const auto error = test::errorOf([&] { convert("missing.raw", "out.qcow2"); });
+    EXPECT_EQ(error.which(), DorvaneError::Case::vmImportFailed);
+    EXPECT_THAT(error.text(), testing::HasSubstr("No such file or directory"));
 }
 
 TEST_F(ImageTools, ACancelledConversionEndsTheTool) {
@@ -135,12 +132,8 @@ TEST_F(ImageTools, ARunningQEMUsImageCanBeReadAndNotChanged) {
     time.run(connection->connect(socket, seconds(10)));
     EXPECT_EQ(tool.virtualSize(path("held.qcow2")), 32 * mebibyte);
     EXPECT_EQ(tool.backingPath(path("held.qcow2")), std::nullopt);
-    try {
-        disk.resizeImage(path("held.qcow2"), 64 * mebibyte);
-        FAIL() << "resized an image in use";
-    } catch (const DorvaneError& error) {
-        EXPECT_THAT(error.text(), testing::HasSubstr("Failed to get \"write\" lock"));
-    }
+    const auto resize = [&] { disk.resizeImage(path("held.qcow2"), 64 * mebibyte); };
+    EXPECT_THAT(test::errorOf(resize).text(), testing::HasSubstr("Failed to get \"write\" lock"));
     tool.createOverlayWithoutOpeningBacking(path("over.qcow2"), path("held.qcow2").string(), 32 * mebibyte);
 }
 

@@ -26,13 +26,13 @@ struct ChainOperation {
     std::function<void(const ChainDisks&)> run;
     /// The snapshot that comes or goes, or the one that is restored.
     char subject = newSnapshot;
-    enum class ChainKind { capture, rollback, removal, restore, other } kind = ChainKind::removal;
+    enum class Kind { capture, rollback, removal, restore, other } kind = Kind::removal;
     std::function<void(const ChainDisks&)> prepare = [](const ChainDisks&) {};
     bool hasBranches = false;
 };
 
 std::vector<ChainOperation> chainOperations() {
-    using ChainKind = ChainOperation::ChainKind;
+    using Kind = ChainOperation::Kind;
     using Disks = const ChainDisks&;
     const auto id = ChainDisks::id(newSnapshot);
     const auto parent = ChainDisks::id('C');
@@ -46,29 +46,28 @@ std::vector<ChainOperation> chainOperations() {
     };
     const auto unprepared = [](Disks) {};
     return {
-        {"capture", capture, newSnapshot, ChainKind::capture},
-        {"capture while running", captureRunning, newSnapshot, ChainKind::capture},
+        {"capture", capture, newSnapshot, Kind::capture},
+        {"capture while running", captureRunning, newSnapshot, Kind::capture},
         {"uncapture", [=](Disks disks) { disks.store.uncapture(disks.bundle, id, parent); }, newSnapshot,
-         ChainKind::rollback, capture},
+         Kind::rollback, capture},
         {"uncapture while running",
          [=](Disks disks) { disks.store.uncaptureRunning(disks.bundle, id, parent); }, newSnapshot,
-         ChainKind::rollback, captureRunning},
+         Kind::rollback, captureRunning},
         {"restore", [](Disks disks) { disks.store.restore(disks.bundle, ChainDisks::id('A')); }, 'A',
-         ChainKind::restore},
-        {"delete a leaf", removal('E'), 'E', ChainKind::removal, unprepared, true},
+         Kind::restore},
+        {"delete a leaf", removal('E'), 'E', Kind::removal, unprepared, true},
         {"delete below the live disk", removal('C'), 'C'},
         {"delete with one child", removal('B'), 'B'},
-        {"delete with two children", removal('D'), 'D', ChainKind::removal, unprepared, true},
-        {"delete the root of two children", removal('A'), 'A', ChainKind::removal, unprepared, true},
-        {"delete the root below the live disk", removal('A'), 'A', ChainKind::removal, leaveRoot},
-        {"flatten", [](Disks disks) { disks.store.flattenLiveDisk(disks.bundle); }, newSnapshot,
-         ChainKind::other},
+        {"delete with two children", removal('D'), 'D', Kind::removal, unprepared, true},
+        {"delete the root of two children", removal('A'), 'A', Kind::removal, unprepared, true},
+        {"delete the root below the live disk", removal('A'), 'A', Kind::removal, leaveRoot},
+        {"flatten", [](Disks disks) { disks.store.flattenLiveDisk(disks.bundle); }, newSnapshot, Kind::other},
     };
 }
 
 class ChainInterruption : public testing::Test {
   protected:
-    using ChainKind = ChainOperation::ChainKind;
+    using Kind = ChainOperation::Kind;
 
     /// The prepared folder of each operation, made once and copied for each case, and what it held before.
     static inline std::unique_ptr<test::TemporaryDirectory> trees;
@@ -94,7 +93,7 @@ class ChainInterruption : public testing::Test {
             operation.prepare(disks);
             // A running capture leaves a header to the emulator: until then the layer can't be read here.
             contentsBefore[operation.name] =
-                operation.kind == ChainKind::rollback ? base.contents() : disks.contents();
+                operation.kind == Kind::rollback ? base.contents() : disks.contents();
         }
     }
     static void TearDownTestSuite() {
@@ -123,11 +122,11 @@ class ChainInterruption : public testing::Test {
         auto expected = contentsBefore.at(operation.name);
         const auto after = where.contents();
         const auto subject = ChainDisks::id(operation.subject).text();
-        if (operation.kind == ChainKind::capture || operation.kind == ChainKind::rollback) {
+        if (operation.kind == Kind::capture || operation.kind == Kind::rollback) {
             if (after.contains(subject)) expected[subject] = expected["live"];
-        } else if (operation.kind == ChainKind::removal) {
+        } else if (operation.kind == Kind::removal) {
             if (!after.contains(subject)) expected.erase(subject);
-        } else if (operation.kind == ChainKind::restore) {
+        } else if (operation.kind == Kind::restore) {
             if (after.at("live") != expected["live"]) expected["live"] = expected[subject];
         }
         EXPECT_EQ(after, expected);
@@ -139,12 +138,12 @@ class ChainInterruption : public testing::Test {
         EXPECT_THAT(where.leftovers(), IsEmpty());
         expectNothingLost(operation, where);
         const auto subject = where.disk(ChainDisks::id(operation.subject));
-        const bool isDone = operation.kind == ChainKind::capture && fs::exists(subject);
+        const bool isDone = operation.kind == Kind::capture && fs::exists(subject);
         if (isDone || !mended.insert(operation.name + where.filesDigest()).second) return;
         operation.run(where);
         EXPECT_TRUE(SnapshotChainRepair(where.store).run(where.bundle));
         expectNothingLost(operation, where);
-        if (operation.kind == ChainKind::removal || operation.kind == ChainKind::rollback) {
+        if (operation.kind == Kind::removal || operation.kind == Kind::rollback) {
             EXPECT_FALSE(fs::exists(subject.parent_path()));
         }
     }
@@ -225,8 +224,8 @@ TEST_F(ChainInterruption, AToolThatFailsLosesNothing) {
                 if (failing.calls() < call) break;
                 ++cases;
                 // An undo goes on whatever happens; all else tells.
-                EXPECT_EQ(isSuccess, operation.kind == ChainKind::rollback);
-                if (operation.kind == ChainKind::capture) expectUndone(operation);
+                EXPECT_EQ(isSuccess, operation.kind == Kind::rollback);
+                if (operation.kind == Kind::capture) expectUndone(operation);
                 if (!isNewState(operation, disks)) continue;
                 if (!isSuccess) expectNothingLost(operation, disks);
                 expectMended(operation, disks);
@@ -306,10 +305,10 @@ TEST_F(ChainInterruption, AFullDiskLosesNothing) {
             disk.empty();
             setUp(operation, full);
             disk.fillUp(room << 10);
-            if (attempt(operation, full) && operation.kind != ChainKind::rollback) break;
+            if (attempt(operation, full) && operation.kind != Kind::rollback) break;
             ++cases;
             if (isNewState(operation, full)) {
-                if (operation.kind != ChainKind::rollback) expectNothingLost(operation, full);
+                if (operation.kind != Kind::rollback) expectNothingLost(operation, full);
                 SnapshotChainRepair(full.store).run(full.bundle);
                 expectNothingLost(operation, full);
             }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "snapshots/SnapshotScene.h"
+#include "support/ErrorOf.h"
 
 namespace dorvane {
 namespace {
@@ -37,16 +38,6 @@ struct Scene : SnapshotScene {
         start(vm);
         ASSERT_TRUE(waitForConsole(handle(vm), "DORVANE DEMO KEY")) << console(handle(vm));
     }
-    template <typename Operation>
-    DorvaneError failure(Operation operation) {
-        try {
-            operation();
-        } catch (const DorvaneError& error) {
-            return error;
-        }
-        ADD_FAILURE() << "it succeeded";
-        return DorvaneError(Case::unknown);
-    }
 };
 
 TEST(LiveSnapshots, ARunningGuestIsCapturedGoesOnAndComesBack) {
@@ -70,10 +61,10 @@ TEST(LiveSnapshots, ARunningGuestIsCapturedGoesOnAndComesBack) {
     const auto third = scene.take(vm, "third");
     const auto fourth = scene.take(vm, "fourth");
     EXPECT_EQ(fourth->parentSnapshotID, third->id);
-    const auto refused = scene.failure([&] { scene.run(scene.service.deleteSnapshot(second, vm)); });
+    const auto refused = test::errorOf([&] { scene.run(scene.service.deleteSnapshot(second, vm)); });
     EXPECT_EQ(refused.which(), Case::vmSnapshotDeleteFailed);
     EXPECT_THAT(refused.text(), HasSubstr("Later snapshots are built on top of it"));
-    const auto notNow = scene.failure([&] { scene.run(scene.service.restoreSnapshot(first, vm)); });
+    const auto notNow = test::errorOf([&] { scene.run(scene.service.restoreSnapshot(first, vm)); });
     EXPECT_EQ(notNow.text(), "Shut down the VM before restoring a snapshot.");
 
     scene.stop(vm, false);
@@ -138,7 +129,7 @@ TEST(LiveSnapshots, AnEmulatorThatDiesMeanwhileLosesNothing) {
         std::this_thread::sleep_for(milliseconds(500));
         ::kill(pids.front(), SIGKILL);
     });
-    const auto error = scene.failure([&] { scene.take(vm, "lost"); });
+    const auto error = test::errorOf([&] { scene.take(vm, "lost"); });
     killer.join();
     EXPECT_EQ(error.which(), Case::vmSnapshotFailed) << error.what();
     ASSERT_TRUE(scene.waitForStatus(scene.handle(vm), std::nullopt));

@@ -30,14 +30,11 @@ class SnapshotScene : public EngineScene {
     /// A record of a machine whose disk is a copy of the demo guest's.
     VMRecordPointer demoRecord(const std::string& name) {
         auto made = machine(name);
-        ProcessCommand script{.executable = Path(DORVANE_SOURCE_DIR) / "scripts" / "demo-guest"};
-        const auto output = runBlocking(std::move(script));
-        const auto text = trimmed(asText(output.standardOutput));
-        std::filesystem::copy_file(std::string(text.substr(text.rfind('\n') + 1)), made.bundle.qcow2Disk(),
+        std::filesystem::copy_file(demoDisk(), made.bundle.qcow2Disk(),
                                    std::filesystem::copy_options::overwrite_existing);
         return record(made);
     }
-    VMRecordPointer record(const RealMachine& made) {
+    VMRecordPointer record(const EngineMachine& made) {
         auto config = DorvaneVMConfig::read(made.bundle.configFile());
         config.diskSizeBytes = chain.chainTool().virtualSize(made.bundle.qcow2Disk());
         config.write(made.bundle.configFile());
@@ -51,7 +48,7 @@ class SnapshotScene : public EngineScene {
         return vm;
     }
 
-    RealMachine handle(const VMRecordPointer& vm) const { return {vm->id, vm->bundle(), {}}; }
+    EngineMachine handle(const VMRecordPointer& vm) const { return {vm->id, vm->bundle(), {}}; }
     /// As the status watcher of the library keeps it.
     void start(const VMRecordPointer& vm) {
         run(service.recover(vm));
