@@ -24,6 +24,7 @@ struct ChildProcess::State {
     mutable std::mutex mutex;
     std::optional<ExitStatus> status;
     Event ended;
+    std::mutex telling;  // held while `ended` is being set
     FileDescriptor standardInput, standardOutput, standardError;
 };
 
@@ -145,6 +146,7 @@ std::shared_ptr<ChildProcess> ChildProcess::start(const ProcessCommand& command)
             }
             state->status = exitStatusFrom(status);
         }
+        const std::lock_guard telling(state->telling);
         state->ended.set();
     }).detach();
     auto child = std::make_shared<ChildProcess>();
@@ -167,7 +169,8 @@ bool ChildProcess::kill() const { return signal(SIGKILL); }
 Task<ExitStatus> ChildProcess::wait() const {
     const auto state = state_;
     co_await state->ended.wait();
-    const std::lock_guard lock(state->mutex);
+    // The reaping thread has let go of this thread's queue before anybody can take that down.
+    const std::scoped_lock lock(state->telling, state->mutex);
     co_return *state->status;
 }
 
