@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/Text.h"
 
+#include <wctype.h>
+
+#include <algorithm>
+#include <clocale>
+
 namespace dorvane {
 namespace {
 
@@ -58,21 +63,17 @@ void appendUTF8(std::string& out, char32_t c) {
     }
 }
 
-/// Lower case without depending on the process's locale: ASCII, Latin-1 and Latin Extended, Greek, Cyrillic.
+/// The C library's table for all of Unicode, whatever the process's own locale is.
 char32_t lowerScalar(char32_t c) {
-    if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 32 : c;
-    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;
-    if (c >= 0x100 && c <= 0x137) return c | 1;
-    if ((c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E)) return c % 2 == 1 ? c + 1 : c;
-    if (c >= 0x14A && c <= 0x177) return c | 1;
-    if (c == 0x178) return 0xFF;
-    if (c >= 0x391 && c <= 0x3A9 && c != 0x3A2) return c + 32;
-    if (c >= 0x400 && c <= 0x40F) return c + 80;
-    if (c >= 0x410 && c <= 0x42F) return c + 32;
-    if (c >= 0x1E00 && c <= 0x1E95) return c | 1;
-    if (c >= 0x1EA0 && c <= 0x1EFF) return c | 1;
-    return c;
+    static const locale_t unicode = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    return static_cast<char32_t>(::towlower_l(static_cast<std::wint_t>(c), unicode));
 }
+
+/// Unicode's White_Space, tabs and line ends included.
+constexpr std::string_view blanks[] = {" ",      "\t",     "\n",     "\v",     "\f",     "\r",     "\u0085",
+                                       "\u00A0", "\u1680", "\u2000", "\u2001", "\u2002", "\u2003", "\u2004",
+                                       "\u2005", "\u2006", "\u2007", "\u2008", "\u2009", "\u200A", "\u2028",
+                                       "\u2029", "\u202F", "\u205F", "\u3000"};
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
@@ -108,10 +109,18 @@ std::string lowercased(std::string_view text) {
 }
 
 std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r\n\v\f";
-    const auto first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    const auto drop = [&](const auto& stands, const auto& remove) {
+        for (;;) {
+            const auto* blank = std::ranges::find_if(blanks, stands);
+            if (blank == std::end(blanks)) return;
+            remove(blank->size());
+        }
+    };
+    drop([&](std::string_view blank) { return text.starts_with(blank); },
+         [&](std::size_t size) { text.remove_prefix(size); });
+    drop([&](std::string_view blank) { return text.ends_with(blank); },
+         [&](std::size_t size) { text.remove_suffix(size); });
+    return text;
 }
 
 std::vector<std::string> split(std::string_view text, char separator) {

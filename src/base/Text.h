@@ -19,7 +19,7 @@ std::string asciiUppercased(std::string_view text);
 /// Simple case folding over Unicode (one scalar to one), for comparing names without regard to case.
 std::string lowercased(std::string_view text);
 
-/// Without leading and trailing blanks, tabs and line ends.
+/// Without leading and trailing white space of any kind that Unicode has, line ends included.
 std::string_view trimmed(std::string_view text);
 /// Every piece between separators, empty ones included.
 std::vector<std::string> split(std::string_view text, char separator);

@@ -54,9 +54,10 @@ TEST(Text, decodesRepairsAndFolds) {
     EXPECT_FALSE(isValidUTF8("\xE2\x82"));
     EXPECT_TRUE(isValidUTF8("\xF0\x9F\x92\xBB"));
     EXPECT_EQ(repairedUTF8(asBytes("a\xFFz")), "a\xEF\xBF\xBDz");
-    EXPECT_EQ(lowercased("ÄÖ Ωμέγα ŽИ"), "äö ωμέγα žи");
+    EXPECT_EQ(lowercased("ÄÖ ΩΜΈΓΑ ŽИ ҐՄＡ"), "äö ωμέγα žи ґմａ");
     EXPECT_EQ(prefixOfScalars("äöü", 2), "äö");
-    EXPECT_EQ(trimmed(" \t a b \r\n"), "a b");
+    EXPECT_EQ(trimmed(" \t\u3000 a b\u00A0 \r\n"), "a b");
+    EXPECT_EQ(trimmed("\u2003\u00A0"), "");
 }
 
 TEST(Text, sortsLikeAFileBrowser) {
