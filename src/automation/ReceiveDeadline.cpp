@@ -4,13 +4,13 @@
 namespace dorvane {
 
 ReceiveDeadlines::Place ReceiveDeadlines::add(const std::shared_ptr<StreamConnection>& connection) {
-    running_.push_back({connection, clock_.now() + limit_});
-    scheduleNext();
+    const auto now = clock_.now();
+    running_.push_back({connection, now + limit_});
+    scheduleNext(now);
     return std::prev(running_.end());
 }
 
-void ReceiveDeadlines::scheduleNext() {
-    const auto now = clock_.now();
+void ReceiveDeadlines::scheduleNext(Instant now) {
     // One that is over already has been closed and is about to be taken off.
     const auto next = std::ranges::find_if(running_, [&](const Entry& entry) { return entry.due > now; });
     if (isScheduled_ || next == running_.end()) return;
@@ -27,7 +27,7 @@ void ReceiveDeadlines::closeOverdue() {
         if (entry.due > now) break;
         if (const auto late = entry.connection.lock()) late->close();
     }
-    scheduleNext();
+    scheduleNext(now);
 }
 
 }  // namespace dorvane

@@ -28,7 +28,8 @@ class ReceiveDeadlines : public std::enable_shared_from_this<ReceiveDeadlines> {
     void remove(Place place) { running_.erase(place); }
 
   private:
-    void scheduleNext();
+    /// `now` is the moment up to which overdue connections have been closed.
+    void scheduleNext(Instant now);
     void closeOverdue();
 
     const SerialQueue queue_;
