@@ -50,6 +50,8 @@ Task<VMRecordPointer> EphemeralSandboxService::createSandbox(VMRecordPointer sou
     const auto newName = makeSandboxName(source->name, clock_.date(),
                                          [&](const std::string& name) { return names.contains(name); });
     const auto clone = co_await vmService_.cloneVM(source, newName);
+    // It is there now: whoever asked may have gone, but it must not stay as a regular machine.
+    co_await ignoreCancellation();
     if (isolatesNetwork) co_await isolate(clone);
     const auto now = clock_.date();
     clone->ephemeral = EphemeralInfo{now, later(now, std::clamp(ttl, shortestLife, longestLife)), source->id};
@@ -70,7 +72,6 @@ Task<void> EphemeralSandboxService::isolate(VMRecordPointer clone) {
         failure = std::current_exception();
     }
     if (!failure) co_return;
-    co_await ignoreCancellation();
     try {
         co_await vmService_.deleteVM(clone, true);
     } catch (const std::exception&) {

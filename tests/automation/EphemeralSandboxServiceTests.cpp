@@ -26,6 +26,7 @@ class SandboxVMService : public FakeVMService {
     Task<VMRecordPointer> cloneVM(VMRecordPointer vm, std::string newName) override {
         auto clone = co_await FakeVMService::cloneVM(vm, newName);
         clone->vmPath = (folder_ / newName).string();
+        if (copying) co_await copying->waitUncancelled();
         if (hasFolders) std::filesystem::create_directories(clone->vmPath);
         co_return clone;
     }
@@ -39,6 +40,8 @@ class SandboxVMService : public FakeVMService {
     }
 
     bool hasFolders = true;
+    /// Work in the background, which a cancellation doesn't reach.
+    std::optional<OneShot<void>> copying;
     std::exception_ptr configurationFailure;
     std::set<std::string> undeletable;
 
@@ -110,6 +113,23 @@ TEST_F(EphemeralSandboxServiceTest, erasesACloneThatCannotBeIsolated) {
     EXPECT_EQ(vmService.erased.size(), 1u);
     EXPECT_TRUE(vmService.trashed.empty());
     EXPECT_EQ(context.saveCount, 0);
+}
+
+TEST_F(EphemeralSandboxServiceTest, isolatesACloneThatNobodyWaitsForAnyMore) {
+    vmService.copying.emplace();
+    auto creating = spawn(
+        host.runtime().main.executor(),
+        [](EphemeralSandboxService& service, VMRecordPointer vm) -> Task<void> {
+            const auto clone = co_await service.createSandbox(vm, hours(1), true);
+        }(sandboxes, source),
+        "creating");
+    host.settle();
+    creating.cancel();
+    vmService.copying->succeed();
+    host.driveUntil([&] { return creating.isFinished(); });
+    ASSERT_EQ(names().size(), 2U);
+    EXPECT_TRUE(vmService.vms().back()->isEphemeral());
+    EXPECT_TRUE(vmService.lastConfiguration.network);
 }
 
 TEST_F(EphemeralSandboxServiceTest, tellsTheFirstFailureWhenErasingFailsToo) {
