@@ -11,6 +11,11 @@
 namespace dorvane {
 namespace {
 
+void shorten(std::string& text, std::size_t limit) {
+    const auto kept = prefixOfScalars(text, limit).size();
+    if (kept < text.size()) text.replace(kept, std::string::npos, "…");
+}
+
 std::deque<AgentActivityEntry> load(const Path& file) {
     std::deque<AgentActivityEntry> entries;
     try {
@@ -78,8 +83,10 @@ std::vector<AgentActivityEntry> AgentActivityLog::entries(const std::string& vmN
 }
 
 void AgentActivityLog::record(AgentActivityEntry entry) {
-    const auto kept = prefixOfScalars(entry.summary, maximumSummaryCharacters).size();
-    if (kept < entry.summary.size()) entry.summary.replace(kept, std::string::npos, "…");
+    shorten(entry.summary, maximumSummaryCharacters);
+    shorten(entry.tool, maximumTextCharacters);
+    if (entry.vm) shorten(*entry.vm, maximumTextCharacters);
+    if (entry.error) shorten(*entry.error, maximumTextCharacters);
     entries_.push_back(std::move(entry));
     const bool isFull = entries_.size() > maximumEntries;
     while (entries_.size() > maximumEntries) entries_.pop_front();

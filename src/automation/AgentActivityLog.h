@@ -22,6 +22,8 @@ class AgentActivityLog {
     static constexpr std::size_t maximumEntries = 1000;
     /// In Unicode scalars; a longer summary is cut, with "…" behind it.
     static constexpr std::size_t maximumSummaryCharacters = 300;
+    /// The same for the other texts of an entry, which come from a client: the file stays readable.
+    static constexpr std::size_t maximumTextCharacters = 2000;
 
     /// Reads the file, if there is one; lines that can't be read are skipped. Without a path the log lives in
     /// memory alone.
