@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "automation/MCPConnectionHost.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "automation/MCPAuthToken.h"
@@ -40,9 +41,16 @@ void endSending(StreamConnection& connection) { ::shutdown(connection.descriptor
 
 /// Closing a socket with unread bytes resets it, and a reset may overtake the response.
 void dropArrivedBytes(StreamConnection& connection) {
+    constexpr int maximumRounds = 64;
     std::uint8_t dropped[4096];
-    while (::recv(connection.descriptor(), dropped, sizeof dropped, MSG_DONTWAIT) > 0) {
-    }
+    for (int round = 0; round < maximumRounds; ++round)
+        if (::recv(connection.descriptor(), dropped, sizeof dropped, MSG_DONTWAIT) <= 0) return;
+}
+
+/// Reset by the client, as opposed to one that has only ended its sending.
+bool isBroken(StreamConnection& connection) {
+    pollfd watched{connection.descriptor(), 0, 0};
+    return ::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 Task<bool> readToEnd(std::shared_ptr<StreamConnection> connection) {
@@ -59,13 +67,18 @@ Task<bool> readToEnd(std::shared_ptr<StreamConnection> connection) {
 /// A connection's place among the open ones.
 class MCPConnectionHost::Slot {
   public:
-    explicit Slot(Self host) : host_(std::move(host)) { ++host_->openConnections_; }
+    Slot(Self host, Connection connection) : host_(std::move(host)), connection_(std::move(connection)) {
+        host_->slots_.insert(this);
+    }
     Slot(const Slot&) = delete;
     Slot& operator=(const Slot&) = delete;
-    ~Slot() { --host_->openConnections_; }
+    ~Slot() { host_->slots_.erase(this); }
+
+    bool isNeeded() const { return !isBroken(*connection_); }
 
   private:
     Self host_;
+    Connection connection_;
 };
 
 MCPConnectionHost::MCPConnectionHost(const Runtime& runtime, std::shared_ptr<LockedString> token,
@@ -108,7 +121,7 @@ void MCPConnectionHost::openListener(std::uint16_t port, ListenerEvents events) 
     closeListener();
     try {
         listener_ = std::make_shared<StreamListener>(networkQueue_, listenLoopback(port), AF_INET);
-    } catch (const POSIXError& error) {
+    } catch (const std::exception& error) {
         events.failed(error.what());
         return;
     }
@@ -144,10 +157,14 @@ Task<void> MCPConnectionHost::acceptConnections(Self self, std::shared_ptr<Strea
 }
 
 void MCPConnectionHost::welcome(Connection connection) {
-    if (openConnections_ >= maximumConnections) return;
+    // A call may take minutes: a client that has reset its connection doesn't keep others out for as long.
+    if (slots_.size() >= maximumConnections)
+        std::erase_if(slots_, [](Slot* slot) { return !slot->isNeeded(); });
+    if (slots_.size() >= maximumConnections) return;
     std::erase_if(connectionTasks_, [](const TaskHandle& task) { return task.isFinished(); });
     const auto self = shared_from_this();
-    auto task = serve(self, std::move(connection), std::make_unique<Slot>(self));
+    auto slot = std::make_unique<Slot>(self, connection);
+    auto task = serve(self, std::move(connection), std::move(slot));
     connectionTasks_.push_back(spawn(networkQueue_.executor(), std::move(task), "MCP connection"));
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "automation/HTTPRequestParser.h"
@@ -21,7 +22,7 @@ namespace dorvane {
 /// be called from any thread. Held by shared pointers: its tasks keep it until they have ended.
 class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost> {
   public:
-    static constexpr int maximumConnections = 16;
+    static constexpr std::size_t maximumConnections = 16;
     static constexpr auto receiveDeadline = seconds(15);
     /// How long a refused client may go on sending before the connection is closed under it.
     static constexpr auto lingerLimit = seconds(1);
@@ -75,7 +76,8 @@ class MCPConnectionHost : public std::enable_shared_from_this<MCPConnectionHost>
     std::shared_ptr<StreamListener> listener_;
     TaskHandle acceptTask_;
     std::vector<TaskHandle> connectionTasks_;
-    int openConnections_ = 0;
+    /// Of the open connections.
+    std::set<Slot*> slots_;
 };
 
 }  // namespace dorvane

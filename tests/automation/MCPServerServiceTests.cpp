@@ -260,8 +260,12 @@ TEST_F(MCPServerServiceTest, survivesClientsThatVanishDuringACall) {
         host.driveUntil([&] { return handler->begun == i + 1; });
         i % 2 == 0 ? client.close() : client.abort();
     }
+    host.settle();
+    RawClient next(port);
+    next.send(post("/mcp/secret", ""));
+    host.driveUntil([&] { return handler->begun == 17; });
     handler->release.set();
-    host.driveUntil([&] { return handler->finished == 16; });
+    host.driveUntil([&] { return handler->finished == 17; });
     host.settle();
     EXPECT_EQ(exchange(post("/mcp/secret", "")), echoed("POST /mcp/secret "));
 }
