@@ -100,7 +100,8 @@ void QEMURuntimeDirectory::writeSharesDisk(int port, const std::string& token) c
 }
 
 void QEMURuntimeDirectory::removeLeftoverSockets() const {
-    for (const auto& socket : {vncSocket(), agentSocket(), qmpSocket()}) removeQuietly(socket);
+    for (const auto& socket : {vncSocket(), agentSocket(), displaySocket(), qmpSocket()})
+        removeQuietly(socket);
 }
 
 void QEMURuntimeDirectory::remove() const {

@@ -29,6 +29,15 @@ ProcessCommand setUpCommand(const Path& tool, const Path& executable, const Path
                           "--pcr-banks", "sha256", "--tpm", executable.string() + " socket"}};
 }
 
+/// swtpm ends an option's value at a comma and knows no escape: a link beside the socket stands in.
+Path withoutComma(const Path& directory, const Path& socket) {
+    if (directory.string().find(',') == std::string::npos) return directory;
+    const auto link = socket.parent_path() / "tpm";
+    removeQuietly(link);
+    fs::create_directory_symlink(directory, link);
+    return link;
+}
+
 }  // namespace
 
 Task<void> TPMEmulator::clearStale(Path socket) {
@@ -44,13 +53,13 @@ Task<void> TPMEmulator::clearStale(Path socket) {
 
 /// A new TPM has every PCR bank on; the guest's firmware then hashes all it measures several times, which
 /// costs seconds where the processor is emulated. One bank is enough for every guest.
-Task<void> TPMEmulator::prepareState(Path executable, Path stateDirectory) {
+Task<void> TPMEmulator::prepareState(Path executable, Path stateDirectory, Path name) {
     const bool isNew = fs::create_directories(stateDirectory);
     const auto tool = executable.parent_path() / "swtpm_setup";
     if (!isNew || !fs::exists(tool)) co_return;
     std::string failure;
     try {
-        auto run = runProcess(runtime_, setUpCommand(tool, executable, stateDirectory));
+        auto run = runProcess(runtime_, setUpCommand(tool, executable, name));
         const auto output = co_await withTimeout(runtime_.clock, setUpTimeout, std::move(run));
         if (!output)
             failure = "no answer in time";
@@ -69,8 +78,9 @@ Task<void> TPMEmulator::prepareState(Path executable, Path stateDirectory) {
 
 Task<void> TPMEmulator::start(Path executable, Path stateDirectory, Path socket) {
     co_await clearStale(socket);
-    co_await prepareState(executable, stateDirectory);
-    if (!isTerminated_) process_ = ChildProcess::start(emulatorCommand(executable, stateDirectory, socket));
+    const auto name = withoutComma(stateDirectory, socket);
+    co_await prepareState(executable, stateDirectory, name);
+    if (!isTerminated_) process_ = ChildProcess::start(emulatorCommand(executable, name, socket));
     // Also ends early when the emulator has gone: the socket can't come any more.
     std::function<bool()> isDecided = [this, socket] {
         return fs::exists(socket) || !process_ || !process_->isRunning();

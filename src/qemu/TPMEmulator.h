@@ -24,7 +24,8 @@ class TPMEmulator {
 
   private:
     Task<void> clearStale(Path socket);
-    Task<void> prepareState(Path executable, Path stateDirectory);
+    /// `name` leads to the directory too.
+    Task<void> prepareState(Path executable, Path stateDirectory, Path name);
 
     const Runtime& runtime_;
     const Processes& processes_;

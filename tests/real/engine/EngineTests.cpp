@@ -46,7 +46,7 @@ void suspend(EngineScene& scene, const EngineMachine& vm) {
 
 TEST(RealEngine, RunsSuspendsResumesAndStopsAGuest) {
     EngineScene scene;
-    const auto vm = scene.demoMachine("Demo");
+    const auto vm = scene.demoMachine("Demo, with a comma");
     scene.launch(vm);
     ASSERT_TRUE(scene.waitForConsole(vm, "DORVANE DEMO SECURE BOOT")) << scene.console(vm);
     ASSERT_TRUE(scene.waitForConsole(vm, "DORVANE DEMO KEY")) << scene.console(vm);
