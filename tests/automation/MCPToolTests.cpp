@@ -193,7 +193,7 @@ TEST_F(MCPSnapshotToolsTest, takeListAndRestore) {
     EXPECT_EQ(snapshots.all[0]->kind(), VMSnapshotKind::manual);
     EXPECT_EQ(value("take_snapshot", R"({"vm":"A","name":"two","include_memory":"yes"})")["includesRAMState"],
               false);
-    EXPECT_EQ(value("list_snapshots", R"({"vm":"A"})")[0], taken);
+    EXPECT_EQ(value("list_snapshots", R"({"vm":"A"})")[1], taken) << "newest first";
     EXPECT_EQ(value("restore_snapshot", R"({"vm":"A","snapshot":"two"})").dump(),
               R"({"snapshot":"two","status":"restored","vm":"A"})");
     EXPECT_EQ(value("restore_snapshot", (R"({"vm":"A","snapshot":")" + id + "\"}").c_str())["snapshot"],
@@ -213,7 +213,7 @@ TEST_F(MCPSnapshotToolsTest, refuseInTheirOrder) {
     snapshots.add(vm, "b", VMSnapshotKind::manual);
     snapshots.add(vm, "a", VMSnapshotKind::manual);
     EXPECT_EQ(failure("restore_snapshot", R"({"vm":"A","snapshot":"B"})"),
-              "No snapshot named 'B' for VM 'A'. Known snapshots: b, a");
+              "No snapshot named 'B' for VM 'A'. Known snapshots: a, b");
     const VMOperationGate::Hold hold(gate, vm->id, vm->name);
     const DorvaneError busy(DorvaneError::Case::vmBusy, "A");
     EXPECT_EQ(failure("take_snapshot", R"({"vm":"A","name":"n"})"),

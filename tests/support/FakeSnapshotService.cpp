@@ -24,7 +24,7 @@ Task<std::vector<VMSnapshotPointer>> FakeSnapshotService::listSnapshots(VMRecord
     if (listFailure) std::rethrow_exception(listFailure);
     std::vector<VMSnapshotPointer> result;
     for (const auto& snapshot : all)
-        if (snapshot->vmID == vm->id) result.push_back(snapshot);
+        if (snapshot->vmID == vm->id) result.insert(result.begin(), snapshot);
     co_return result;
 }
 
