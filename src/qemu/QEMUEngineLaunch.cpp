@@ -110,7 +110,7 @@ Task<void> QEMUEngine::didStart(UUID id, SupervisorPointer supervisor, QEMULaunc
                                 bool hasInstaller) {
     const auto& name = supervisor->name();
     if (plan.launch.restoringFrom) {
-        supervisor->bundle().discardSavedState();
+        preparation_.dropSavedState(plan, supervisor->bundle());
         logger_.info("已从挂起现场恢复 %{public}s", name);
     }
     watchForTermination(id, supervisor);

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "core/DorvaneError.h"
+#include "qemu/QEMULaunchSettings.h"
 #include "qemu/WindowsSharesPortAllocator.h"
 #include "runtime/Sockets.h"
 
@@ -32,7 +33,7 @@ Task<std::optional<int>> QEMUGuestSSH::prepare(UUID id, DorvaneVMConfig& config,
 std::optional<int> QEMUGuestSSH::choosePort(DorvaneVMConfig& config, const VMBundle& bundle) const {
     if (!config.windowsSSH) {
         config.windowsSSH = WindowsSSHConfig{true, WindowsSharesPortAllocator::pickFreePort(windowsSSHPorts)};
-        config.write(bundle.configFile());
+        QEMULaunchSettings::write(config, bundle);
     }
     const int configured = config.windowsSSH->hostPort;
     const auto candidates = windowsSSHPorts.candidates(configured);
@@ -44,7 +45,7 @@ std::optional<int> QEMUGuestSSH::choosePort(DorvaneVMConfig& config, const VMBun
     if (*port != configured) {
         logger_.info("SSH 端口 %{public}ld 被占,改用 %{public}ld", configured, *port);
         config.windowsSSH->hostPort = *port;
-        config.write(bundle.configFile());
+        QEMULaunchSettings::write(config, bundle);
     }
     return *port;
 }

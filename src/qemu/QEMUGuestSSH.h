@@ -17,8 +17,8 @@ class QEMUGuestSSH {
     explicit QEMUGuestSSH(const GuestKeyStore& keyStore) : keyStore_(keyStore) {}
 
     /// Reserves a port for a launch and writes the guest's key script; absent when SSH is off or can't be
-    /// had. A new or another port is put into `config` and its file. A failure is logged; only a cancellation
-    /// is thrown.
+    /// had. A new or another port is put into `config` and, unless a suspended state waits, its file. A
+    /// failure is logged; only a cancellation is thrown.
     Task<std::optional<int>> prepare(UUID id, DorvaneVMConfig& config, VMBundle bundle,
                                      QEMURuntimeDirectory directory);
     void release(const UUID& id) { reservedPorts_.erase(id); }

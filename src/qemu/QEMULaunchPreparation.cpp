@@ -51,6 +51,7 @@ QEMULaunchInputs QEMULaunchPreparation::readInputs(UUID id, VMBundle bundle,
 Task<QEMULaunchPlan> QEMULaunchPreparation::prepare(QEMULaunchInputs inputs, QEMURuntimeDirectory directory) {
     auto engineDigest = digests_.digest(inputs.resources.executable);
     auto& config = inputs.config;
+    const auto described = config;
     const QEMUStaleInstance stale(context_.runtime, context_.processes);
     co_await stale.clear(directory);
     auto paths = makePaths(inputs, directory);
@@ -67,9 +68,20 @@ Task<QEMULaunchPlan> QEMULaunchPreparation::prepare(QEMULaunchInputs inputs, QEM
     auto environment = qemuChildEnvironment(context_.environment, inputs.resources.environment, paths);
     auto devices = QEMUSuspendFingerprint::deviceDigest(arguments);
     QEMULaunch launch{std::move(arguments), std::move(paths), std::move(environment)};
-    QEMULaunchPlan plan{config, std::move(launch), std::move(devices), std::move(engineDigest)};
+    QEMULaunchPlan plan{config, described, std::move(launch), std::move(devices), std::move(engineDigest)};
     co_await decideOnSavedState(plan, inputs.bundle);
     co_return plan;
+}
+
+/// The state goes first: it is no good any more, whatever becomes of the description.
+void QEMULaunchPreparation::dropSavedState(const QEMULaunchPlan& plan, const VMBundle& bundle) const {
+    bundle.discardSavedState();
+    if (plan.config == plan.described) return;
+    try {
+        plan.config.write(bundle.configFile());
+    } catch (const std::exception& error) {
+        logger_.error("The ports of %{public}s could not be noted: %{public}s", bundle.name(), error.what());
+    }
 }
 
 void QEMULaunchPreparation::release(const UUID& id) {
@@ -173,10 +185,10 @@ Task<void> QEMULaunchPreparation::decideOnSavedState(QEMULaunchPlan& plan, VMBun
     if (!bundle.hasSavedState()) co_return;
     const auto engine = co_await plan.engineDigest.value();
     const QEMUSuspendFingerprint current{plan.devicesDigest, engine};
-    switch (QEMUSuspendDecision::decide(bundle, plan.config, current)) {
+    switch (QEMUSuspendDecision::decide(bundle, plan.described, current)) {
         case QEMUSuspendDecision::Outcome::discard:
             logger_.info("丢弃不可用的挂起现场,冷启动 %{public}s", bundle.name());
-            bundle.discardSavedState();
+            dropSavedState(plan, bundle);
             co_return;
         case QEMUSuspendDecision::Outcome::hardwareChanged:
             throw DorvaneError(DorvaneError::Case::suspendedStateHardwareChanged, bundle.name());

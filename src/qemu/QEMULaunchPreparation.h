@@ -25,6 +25,8 @@ struct QEMULaunchInputs {
 struct QEMULaunchPlan {
     /// As launched: with the ports that this launch got.
     DorvaneVMConfig config;
+    /// As it stood in its file before; a suspended state belongs to this one.
+    DorvaneVMConfig described;
     QEMULaunch launch;
     /// Digest of the arguments; with the engine's it guards a suspended state.
     std::string devicesDigest;
@@ -42,6 +44,8 @@ class QEMULaunchPreparation {
     /// Lays everything out in the runtime directory. Throws vmStartupFailed, suspendedStateHardwareChanged,
     /// FileError or what a tool gives; the caller then removes the directory and calls `release`.
     Task<QEMULaunchPlan> prepare(QEMULaunchInputs inputs, QEMURuntimeDirectory directory);
+    /// Removes a state that was used or is of no use, then writes down what the launch chose meanwhile.
+    void dropSavedState(const QEMULaunchPlan& plan, const VMBundle& bundle) const;
     /// Gives back the ports and the file server of a VM.
     void release(const UUID& id);
     void releaseAll() { sharedFolders_.stopAll(); }

@@ -5,6 +5,7 @@
 
 #include "base/Text.h"
 #include "core/DorvaneError.h"
+#include "qemu/QEMULaunchSettings.h"
 #include "qemu/WindowsShareName.h"
 #include "qemu/WindowsSharesGuestScript.h"
 #include "qemu/WindowsSharesPortAllocator.h"
@@ -68,7 +69,7 @@ Task<void> QEMUSharedFolders::publish(UUID id, DorvaneVMConfig& config, VMBundle
         config.windowsShares =
             WindowsSharesConfig{true, WindowsSharesPortAllocator::pickFreePort(windowsSharesPorts),
                                 WindowsSharesPortAllocator::makeToken()};
-        config.write(bundle.configFile());
+        QEMULaunchSettings::write(config, bundle);
     }
     const auto list = shareList(folders);
     if (list.shares.empty()) {
@@ -81,7 +82,7 @@ Task<void> QEMUSharedFolders::publish(UUID id, DorvaneVMConfig& config, VMBundle
     if (port != settings.hostPort) {
         logger_.info("共享目录端口 %{public}ld 被占,改用 %{public}ld", settings.hostPort, port);
         config.windowsShares->hostPort = port;
-        config.write(bundle.configFile());
+        QEMULaunchSettings::write(config, bundle);
     }
     writeGuestScript(directory, port, settings.token);
     GuestFileServerStatus::Running running{port, WindowsSharesGuestScript::guestURL(port, settings.token),

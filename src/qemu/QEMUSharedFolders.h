@@ -26,8 +26,8 @@ class QEMUSharedFolders {
     static ShareList shareList(const std::vector<SharedFolder>& folders);
 
     /// Starts the server for a launch and writes the guest's script. A port or a secret that the machine
-    /// didn't have yet is put into `config` and its file. A failure is logged and published; only a
-    /// cancellation is thrown.
+    /// didn't have yet is put into `config` and, unless a suspended state waits, its file. A failure is
+    /// logged and published; only a cancellation is thrown.
     Task<void> prepare(UUID id, DorvaneVMConfig& config, VMBundle bundle, std::vector<SharedFolder> folders,
                        QEMURuntimeDirectory directory);
     void stop(const UUID& id);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the engine adds to a launch: installer, SSH, folders, graphics, diagnostics.
 #include "QEMUEngineScene.h"
+#include "core/ConfigHash.h"
 #include "core/SettingsService.h"
 #include "qemu/WindowsSharesPortAllocator.h"
 #include "runtime/Sockets.h"
@@ -136,6 +137,42 @@ TEST(QEMUEngine, SharesFoldersThroughItsServer) {
     scene.launch(vm);
     EXPECT_TRUE(std::holds_alternative<GuestFileServerStatus::Failed>(scene.fileServers.status(vm.id)->kind));
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
+}
+
+TEST(QEMUEngine, AMovedPortDoesNotCostTheSuspendedState) {
+    Scene scene([](QEMUEngineContext& context) {
+        context.makeFileServer = [](GuestFileServerConfiguration configuration) {
+            return std::make_shared<FakeFileServer>(std::move(configuration));
+        };
+    });
+    auto vm = scene.machine("Machine");
+    vm.attachments.sharedFolders = {{.localPath = scene.work.path().string(), .mountPoint = "Work"}};
+    scene.suspend(vm);
+    // Saved when both had other ports.
+    auto config = DorvaneVMConfig::read(vm.bundle.configFile());
+    config.windowsSSH = WindowsSSHConfig{true, 1};
+    config.windowsShares->hostPort = 47007;
+    config.write(vm.bundle.configFile());
+    writeFileAtomically(vm.bundle.savedStateHash(), configHash(config));
+
+    scene.qemu.script("qemu-system-aarch64", {"refuse=cont"});
+    EXPECT_EQ(scene.failedLaunch(vm).which(), DorvaneError::Case::suspendedStateRestoreFailed);
+    EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()), config) << "the state still belongs to it";
+    scene.qemu.script("qemu-system-aarch64", {});
+    scene.launch(vm);
+    EXPECT_EQ(scene.qemu.count("-incoming defer\n"), 2);
+    EXPECT_FALSE(vm.bundle.hasSavedState());
+    const auto after = DorvaneVMConfig::read(vm.bundle.configFile());
+    EXPECT_TRUE(windowsSSHPorts.contains(after.windowsSSH->hostPort));
+    EXPECT_EQ(after.windowsShares->hostPort, 47042);
+
+    // With a state that is of no use they are written down as well.
+    scene.stop(vm);
+    writeFileAtomically(vm.bundle.savedState(), "of unknown origin");
+    config.write(vm.bundle.configFile());
+    scene.launch(vm);
+    EXPECT_FALSE(vm.bundle.hasSavedState());
+    EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()).windowsShares->hostPort, 47042);
 }
 
 TEST(QEMUEngine, AcceleratesOnlyWhereItCan) {
