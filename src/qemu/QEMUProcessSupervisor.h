@@ -105,7 +105,8 @@ class QEMUProcessSupervisor : public std::enable_shared_from_this<QEMUProcessSup
                                Duration timeout, JSON arguments = nullptr);
     Task<void> writeState(std::shared_ptr<QMPConnection> connection, Path to, Duration timeout);
     Task<void> leaveMigratedState(std::shared_ptr<QMPConnection> connection);
-    Task<void> cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection, Duration timeout);
+    /// The migration's last known status; empty when that can't be told.
+    Task<std::string> cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection, Duration timeout);
 
     struct OverlaySwitch;
     void prepareLinks(OverlaySwitch& change) const;

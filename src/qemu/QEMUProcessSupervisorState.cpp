@@ -29,16 +29,11 @@ Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
     try {
         co_await leaveMigratedState(connection);
         co_await writeState(connection, to, timeout);
+        if (suspendFingerprint_) writeFileAtomically(sidecar(to), suspendFingerprint_->serialized());
+        co_return;
     } catch (...) {
         failure = std::current_exception();
     }
-    if (!failure) {
-        isMigrated_ = true;
-        co_return;
-    }
-    co_await ignoreCancellation();
-    // QEMU writes until the migration has really stopped, so the file goes only then.
-    co_await cancelMigrationIfRunning(connection, cancelTimeout);
     removeQuietly(to);
     removeQuietly(sidecar(to));
     rethrowAs(DorvaneError::Case::vmSnapshotFailed, failure);
@@ -48,26 +43,49 @@ Task<void> QEMUProcessSupervisor::saveState(Path to, Duration timeout) {
 /// touched. For the moment between two commands the guest runs.
 Task<void> QEMUProcessSupervisor::leaveMigratedState(std::shared_ptr<QMPConnection> connection) {
     if (!isMigrated_) co_return;
-    co_await connection->execute("cont", nullptr, resumeTimeout);
-    co_await connection->execute("stop", nullptr, resumeTimeout);
-    isMigrated_ = false;
+    std::exception_ptr failure;
+    try {
+        co_await connection->execute("cont", nullptr, resumeTimeout);
+        co_await connection->execute("stop", nullptr, resumeTimeout);
+        isMigrated_ = false;
+        co_return;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    // The guest may run by now, and its owner takes it for paused.
+    co_await ignoreCancellation();
+    co_await succeeds(connection, "stop", resumeTimeout);
+    std::rethrow_exception(failure);
 }
 
+/// Returns or throws only when QEMU has let go of the file.
 Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> connection, Path to,
                                              Duration timeout) {
-    auto arguments = QEMUMigration::channelArguments(to);
-    co_await connection->execute("migrate", std::move(arguments), migrateTimeout);
-    std::function<bool()> isPeerGone = [weak = weak_from_this()] {
-        const auto self = weak.lock();
-        return !self || self->isTerminated();
-    };
-    co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, timeout, std::move(isPeerGone));
-    if (suspendFingerprint_) writeFileAtomically(sidecar(to), suspendFingerprint_->serialized());
+    std::exception_ptr failure;
+    try {
+        auto arguments = QEMUMigration::channelArguments(to);
+        co_await connection->execute("migrate", std::move(arguments), migrateTimeout);
+        std::function<bool()> isPeerGone = [weak = weak_from_this()] {
+            const auto self = weak.lock();
+            return !self || self->isTerminated();
+        };
+        co_await QEMUMigration::waitUntilCompleted(connection, runtime_.clock, timeout,
+                                                   std::move(isPeerGone));
+        isMigrated_ = true;
+        co_return;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    co_await ignoreCancellation();
+    const auto state = co_await cancelMigrationIfRunning(connection, cancelTimeout);
+    // It may have come to its end all the same, in the moment when nobody waited any more.
+    isMigrated_ = state == "completed";
+    std::rethrow_exception(failure);
 }
 
-Task<void> QEMUProcessSupervisor::cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection,
-                                                           Duration timeout) {
-    if (isTerminated_) co_return;
+Task<std::string> QEMUProcessSupervisor::cancelMigrationIfRunning(std::shared_ptr<QMPConnection> connection,
+                                                                  Duration timeout) {
+    if (isTerminated_) co_return std::string();
     // An answer that doesn't come counts as a migration that still runs.
     auto status = [](std::shared_ptr<QMPConnection> over) -> Task<std::string> {
         try {
@@ -78,20 +96,21 @@ Task<void> QEMUProcessSupervisor::cancelMigrationIfRunning(std::shared_ptr<QMPCo
         co_return std::string();
     };
     auto state = co_await status(connection);
-    if (QEMUMigration::isSettled(state)) co_return;
+    if (QEMUMigration::isSettled(state)) co_return state;
     co_await succeeds(connection, "migrate_cancel", shortTimeout);
     const auto deadline = runtime_.clock.now() + timeout;
     while (!isTerminated_ && runtime_.clock.now() < deadline) {
         state = co_await status(connection);
         if (QEMUMigration::isSettled(state)) {
             logger_.info("迁移已停下(%{public}s): %{public}s", state, name_);
-            co_return;
+            co_return state;
         }
         co_await runtime_.clock.sleep(cancelInterval);
     }
     if (!isTerminated_)
         logger_.error("迁移取消后 %{public}f 秒仍未停下: %{public}s",
                       std::chrono::duration<double>(timeout).count(), name_);
+    co_return state;
 }
 
 Task<void> QEMUProcessSupervisor::restoreIncoming(Path from) {

@@ -312,6 +312,49 @@ TEST(QEMUProcessSupervisor, AStateFileIsWholeOrGone) {
     }
 }
 
+TEST(QEMUProcessSupervisor, AStateThatFailsBehindItsMigrationIsLeftBeforeTheNextOne) {
+    for (const bool isSidecarInTheWay : {true, false}) {
+        SupervisorScene scene;
+        scene.supervisor->setSuspendFingerprint({"d", "e"});
+        scene.start();
+        scene.host.run(scene.supervisor->pause());
+        scene.host.driveUntil([&] { return scene.supervisor->status() == VMStatus::paused; });
+        const auto sidecar = scene.directory / "state.devices";
+        if (isSidecarInTheWay) std::filesystem::create_directories(sidecar / "occupied");
+        // The short limit passes in the very moment in which the migration ends.
+        const auto limit = isSidecarInTheWay ? seconds(900) : seconds(0.1);
+        const auto save = [&](Duration timeout) {
+            scene.host.run(scene.supervisor->saveState(scene.directory / "state", timeout));
+        };
+        EXPECT_EQ(test::errorOf([&] { save(limit); }).which(), Case::vmSnapshotFailed);
+        std::filesystem::remove_all(sidecar);
+        EXPECT_EQ(scene.qemu.count(R"("execute":"cont")"), 0);
+        save(seconds(900));
+        EXPECT_EQ(scene.qemu.count(R"("execute":"cont")"), 1) << "QEMU has handed its disks over";
+        scene.host.run(scene.supervisor->stop(true, seconds(1)));
+        scene.waitForEnd();
+    }
+}
+
+TEST(QEMUProcessSupervisor, AGuestThatCouldNotBePausedAgainIsToldOnceMore) {
+    // The first "stop" is the pause, the second comes behind "cont".
+    SupervisorScene scene({"refuseSecond=stop"});
+    scene.start();
+    scene.host.run(scene.supervisor->pause());
+    const auto isPaused = [&] { return scene.supervisor->status() == VMStatus::paused; };
+    const auto save = [&] {
+        scene.host.run(scene.supervisor->saveState(scene.directory / "state", seconds(900)));
+    };
+    scene.host.driveUntil(isPaused);
+    save();
+    EXPECT_EQ(test::errorOf(save).text(), "no stop");
+    EXPECT_EQ(scene.qemu.count(R"("execute":"stop")"), 3);
+    scene.host.driveUntil(isPaused);
+    save();
+    scene.host.run(scene.supervisor->stop(true, seconds(1)));
+    scene.waitForEnd();
+}
+
 TEST(QEMUProcessSupervisor, ARestoreTellsABadStateFromAnythingElse) {
     const std::tuple<std::string, bool, bool> table[] = {
         {"migrate=completed", true, false}, {"migrate=fails", false, true},

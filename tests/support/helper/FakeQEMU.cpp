@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -121,7 +122,8 @@ void obey(const Monitor& monitor, const std::string& line) {
     const auto command = member(line, "execute");
     const auto id = member(line, "id");
     const auto disks = topNode(line);
-    if (has("refuse=" + command)) {
+    static std::map<std::string, int> times;
+    if (has("refuse=" + command) || (++times[command] == 2 && has("refuseSecond=" + command))) {
         monitor.say(R"({"error":{"class":"GenericError","desc":"no )" + command + R"("},"id":")" + id +
                     "\"}");
         return;
