@@ -37,10 +37,10 @@ QEMUEngine::QEMUEngine(QEMUEngineContext context)
           context_.guestTools.changed.connect([this](const UUID& id) { noteGuestToolsCurrent(id); })) {}
 
 Task<void> QEMUEngine::stop(UUID id, bool force) {
-    if (const auto supervisor = find(id))
-        co_await supervisor->stop(force, gracefulTimeout);
-    else if (launchingIDs_.contains(id))
-        abandonedIDs_.insert(id);
+    const auto supervisor = find(id);
+    // A child that was stopped before may be the former one, for whose end the launch waits.
+    if (launchingIDs_.contains(id) && (!supervisor || supervisor->didRequestStop())) abandonedIDs_.insert(id);
+    if (supervisor) co_await supervisor->stop(force, gracefulTimeout);
 }
 
 Task<void> QEMUEngine::pause(UUID id) {

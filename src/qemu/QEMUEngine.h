@@ -41,6 +41,7 @@ class QEMUEngine : public VMEngineProtocol {
 
     Task<void> launchUnguarded(UUID id, VMBundle bundle, VMAttachments attachments);
     Task<QEMULaunchPlan> makePlan(QEMULaunchInputs inputs);
+    Task<void> waitForStoppedChild(SupervisorPointer known);
     Task<void> waitForEndingChild(UUID id);
     void throwIfAbandoned(const UUID& id);
     Task<void> didStart(UUID id, SupervisorPointer supervisor, QEMULaunchPlan plan, bool hasInstaller);

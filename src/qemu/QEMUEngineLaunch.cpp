@@ -55,6 +55,7 @@ Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachment
 
 Task<void> QEMUEngine::launchUnguarded(UUID id, VMBundle bundle, VMAttachments attachments) {
     if (const auto known = find(id)) {
+        co_await waitForStoppedChild(known);
         if (!known->isTerminated()) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, known->name());
         // Its watch hasn't run yet, and must not clear away what this launch makes.
         didEnd(id, known);
@@ -89,6 +90,13 @@ Task<QEMULaunchPlan> QEMUEngine::makePlan(QEMULaunchInputs inputs) {
         cleanUpRuntime(id);
         throw;
     }
+}
+
+/// A guest that was deaf to its stop takes some seconds more to go, and a restart doesn't wait for it.
+Task<void> QEMUEngine::waitForStoppedChild(SupervisorPointer known) {
+    if (!known->didRequestStop()) co_return;
+    std::function<bool()> hasEnded = [known] { return known->isTerminated(); };
+    co_await pollUntil(runtime_.clock, formerEndTimeout, formerEndInterval, std::move(hasEnded));
 }
 
 /// The disk of a child that is being ended is still locked.

@@ -41,6 +41,20 @@ TEST(QEMUEngine, RunsAMachineFromLaunchToCleanUp) {
     EXPECT_EQ(scene.qemu.count("convert -f raw -O qcow2"), 1) << "the firmware's storage is made once";
 }
 
+TEST(QEMUEngine, ARestartOfAStubbornGuestWaitsForItsEnd) {
+    Scene scene;
+    const auto vm = scene.machine("Machine");
+    scene.qemu.script("qemu-system-aarch64", {"stubborn"});
+    scene.launch(vm);
+    scene.qemu.script("qemu-system-aarch64", {});
+    scene.host.run(scene.engine->stop(vm.id, false));
+    ASSERT_TRUE(scene.engine->hasRunningVMs()) << "the kill is still to come";
+    scene.launch(vm);
+    EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
+    EXPECT_EQ(scene.qemu.survivors().size(), 1u);
+    EXPECT_EQ(scene.engine->stopReason(vm.id), VMStopReason::forced());
+}
+
 TEST(QEMUEngine, ASecondLaunchDoesNotDisturbTheFirst) {
     Scene scene;
     const auto vm = scene.machine("Machine");
