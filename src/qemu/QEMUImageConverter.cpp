@@ -95,8 +95,9 @@ class OutputReader : public std::enable_shared_from_this<OutputReader> {
     Bytes errorBytes_;
 };
 
-/// Waits for the tool; a cancellation ends it first.
-Task<ExitStatus> waitEndingOnCancellation(const Runtime& runtime, std::shared_ptr<ChildProcess> child) {
+/// Waits for the tool; a cancellation ends it and its reader first.
+Task<ExitStatus> waitEndingOnCancellation(const Runtime& runtime, std::shared_ptr<ChildProcess> child,
+                                          std::shared_ptr<OutputReader> reader) {
     constexpr auto killDelay = seconds(2);
     try {
         co_return co_await child->wait();
@@ -107,6 +108,8 @@ Task<ExitStatus> waitEndingOnCancellation(const Runtime& runtime, std::shared_pt
     const auto deadline = runtime.clock.schedule(runtime.io, killDelay, [child] { child->kill(); });
     co_await ignoreCancellation();
     co_await child->wait();
+    // What it reads from may go only on its queue.
+    co_await reader->finish();
     throw CancellationError();
 }
 
@@ -143,7 +146,7 @@ Task<void> QEMUImageConverter::convertToQcow2(const Runtime& runtime, Path tool,
     const auto child = ChildProcess::start(command);
     const auto reader = std::make_shared<OutputReader>(runtime, std::move(progress));
     reader->start(*child);
-    const auto status = co_await waitEndingOnCancellation(runtime, child);
+    const auto status = co_await waitEndingOnCancellation(runtime, child, reader);
     const auto errorOutput = co_await reader->finish();
     if (status.isSuccess()) co_return;
     if (status.wasSignaled()) throw CancellationError();
