@@ -13,7 +13,7 @@ namespace {
 
 constexpr auto folderName = "dorvane";
 /// What a running machine puts below the temporary folder for its longest socket.
-constexpr std::string_view longestSocketSuffix = "/dvn01234567/q.sock";
+constexpr std::string_view longestSocketSuffix = "/dvn/01234567/q.sock";
 constexpr auto publicTemporary = "/tmp";
 
 Path homeDirectory(const Environment& environment) {

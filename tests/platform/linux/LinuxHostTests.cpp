@@ -11,6 +11,7 @@
 #include "platform/linux/LinuxApplicationDirectories.h"
 #include "platform/linux/LinuxHostSystem.h"
 #include "platform/linux/LinuxProcesses.h"
+#include "qemu/QEMURuntimeDirectory.h"
 #include "runtime/ChildProcess.h"
 #include "runtime/Sockets.h"
 #include "support/TemporaryDirectory.h"
@@ -56,7 +57,7 @@ TEST(LinuxApplicationDirectories, socketsAlwaysFitAndLieWhereNobodyElseCanEnter)
         return path;
     };
     const auto own = "dorvane-" + std::to_string(::geteuid());
-    const auto fits = makeFolder(76, 0700), tooLong = makeFolder(77, 0700), isPublic = makeFolder(40, 0755);
+    const auto fits = makeFolder(75, 0700), tooLong = makeFolder(76, 0700), isPublic = makeFolder(40, 0755);
     const auto shortTemporary = makeFolder(42, 01777);
     const struct {
         std::string session, temporary;
@@ -74,8 +75,9 @@ TEST(LinuxApplicationDirectories, socketsAlwaysFitAndLieWhereNobodyElseCanEnter)
         if (!each.temporary.empty()) environment["TMPDIR"] = each.temporary;
         const auto directories = linuxApplicationDirectories(environment);
         EXPECT_EQ(directories.temporary, each.expected);
-        const auto longest = directories.temporary / "dvn01234567" / "q.sock";
-        EXPECT_LE(longest.native().size(), maximumSocketPathBytes);
+        const auto launch = QEMURuntimeDirectory::make(UUID::random(), directories.temporary);
+        EXPECT_LE(launch.qmpSocket().native().size(), maximumSocketPathBytes);
+        launch.remove();
     }
     // Somebody else was there first: another folder is taken.
     ::chmod((Path(shortTemporary) / own).c_str(), 0777);
