@@ -16,8 +16,12 @@ namespace {
 std::string chosenName(const SharedFolder& folder) {
     const std::string wanted(trimmed(folder.mountPoint));
     if (!wanted.empty()) return wanted;
-    const auto last = Path(folder.localPath).filename().string();
-    return std::holds_alternative<std::string>(WindowsShareName::validate(last)) ? last : "Shared";
+    Path path(folder.localPath);
+    // With slashes at its end it has no name of its own.
+    if (!path.has_filename()) path = path.parent_path();
+    const auto valid = WindowsShareName::validate(path.filename().string());
+    const auto* name = std::get_if<std::string>(&valid);
+    return name != nullptr ? *name : "Shared";
 }
 
 Path resolved(const std::string& localPath) {

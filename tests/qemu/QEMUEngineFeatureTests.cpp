@@ -119,14 +119,17 @@ TEST(QEMUEngine, SharesFoldersThroughItsServer) {
     vm.attachments.sharedFolders = {{.localPath = folder, .mountPoint = " Work ", .readOnly = true},
                                     {.localPath = folder, .mountPoint = "wORK"},
                                     {.localPath = folder, .mountPoint = "AUX.txt"},
-                                    {.localPath = folder + "/../nul", .mountPoint = ""}};
+                                    {.localPath = folder + "/../nul", .mountPoint = ""},
+                                    {.localPath = folder + "/ Photos //", .mountPoint = ""}};
+    fs::create_directory(folder + "/ Photos ");
     scene.launch(vm);
     EXPECT_THAT(server->configuration.shares,
                 ElementsAre(GuestFileShare{"Work", fs::canonical(folder), true},
-                            GuestFileShare{"Shared", fs::canonical(folder).parent_path() / "nul", false}));
+                            GuestFileShare{"Shared", fs::canonical(folder).parent_path() / "nul", false},
+                            GuestFileShare{"Photos", fs::canonical(folder) / " Photos ", false}));
     EXPECT_EQ(server->configuration.portCandidates.front(), 47007);
     const GuestFileServerStatus::Running running{
-        47042, "http://10.0.2.2:47042/secret/", {"Work", "Shared"}, 47007, {"wORK", "AUX.txt"}};
+        47042, "http://10.0.2.2:47042/secret/", {"Work", "Shared", "Photos"}, 47007, {"wORK", "AUX.txt"}};
     EXPECT_EQ(scene.fileServers.status(vm.id), GuestFileServerStatus{running});
     EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()).windowsShares->hostPort, 47042);
     EXPECT_TRUE(fs::exists(scene.directory(vm) / "sh/Connect-Dorvane-Shares.cmd"));
