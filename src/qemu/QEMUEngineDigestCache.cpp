@@ -13,7 +13,13 @@ Task<std::string> QEMUEngineDigestCache::Digest::value() const {
     co_return state->text;
 }
 
+bool QEMUEngineDigestCache::Digest::isUnreadable() const {
+    return state_->isKnown.isSet() && state_->text == QEMUSuspendFingerprint::unreadableEngine;
+}
+
 QEMUEngineDigestCache::Digest QEMUEngineDigestCache::digest(const Path& executable) {
+    // It may be readable by now.
+    std::erase_if(known_, [](const auto& entry) { return entry.second.isUnreadable(); });
     struct stat status {};
     ::stat(executable.c_str(), &status);
     Key key{executable, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};

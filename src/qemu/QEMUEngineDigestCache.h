@@ -11,7 +11,8 @@
 
 namespace dorvane {
 
-/// Main thread. Keyed by path, inode, size and modification time, so that a replaced binary is read anew.
+/// Main thread. Keyed by path, inode, size and modification time, so that a replaced binary is read anew;
+/// one that couldn't be read is tried again.
 class QEMUEngineDigestCache {
   public:
     /// A digest that may still be on its way. Copies share it.
@@ -22,6 +23,7 @@ class QEMUEngineDigestCache {
 
       private:
         friend class QEMUEngineDigestCache;
+        bool isUnreadable() const;
         struct State {
             std::string text;  // written before `isKnown` is set
             Event isKnown;

@@ -33,7 +33,7 @@ std::string QEMUSuspendFingerprint::deviceDigest(const std::vector<std::string>&
 
 std::string QEMUSuspendFingerprint::engineDigest(const Path& executable) {
     std::ifstream file(executable, std::ios::binary);
-    if (!file) return "unreadable";
+    if (!file) return unreadableEngine;
     SHA256 hash;
     std::vector<char> chunk(digestChunkBytes);
     while (file.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || file.gcount() > 0)

@@ -19,7 +19,8 @@ struct QEMUSuspendFingerprint {
 
     /// SHA-256 over the options that shape what the guest sees; "-incoming" must not have been appended yet.
     static std::string deviceDigest(const std::vector<std::string>& arguments);
-    /// SHA-256 of the file, or "unreadable". Reads it all: blocking, for background work.
+    static constexpr auto unreadableEngine = "unreadable";
+    /// SHA-256 of the file, or `unreadableEngine`. Reads it all: blocking, for background work.
     static std::string engineDigest(const Path& executable);
 
     /// The text of the file beside the state.
