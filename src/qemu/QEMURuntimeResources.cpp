@@ -2,6 +2,7 @@
 #include "qemu/QEMURuntimeResources.h"
 
 #include "base/Text.h"
+#include "runtime/Logger.h"
 
 namespace dorvane {
 namespace {
@@ -15,12 +16,23 @@ void replaceOptional(std::optional<Path>& resource, const Environment& environme
     if (resource && !fileExists(*resource)) resource.reset();
 }
 
+/// Empty when it can't be read: QEMU may do without.
+std::string packageEnvironmentText(const Path& file) {
+    constexpr std::size_t limit = 1 << 20;
+    if (!fileExists(file)) return {};
+    try {
+        return readTextFile(file, limit);
+    } catch (const FileError& error) {
+        Logger("QEMURuntimeResources").error("%{public}s", error.what());
+        return {};
+    }
+}
+
 /// KEY=VALUE lines of the file that a package carries beside "Helpers".
 Environment packageEnvironment(const Path& executable) {
     const auto file = executable.parent_path().parent_path() / "environment";
     Environment result;
-    if (!fileExists(file)) return result;
-    for (const auto& line : split(readTextFile(file, 1 << 20), '\n'))
+    for (const auto& line : split(packageEnvironmentText(file), '\n'))
         if (const auto equals = line.find('='); equals != std::string::npos && equals > 0)
             result.emplace(line.substr(0, equals), line.substr(equals + 1));
     return result;

@@ -42,6 +42,9 @@ TEST(QEMURuntimeResources, TakesTheFirstWholePackage) {
     EXPECT_EQ(found->environment, (Environment{{"QEMU_MODULE_DIR", "/a=b"}}));
     EXPECT_FALSE(found->dataDirectory || found->guestDrivers || found->renderServer)
         << "not there, so absent";
+    fs::remove(scene.package.root() / "environment");
+    fs::create_directory(scene.package.root() / "environment");
+    EXPECT_TRUE(scene.locate().value().environment.empty()) << "an unusable file is passed over";
     fs::remove(scene.package.root() / "Resources" / "qemu" / "secboot-vars.fd");
     EXPECT_FALSE(scene.locate());
 }
