@@ -46,11 +46,16 @@ Task<void> GuestKeyStore::generate(UUID id, Path privateKey) const {
     ProcessCommand command;
     command.executable = keygen_;
     command.arguments = {"-t", "ed25519", "-N", "", "-C", "dorvane-" + id.text(), "-f", privateKey.string()};
-    const auto output = co_await runProcess(runtime_, std::move(command));
-    if (output.status.isSuccess()) co_return;
+    std::string words;
+    try {
+        const auto output = co_await runProcess(runtime_, std::move(command));
+        if (output.status.isSuccess()) co_return;
+        words = trimmed(repairedUTF8(output.standardError));
+    } catch (const POSIXError& error) {
+        words = error.what();
+    }
     throw DorvaneError(DorvaneError::Case::vmStartupFailed,
-                       localized("Could not create an SSH key for this VM: %@",
-                                 trimmed(repairedUTF8(output.standardError))));
+                       localized("Could not create an SSH key for this VM: %@", words));
 }
 
 }  // namespace dorvane

@@ -13,7 +13,8 @@ struct GuestKeyPair {
     std::string publicKey;  // one line, no line feed
 };
 
-/// Main thread. The keys live in "GuestKeys/<id>" below the base folder and stay for as long as the VM does.
+/// Main thread. The keys live in "GuestKeys/<id>" below the base folder; they are the user's to
+/// remove: nothing here does, not even when the VM is deleted.
 class GuestKeyStore {
   public:
     static constexpr auto systemKeygen = "/usr/bin/ssh-keygen";
@@ -23,7 +24,7 @@ class GuestKeyStore {
 
     Path directory(const UUID& id) const { return base_ / "GuestKeys" / id.text(); }
     /// The VM's pair, made when there is none or when half of it is lost. Throws vmStartupFailed with the
-    /// tool's words, FileError or POSIXError.
+    /// tool's words, FileError or std::filesystem::filesystem_error.
     Task<GuestKeyPair> keyPair(UUID id) const;
 
   private:

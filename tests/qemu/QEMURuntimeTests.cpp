@@ -13,6 +13,7 @@
 #include "qemu/QEMURuntimeResources.h"
 #include "qemu/QEMUWindowsGuestSupport.h"
 #include "qemu/WindowsDisplaySwitch.h"
+#include "support/ErrorOf.h"
 #include "support/FakeQEMUInstallation.h"
 #include "support/TestRuntime.h"
 
@@ -182,12 +183,17 @@ TEST(GuestKeyStore, MakesAPairOnceAndAgainWhenHalfIsLost) {
 TEST(GuestKeyStore, ReportsTheToolsWords) {
     test::TestRuntime host(test::TestRuntime::TimeMode::manual);
     const test::TemporaryDirectory base;
-    EXPECT_THROW(
-        host.run(GuestKeyStore(host.runtime(), base.path(), "/nowhere/keygen").keyPair(UUID::random())),
-        POSIXError);
-    EXPECT_THROW(host.run(GuestKeyStore(host.runtime(), base.path(), "/bin/true").keyPair(UUID::random())),
-                 DorvaneError)
-        << "a tool that makes nothing";
+    const std::pair<const char*, const char*> table[] = {
+        {"/nowhere/keygen", "Could not create an SSH key for this VM: .*/nowhere/keygen.*"},
+        {"/bin/false", "Could not create an SSH key for this VM: "},
+        {"/bin/true", "Could not create an SSH key for this VM\\."},
+    };
+    for (const auto& [tool, reason] : table) {
+        const GuestKeyStore store(host.runtime(), base.path(), tool);
+        const auto error = test::errorOf([&] { host.run(store.keyPair(UUID::random())); });
+        EXPECT_EQ(error.which(), DorvaneError::Case::vmStartupFailed);
+        EXPECT_THAT(error.text(), testing::MatchesRegex(reason));
+    }
 }
 
 TEST(WindowsDisplaySwitch, WaitsForAColdStart) {
