@@ -13,6 +13,21 @@ void requireAlive(const VMRecord& vm) {
     if (vm.isDeleted) throw DorvaneError::vmNotFound(vm.id);
 }
 
+/// An emulator that a crash left running lets go of the files. What else is broken needn't be mended to go.
+Task<void> recoverTolerantly(VMBundleRecovering* recovery, VMRecordPointer vm) {
+    if (recovery == nullptr) co_return;
+    std::exception_ptr failure;
+    try {
+        co_await recovery->recover(vm);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (isCancellation(failure)) std::rethrow_exception(failure);
+    if (failure)
+        vmServiceLogger.error("Deleting %{public}s although its files could not be put in order: %{public}s",
+                              vm->name, localizedDescription(failure));
+}
+
 }  // namespace
 
 Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
@@ -20,6 +35,7 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     with_.gate.requireFree(vm->id, vm->name);
     watcher_.forget(vm->id);
     co_await powerOff(vm);
+    co_await recoverTolerantly(with_.recovery, vm);
     requireAlive(*vm);
     std::optional<Path> trashed;
     {
@@ -42,10 +58,12 @@ Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
 
 Task<void> VMDeleter::powerOff(VMRecordPointer vm) {
     const bool isRunning = !vm->isShutDownForEditing();
-    if (!isRunning && !runControl_.isStarting(vm->id)) co_return;
+    // The engine may still have what the record shows as failed or stopped.
+    const bool isKnown = with_.engine.status(vm->id).value_or(VMStatus::stopped) != VMStatus::stopped;
+    if (!isRunning && !isKnown && !runControl_.isStarting(vm->id)) co_return;
     std::exception_ptr failure;
     try {
-        // A machine that is only just being started has no running status to stop from.
+        // The run control stops only from a running status.
         if (isRunning)
             co_await runControl_.stop(vm, true);
         else
@@ -68,8 +86,8 @@ Task<std::optional<Path>> VMDeleter::dispose(VMRecordPointer vm, bool permanentl
     };
     try {
         co_return co_await with_.runtime.background.run(work);
-    } catch (const std::exception& error) {
-        throw DorvaneError(DorvaneError::Case::vmDeleteFailed, error.what());
+    } catch (...) {
+        rethrowAs(DorvaneError::Case::vmDeleteFailed, std::current_exception());
     }
 }
 

@@ -112,10 +112,11 @@ Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
                (hasEntries(bundle.snapshotsDirectory()) || SnapshotRestoration::wasInterrupted(bundle, os) ||
                 !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty());
     };
+    const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
+    // It writes to the disk of a machine that shows no other sign of a crash as well.
+    if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
     const bool hasWork = co_await inBackground(vm, look);
     if (!hasWork) co_return true;
-    const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
-    if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
     co_await ignoreCancellation();
     // An emulator that is ending lets go of its locks a moment later.
     bool isSound = false;

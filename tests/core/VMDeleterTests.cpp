@@ -36,6 +36,26 @@ TEST_F(VMDeleterTest, powersARunningMachineOffFirst) {
     EXPECT_TRUE(context.fetchRecords().empty()) << "late reports don't bring the record back";
 }
 
+TEST_F(VMDeleterTest, powersOffWhatOnlyTheEngineKnowsToRun) {
+    engine.adopt(vm->id);
+    vm->status = VMStatus::error;
+    run(service.deleteVM(vm, true));
+    EXPECT_FALSE(engine.hasRunningVMs());
+}
+
+TEST_F(VMDeleterTest, aCrashIsMadeGoodFirstButNeedNotBe) {
+    bool wasThere = false;
+    recovery.action = [&](const VMRecord& record) {
+        wasThere = record.status == VMStatus::stopped && record.bundle().isValid();
+        throw DorvaneError(Case::invalidConfiguration, "The chain is broken.");
+    };
+    vm->status = VMStatus::running;
+    run(service.deleteVM(vm, true));
+    EXPECT_TRUE(wasThere);
+    EXPECT_FALSE(std::filesystem::exists(vm->vmPath));
+    EXPECT_TRUE(log.contains("The chain is broken."));
+}
+
 TEST_F(VMDeleterTest, aMachineThatWillNotStopStaysAndIsStillWatched) {
     run(service.startVM(vm));
     engine.failNext("forced stop", "it hangs");

@@ -61,6 +61,14 @@ Task<bool> FakeClockSync::syncAfterRestore(VMRecordPointer vm, int port, std::fu
     co_return true;
 }
 
+Task<void> FakeRecovery::recover(VMRecordPointer vm) {
+    if (work) {
+        co_await ignoreCancellation();
+        co_await work->wait();
+    }
+    action(*vm);
+}
+
 VMServiceTest::VMServiceTest() { settings.setStoragePath(storage); }
 
 VMServiceTest::~VMServiceTest() = default;
@@ -120,6 +128,7 @@ VMServiceCollaborators VMServiceTest::collaborators() {
     with.diskFlattening = &flattening;
     with.bootEvidence = &evidence;
     with.clockSync = &clockSync;
+    with.recovery = &recovery;
     return with;
 }
 

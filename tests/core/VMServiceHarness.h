@@ -78,6 +78,15 @@ class FakeClockSync : public GuestClockSyncing {
     std::vector<std::string> pushes;
 };
 
+/// Nothing to make good, unless the test says otherwise.
+class FakeRecovery : public VMBundleRecovering {
+  public:
+    Task<void> recover(VMRecordPointer vm) override;
+    std::function<void(VMRecord&)> action = [](VMRecord&) {};
+    /// Work to be waited for, which is deaf to a cancellation.
+    std::optional<Event> work;
+};
+
 class VMServiceTest : public testing::Test {
   protected:
     VMServiceTest();
@@ -123,6 +132,7 @@ class VMServiceTest : public testing::Test {
     FakeFlattening flattening;
     FakeBootEvidence evidence;
     FakeClockSync clockSync;
+    FakeRecovery recovery;
 
     VMServiceCollaborators collaborators();
     VMService service{collaborators()};

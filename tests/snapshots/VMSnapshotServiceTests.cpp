@@ -71,6 +71,12 @@ class VMSnapshotServiceTest : public testing::Test {
         return all;
     }
 
+    Task<void> endEmulator(UUID id) {
+        EXPECT_TRUE(gate.isBusy(id));
+        endedEmulators.push_back(id);
+        co_return;
+    }
+
     test::TestRuntime host;
     test::VirtualClock& clock = host.clock();
     test::LogCapture log;
@@ -84,6 +90,7 @@ class VMSnapshotServiceTest : public testing::Test {
     const std::shared_ptr<FakeChainTool> tool = std::make_shared<FakeChainTool>();
     const SnapshotChainStore chain{tool};
     std::set<UUID> starting;
+    std::vector<UUID> endedEmulators;
     VMSnapshotService service{{.runtime = host.runtime(),
                                .gate = gate,
                                .fileManager = fileManager,
@@ -91,7 +98,8 @@ class VMSnapshotServiceTest : public testing::Test {
                                .modelContext = context,
                                .engine = &engine,
                                .chainStore = &chain,
-                               .isStarting = [this](const UUID& id) { return starting.contains(id); }}};
+                               .isStarting = [this](const UUID& id) { return starting.contains(id); },
+                               .endLeftoverEmulator = [this](UUID id) { return endEmulator(id); }}};
 };
 
 TEST_F(VMSnapshotServiceTest, RefusesBeforeAnythingIsTouched) {
@@ -298,6 +306,17 @@ TEST_F(VMSnapshotServiceTest, RowsFollowTheFilesOfAMovedBundle) {
     EXPECT_THAT(names(moved), testing::UnorderedElementsAre("a", "b"));
     for (const auto& row : host.run(service.listSnapshots(moved))) EXPECT_EQ(row->vmID, moved->id);
     EXPECT_TRUE(fs::exists(SnapshotFiles(moved->bundle(), later).directory));
+}
+
+TEST_F(VMSnapshotServiceTest, AnEmulatorThatACrashLeftEndsWithoutAnyOtherSignOfTheCrash) {
+    const auto vm = machine(VMOSType::windows), linux = machine(VMOSType::linux, "Native");
+    setStatus(vm, VMStatus::running);
+    host.run(service.recover(vm));
+    EXPECT_THAT(endedEmulators, IsEmpty()) << "this process's own";
+    setStatus(vm, VMStatus::stopped);
+    for (const auto& each : {vm, linux, vm}) host.run(service.recover(each));
+    EXPECT_THAT(endedEmulators, ElementsAre(vm->id));
+    EXPECT_FALSE(gate.isBusy(vm->id));
 }
 
 }  // namespace
