@@ -5,12 +5,15 @@ namespace dorvane {
 
 void VMStatusWatcher::watch(const UUID& vmID) {
     forget(vmID);
-    auto stream = with_.engine.statusUpdates(vmID);
-    if (!stream) return;
     const auto number = nextNumber_++;
-    watchers_[vmID] = {
-        number, spawn(with_.runtime.main.executor(),
-                      follow(weak_from_this(), vmID, number, std::move(*stream)), "watchEngineStatus")};
+    // The first value is applied before `spawn` returns, and only for a watcher that is known.
+    watchers_[vmID] = {number, {}};
+    auto task =
+        spawn(with_.runtime.main.executor(),
+              follow(weak_from_this(), vmID, number, with_.engine.statusUpdates(vmID)), "watchEngineStatus");
+    if (const auto watcher = watchers_.find(vmID);
+        watcher != watchers_.end() && watcher->second.number == number)
+        watcher->second.task = std::move(task);
 }
 
 std::shared_ptr<VMStatusWatcher> VMStatusWatcher::current(const std::weak_ptr<VMStatusWatcher>& weak,
@@ -23,9 +26,10 @@ std::shared_ptr<VMStatusWatcher> VMStatusWatcher::current(const std::weak_ptr<VM
 }
 
 Task<void> VMStatusWatcher::follow(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
-                                   AsyncStream<VMStatus> stream) {
+                                   std::optional<AsyncStream<VMStatus>> stream) {
     for (;;) {
-        const auto value = co_await stream.next();
+        std::optional<VMStatus> value;
+        if (stream) value = co_await stream->next();
         co_await apply(weak, vmID, number, value.value_or(VMStatus::stopped));
         if (value) continue;
         if (const auto self = current(weak, vmID, number)) self->forget(vmID);

@@ -17,8 +17,8 @@ class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
                     InstallerBootFlow& flow)
         : with_(with), library_(library), access_(access), flow_(flow) {}
 
-    /// Follows the engine's stream for this machine; the stream's end sets "stopped". There is one watcher a
-    /// machine: an earlier one is forgotten first.
+    /// Follows the engine's stream for this machine; the stream's end sets "stopped", and so does an engine
+    /// that knows the machine no more. There is one watcher a machine: an earlier one is forgotten first.
     void watch(const UUID& vmID);
     /// Nothing that the present watcher still has to tell reaches the record any more.
     void forget(const UUID& vmID) { watchers_.erase(vmID); }
@@ -32,7 +32,7 @@ class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
 
     // The tasks hold the watcher only between their suspensions.
     static Task<void> follow(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
-                             AsyncStream<VMStatus> stream);
+                             std::optional<AsyncStream<VMStatus>> stream);
     static Task<void> apply(std::weak_ptr<VMStatusWatcher> weak, UUID vmID, std::uint64_t number,
                             VMStatus status);
     /// Null when the service has gone, or when this watcher was forgotten: what was on its way to it then

@@ -21,6 +21,33 @@ TEST_F(VMStatusWatcherTest, theRecordFollowsEveryReport) {
     EXPECT_EQ(published, 3) << "no change, no news";
 }
 
+TEST_F(VMStatusWatcherTest, whatHappensJustBeforeTheWatchIsSeen) {
+    const auto gone = [&](const UUID& id) { engine.vanish(id, VMStopReason::guestInitiated()); };
+    const auto paused = [&](const UUID& id) { engine.report(id, VMStatus::paused); };
+    const auto failed = [&](const UUID& id) { engine.report(id, VMStatus::error); };
+    struct Row {
+        const char* name;
+        std::function<void(const UUID&)> change;
+        VMStatus expected;
+    };
+    for (const auto& row : {Row{"gone", gone, VMStatus::stopped}, Row{"paused", paused, VMStatus::paused},
+                            Row{"failed", failed, VMStatus::error}}) {
+        const auto vm = addVM(row.name);
+        // The list is published between the end of the launch and the watch.
+        Subscription published = service.vmsChanged.connect([&] {
+            const auto change = std::exchange(row.change, {});
+            if (change) change(vm->id);
+        });
+        run(service.startVM(vm));
+        host.settle();
+        EXPECT_EQ(vm->status, row.expected) << row.name;
+        if (!engine.status(vm->id)) continue;
+        engine.report(vm->id, VMStatus::running);
+        host.settle();
+        EXPECT_EQ(vm->status, VMStatus::running) << row.name << ": still watched";
+    }
+}
+
 TEST_F(VMStatusWatcherTest, aStreamThatEndsWithoutALastValueMeansStopped) {
     const auto vm = addVM("alpha");
     vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso");
