@@ -99,6 +99,7 @@ DorvaneVMConfig applying(const VMConfiguration& request, DorvaneVMConfig config,
 
 Task<void> VMReconfigurer::update(VMRecordPointer vm, VMConfiguration request) {
     request.validateRanges();
+    if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
     if (!runControl_.isShutDown(*vm)) throw refusal("Shut down the VM before changing its configuration.");
     const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
     const auto token = access_.begin(*vm);

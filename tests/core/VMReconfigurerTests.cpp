@@ -48,6 +48,18 @@ TEST_F(VMReconfigurerTest, changesWhatIsGivenAndKeepsTheRest) {
     EXPECT_EQ(update(vm, {}), config);
 }
 
+TEST_F(VMReconfigurerTest, startsFromWhatRecoveryLeaves) {
+    const auto vm = addVM("alpha");
+    recovery.action = [&](const VMRecord&) {
+        writeConfig(vm->bundle(), [](DorvaneVMConfig& config) { config.cpuCount = 6; });
+    };
+    EXPECT_EQ(update(vm, {}).cpuCount, 6);
+    recovery.action = [](VMRecord& record) { record.status = VMStatus::running; };
+    EXPECT_EQ(failureOf(service.updateVMConfiguration(vm, {})),
+              refusal("Shut down the VM before changing its configuration."))
+        << "it was started meanwhile";
+}
+
 TEST_F(VMReconfigurerTest, aDiskOnlyGrows) {
     VMConfiguration request;
     const auto linux = addVM("alpha");
