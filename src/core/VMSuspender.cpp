@@ -42,6 +42,8 @@ Task<void> VMSuspender::suspend(VMRecordPointer vm) {
     requireSuspendable(*vm);
     const auto token = access_.begin(*vm);
     const auto config = co_await readSuspendableConfiguration(vm->bundle());
+    // The guest may have powered itself off meanwhile.
+    requireSuspendable(*vm);
     const bool wasPausedHere = vm->status == VMStatus::running;
     if (wasPausedHere) co_await with_.engine.pause(vm->id);
     std::exception_ptr failure;

@@ -58,6 +58,16 @@ TEST_F(VMSuspenderTest, holdsTheGateWhileItSaves) {
     EXPECT_FALSE(gate.isBusy(vm->id));
 }
 
+TEST_F(VMSuspenderTest, aGuestThatPowersItselfOffBeforehandStaysOff) {
+    const auto suspend = spawn(host.runtime().main.executor(), service.suspendVM(vm), "test");
+    engine.vanish(vm->id, VMStopReason::guestInitiated());
+    host.driveUntil([&] { return suspend.isFinished(); });
+    host.settle();
+    EXPECT_EQ(vm->status, VMStatus::stopped);
+    EXPECT_TRUE(engine.calls.empty());
+    EXPECT_FALSE(vm->hasSuspendedState());
+}
+
 TEST_F(VMSuspenderTest, aFailureOnTheWayBringsTheGuestBack) {
     for (const std::string step : {"save", "forced stop"}) {
         engine.calls.clear();
