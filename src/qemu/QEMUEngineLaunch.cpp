@@ -31,10 +31,11 @@ std::string reasonOf(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const DorvaneError& failure) {
-        return failure.text();
+        if (failure.which() == DorvaneError::Case::vmStartupFailed) return failure.text();
     } catch (...) {
-        return localizedDescription(error);
+        // As it describes itself.
     }
+    return localizedDescription(error);
 }
 
 }  // namespace
@@ -49,8 +50,12 @@ Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachment
         failure = std::current_exception();
     }
     launchingIDs_.erase(id);
-    abandonedIDs_.erase(id);
-    if (failure) std::rethrow_exception(failure);
+    const bool wasGivenUp = abandonedIDs_.erase(id) > 0 || isCancellation(failure);
+    if (!failure) co_return;
+    // Refused because the machine runs, it says nothing about the machine.
+    if (!find(id))
+        lastStopReasons_[id] = wasGivenUp ? VMStopReason::forced() : VMStopReason::failure(reasonOf(failure));
+    std::rethrow_exception(failure);
 }
 
 Task<void> QEMUEngine::launchUnguarded(UUID id, VMBundle bundle, VMAttachments attachments) {
@@ -139,6 +144,7 @@ Task<void> QEMUEngine::didFailToStart(UUID id, SupervisorPointer supervisor, boo
     supervisors_.erase(id);
     cleanUpRuntime(id);
     if (!supervisor->isTerminated()) ending_.push_back(supervisor);
+    if (supervisor->didRequestStop()) abandonedIDs_.insert(id);
     if (!wasRestoring || isCancellation(error)) std::rethrow_exception(error);
     // The child must be gone before the disk is touched again.
     std::function<bool()> hasEnded = [supervisor] { return supervisor->isTerminated(); };

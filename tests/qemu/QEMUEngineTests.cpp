@@ -115,6 +115,8 @@ TEST(QEMUEngine, AFailureOnTheWayLeavesNothing) {
     scene.qemu.script("qemu-system-aarch64",
                       {"exit=1", "stderr=qemu-system-aarch64: Failed to get \"write\" lock"});
     EXPECT_THAT(scene.failedLaunch(vm).text(), HasSubstr("\nFailed to get \"write\" lock"));
+    ASSERT_TRUE(scene.engine->stopReason(vm.id));
+    EXPECT_THAT(scene.engine->stopReason(vm.id)->message, HasSubstr("\nFailed to get \"write\" lock"));
     EXPECT_FALSE(scene.engine->status(vm.id));
     EXPECT_TRUE(fs::is_empty(scene.work / "dvn"));
     fs::remove(vm.bundle.configFile());
@@ -138,6 +140,7 @@ TEST(QEMUEngine, AStopBeforeThereIsAChildIsHeard) {
     auto stopping = spawn(scene.host.runtime().main.executor(), scene.engine->stop(vm.id, false), "stopping");
     scene.host.driveUntil([&] { return starting.isFinished() && stopping.isFinished(); });
     EXPECT_EQ(scene.launches(), 0);
+    EXPECT_EQ(scene.engine->stopReason(vm.id), VMStopReason::forced());
     scene.launch(vm);
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running) << "the next launch isn't meant";
 }
