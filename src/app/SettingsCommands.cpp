@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The settings by their keys.
+#include <charconv>
+#include <limits>
+#include <utility>
+
 #include "app/ServiceCommands.h"
 #include "base/Localized.h"
 
@@ -39,6 +43,17 @@ SettingType typeOf(const std::string& key) {
     return found->second;
 }
 
+/// A number too long for 64 bits becomes the outermost one: its setting's own range refuses that.
+std::optional<std::int64_t> wholeNumber(const std::string& text) {
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t number = 0;
+    const auto* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    if (rest != end || error == std::errc::invalid_argument) return std::nullopt;
+    if (error == std::errc::result_out_of_range) return text.front() == '-' ? Limits::min() : Limits::max();
+    return number;
+}
+
 JSON parseValue(SettingType type, const std::string& text) {
     if (type == SettingType::text) return text;
     JSON value;
@@ -48,7 +63,8 @@ JSON parseValue(SettingType type, const std::string& text) {
         value = nullptr;
     }
     if (type == SettingType::boolean && value.is_boolean()) return value;
-    if (type == SettingType::integer && value.is_number_integer()) return value;
+    if (type == SettingType::integer)
+        if (const auto number = wholeNumber(text)) return *number;
     if (type == SettingType::number && value.is_number()) return value;
     const auto* expected = type == SettingType::boolean   ? "true or false"
                            : type == SettingType::integer ? "a whole number"
@@ -61,7 +77,8 @@ void apply(AppState& app, const std::string& key, const JSON& value) {
     if (key == defaultsKey::mcpServerEnabled) {
         app.mcpServerService().setEnabled(value.get<bool>());
     } else if (key == defaultsKey::mcpServerPort) {
-        if (!app.mcpServerService().setPort(value.get<int>()))
+        const auto port = value.get<std::int64_t>();
+        if (!std::in_range<std::uint16_t>(port) || !app.mcpServerService().setPort(static_cast<int>(port)))
             throw ControlError(ControlErrorCode::invalidParams,
                                localized("The port must be between %d and %d.", 1024, 65535));
     } else if (key == defaultsKey::vmStoragePath) {
