@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The address for agents, and what they did.
+#include <algorithm>
+#include <iterator>
+
 #include "app/ServiceCommands.h"
 #include "automation/MCPClientSetupSnippets.h"
 #include "automation/MCPLoopbackProbe.h"
 #include "base/Localized.h"
+#include "core/VMLookup.h"
 
 namespace dorvane {
 namespace {
@@ -30,13 +34,25 @@ Task<JSON> probe(AppState& app) {
     co_return shown;
 }
 
+std::vector<AgentActivityEntry> entriesAbout(AppState& app, const std::optional<std::string>& nameOrID) {
+    const auto& log = app.activityLog();
+    if (nameOrID) {
+        if (const auto vm = findVM(app.makeSharedVMService().vms(), *nameOrID))
+            return log.entries(vm->name, vm->id);
+    }
+    std::vector<AgentActivityEntry> found;
+    // A machine that is gone is known by nothing but the word that the agents used.
+    std::ranges::copy_if(log.entries(), std::back_inserter(found),
+                         [&](const auto& entry) { return !nameOrID || entry.vm == *nameOrID; });
+    return found;
+}
+
 JSON activity(AppState& app, const JSON& params) {
     const JSONReader reader(params);
     const auto limit = std::max<std::int64_t>(reader.optional<std::int64_t>("limit").value_or(50), 0);
-    const auto vm = reader.optional<std::string>("vm");
     auto shown = JSON::array();
-    for (const auto& entry : app.activityLog().entries())
-        if (!vm || entry.vm == *vm) shown.push_back(entry.encoded());
+    for (const auto& entry : entriesAbout(app, reader.optional<std::string>("vm")))
+        shown.push_back(entry.encoded());
     while (shown.size() > static_cast<std::size_t>(limit)) shown.erase(shown.begin());
     return shown;
 }
