@@ -130,9 +130,6 @@ std::vector<Path> VMLibraryRefresher::storagePathsToRefresh(
 }
 
 Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storagePaths) {
-    // A staging directory of work in progress looks like one that a crash left behind.
-    const bool sweeps = with_.longOperations.active().empty() && with_.gate.busyVMIDs().empty() &&
-                        !library_.hasReservations();
     std::set<std::string> awaitingInstallation;
     for (const auto& vm : library_.vms())
         if (vm->osType == VMOSType::linux && vm->hasPendingInstallerImage())
@@ -141,6 +138,10 @@ Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storag
     Scan result;
     std::unordered_set<std::string> seen;
     for (const auto& path : storagePaths) {
+        // A staging directory of work in progress looks like one that a crash left behind; the work may have
+        // begun while an earlier folder was read.
+        const bool sweeps = with_.longOperations.active().empty() && with_.gate.busyVMIDs().empty() &&
+                            !library_.hasReservations();
         const auto read = [&] { return readFolder(path, sweeps, awaitingInstallation); };
         auto folder = co_await with_.runtime.background.run(read);
         for (const auto& removed : folder.removed)

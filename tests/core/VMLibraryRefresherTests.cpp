@@ -182,6 +182,17 @@ TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
     EXPECT_TRUE(service.vms().empty());
 }
 
+TEST_F(InterruptedRefreshTest, workThatBeginsMeanwhileIsNotSweptInTheFoldersToCome) {
+    const auto staging = folder / "elsewhere" / ".beta.importing-0123ABCD";
+    std::filesystem::create_directories(staging);
+    std::filesystem::create_directories(storage);
+    insert("alpha", folder / "elsewhere" / "alpha");
+    refreshWith([&] {
+        if (gate.busyVMIDs().empty()) gate.begin(UUID::random(), "alpha");
+    });
+    EXPECT_TRUE(std::filesystem::exists(staging));
+}
+
 TEST_F(VMLibraryRefresherTest, aSandboxWhoseRecordWasLostIsOneStill) {
     const EphemeralInfo info{*parseISO8601("2026-01-01T00:00:00Z"), *parseISO8601("2026-01-02T00:00:00Z"),
                              UUID::random()};
