@@ -39,14 +39,14 @@ std::optional<QuitQuestion> QuitFlow::question() const {
         paragraphs.push_back(
             localized("Quitting will stop %d running virtual machine(s).", engine_.runningVMIDs().size()));
     return QuitQuestion{localized("Quit Dorvane?"), joined(paragraphs, "\n\n"),
-                        running ? localized("Stop VMs and Quit") : localized("Quit Anyway")};
+                        running ? localized("Stop VMs and Quit") : localized("Quit Anyway"), running};
 }
 
 QuitFlow::Reply QuitFlow::shouldTerminate(const std::function<bool(const QuitQuestion&)>& confirm) const {
     const auto asked = question();
     if (!asked) return Reply::now;
     if (!confirm(*asked)) return Reply::cancel;
-    return engine_.hasRunningVMs() ? Reply::later : Reply::now;
+    return asked->stopsMachines ? Reply::later : Reply::now;
 }
 
 Task<void> QuitFlow::stopAllVMs() const { co_await engine_.shutdownAll(shutdownTimeout); }

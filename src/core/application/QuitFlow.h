@@ -18,6 +18,8 @@ struct QuitQuestion {
     /// Paragraphs, joined by an empty line.
     std::string text;
     std::string confirmButton;
+    /// Whether machines ran when the question was made.
+    bool stopsMachines = false;
 };
 
 /// Main thread only.
