@@ -20,12 +20,13 @@ SettingsService::SettingsService(DefaultsStore& defaults, const ApplicationDirec
 Path SettingsService::storagePath() {
     const auto chosen = defaults_.text(defaultsKey::vmStoragePath);
     if (chosen && chosen->starts_with('/')) return *chosen;
-    if (!defaults_.value(defaultsKey::vmStoragePath).is_null()) defaults_.remove(defaultsKey::vmStoragePath);
+    if (!defaults_.value(defaultsKey::vmStoragePath).is_null())
+        keepIfPossible(defaultsKey::vmStoragePath, nullptr);
 
     // Machines made by an older version stay where they are.
     auto older = Path("/Users") / userName_ / olderStoragePath;
     if (AppSettings::directoryHasContents(older)) {
-        setStoragePath(older);
+        keepIfPossible(defaultsKey::vmStoragePath, older.string());
         return older;
     }
     auto path = AppSettings::defaultVMStoragePath(directories_);
@@ -52,8 +53,17 @@ SecurityScopedBookmarkStore::AccessToken SettingsService::restoreStoragePathAcce
     auto bookmark = storagePathBookmark();
     if (!bookmark) return {};
     auto token = bookmarks.beginAccess({{storagePath().string(), *std::move(bookmark)}});
-    for (const auto& [path, fresh] : token.refreshedBookmarks()) setStoragePathBookmark(fresh);
+    for (const auto& [path, fresh] : token.refreshedBookmarks())
+        keepIfPossible(defaultsKey::vmStoragePathBookmark, base64Text(fresh));
     return token;
+}
+
+void SettingsService::keepIfPossible(const std::string& key, JSON value) {
+    try {
+        defaults_.set(key, std::move(value));
+    } catch (const FileError& error) {
+        logger_.error("The setting %{public}s could not be kept: %{public}s", key, error.what());
+    }
 }
 
 bool SettingsService::isMCPAutoSnapshotEnabled() const {

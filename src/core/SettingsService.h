@@ -7,6 +7,7 @@
 #include "platform/DefaultsStore.h"
 #include "platform/HostSystem.h"
 #include "runtime/Files.h"
+#include "runtime/Logger.h"
 
 namespace dorvane {
 
@@ -58,6 +59,10 @@ class SettingsService {
     /// the token.
     SecurityScopedBookmarkStore::AccessToken restoreStoragePathAccess(SecurityScopedBookmarkStore& bookmarks);
 
+    /// Stores what the program itself, and not its user, wants remembered: a failure is logged and stops
+    /// nothing.
+    void keepIfPossible(const std::string& key, JSON value);
+
     bool isMCPAutoSnapshotEnabled() const;
     /// 0 to 50; anything else reads as 3.
     int mcpAutoSnapshotKeepCount() const;
@@ -67,6 +72,7 @@ class SettingsService {
     DefaultsStore& defaults_;
     const ApplicationDirectories& directories_;
     std::string userName_;
+    Logger logger_{"SettingsService"};
 };
 
 }  // namespace dorvane

@@ -11,6 +11,20 @@
 namespace dorvane {
 namespace {
 
+/// Bookmarks are the path's text; "stale:" before it makes one stale, anything but a path can't be resolved.
+struct FakeScopedResources : ScopedResources {
+    Resolved resolve(ByteView bookmark) override {
+        const std::string text(asText(bookmark));
+        if (text.starts_with("stale:")) return {text.substr(6), true};
+        if (!text.starts_with('/')) throw std::runtime_error("no bookmark");
+        return {text, false};
+    }
+    Bytes makeBookmark(const Path& path) override { return toBytes(path.string()); }
+    bool startAccessing(const Path& path) override { return open.insert(path).second; }
+    void stopAccessing(const Path& path) override { EXPECT_EQ(open.erase(path), 1U); }
+    std::set<Path> open;
+};
+
 class SettingsServiceTest : public testing::Test {
   protected:
     static ApplicationDirectories directoriesIn(const Path& documents) {
@@ -42,6 +56,23 @@ TEST_F(SettingsServiceTest, storagePathIsAnsweredWhenItCannotBeMade) {
     EXPECT_EQ(settings.storagePath(), folder / "Documents" / "Dorvane" / "VMs");
 }
 
+TEST_F(SettingsServiceTest, isAnsweredFromSettingsThatCannotBeWritten) {
+    const test::LogCapture log;
+    FakeScopedResources resources;
+    SecurityScopedBookmarkStore bookmarks(&resources);
+    settings.setStoragePathBookmark(toBytes("stale:/volume"));
+    defaults.set(defaultsKey::vmStoragePath, "relative/path");
+    defaults.failSets = true;
+    EXPECT_EQ(settings.storagePath(), folder / "Documents" / "Dorvane" / "VMs");
+    EXPECT_TRUE(log.contains("The setting vmStoragePath could not be kept: "));
+    {
+        const auto token = settings.restoreStoragePathAccess(bookmarks);
+        EXPECT_EQ(resources.open, std::set<Path>{"/volume"});
+    }
+    EXPECT_TRUE(log.contains("The setting vmStoragePathBookmark could not be kept: "));
+    EXPECT_THROW(settings.setStoragePath("/chosen"), FileError) << "what the user asks for fails loudly";
+}
+
 TEST_F(SettingsServiceTest, snapshotSettingsHaveTheirDefaults) {
     EXPECT_TRUE(settings.isMCPAutoSnapshotEnabled());
     EXPECT_FALSE(settings.areDestructiveToolsEnabled());
@@ -55,20 +86,6 @@ TEST_F(SettingsServiceTest, snapshotSettingsHaveTheirDefaults) {
     defaults.set(defaultsKey::mcpAutoSnapshotEnabled, false);
     EXPECT_FALSE(settings.isMCPAutoSnapshotEnabled());
 }
-
-/// Bookmarks are the path's text; "stale:" before it makes one stale, anything but a path can't be resolved.
-struct FakeScopedResources : ScopedResources {
-    Resolved resolve(ByteView bookmark) override {
-        const std::string text(asText(bookmark));
-        if (text.starts_with("stale:")) return {text.substr(6), true};
-        if (!text.starts_with('/')) throw std::runtime_error("no bookmark");
-        return {text, false};
-    }
-    Bytes makeBookmark(const Path& path) override { return toBytes(path.string()); }
-    bool startAccessing(const Path& path) override { return open.insert(path).second; }
-    void stopAccessing(const Path& path) override { EXPECT_EQ(open.erase(path), 1U); }
-    std::set<Path> open;
-};
 
 TEST(SecurityScopedBookmarkStore, holdsAccessUntilTheTokenEnds) {
     const test::LogCapture log;

@@ -21,7 +21,8 @@ AppState::AppState(const HostServices& host, ModelContext& modelContext)
       displayTransports_(host.runtime, host.defaults),
       framebufferCapture_(host.runtime, displayTransports_) {
     hasCompletedOnboarding_ = host.defaults.boolean(defaultsKey::hasCompletedOnboarding).value_or(false);
-    host.defaults.set(defaultsKey::backendMode, "native");
+    settingsService_.keepIfPossible(defaultsKey::backendMode, "native");
+    storageAccess_ = settingsService_.restoreStoragePathAccess(bookmarks_);
 }
 
 AppState::~AppState() = default;

@@ -108,6 +108,7 @@ class AppState {
     EngineRouter engineRouter_;
     FileManagerDirectoryDisposer directoryDisposer_;
     SecurityScopedBookmarkStore bookmarks_;
+    SecurityScopedBookmarkStore::AccessToken storageAccess_;
     DisplayTransportFactory displayTransports_;
     HostFramebufferCapture framebufferCapture_;
     std::unique_ptr<VMService> sharedVMService_;

@@ -8,31 +8,41 @@
 #include "support/FakeHostSystem.h"
 #include "support/FakeKeychain.h"
 #include "support/FakeProcesses.h"
+#include "support/FakeQEMUInstallation.h"
 #include "support/InMemoryModelContext.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestRuntime.h"
+#include "support/TimePump.h"
 
 namespace dorvane::test {
 namespace {
 
-/// The application on a host without an emulator: every start fails.
+/// The application on a host that runs Windows guests; every other start fails.
 class AppStateTest : public testing::Test {
   protected:
     AppStateTest() { app.settingsService().setStoragePath(storage); }
     ~AppStateTest() override { host.run(app.shutDown()); }
 
-    VMRecordPointer addVM(const std::string& name) {
+    VMRecordPointer addVM(const std::string& name, VMOSType os = VMOSType::linux) {
         const VMBundle bundle(storage / name);
         std::filesystem::create_directories(bundle.directoryURL);
         DorvaneVMConfig config;
-        config.os = VMOSType::linux;
+        config.os = os;
         config.cpuCount = 2;
+        const bool isWindows = os == VMOSType::windows;
+        if (isWindows) {
+            config.memoryBytes = 1ULL << 30;
+            config.macAddress = "02:00:00:00:00:01";
+            config.display = {1280, 800, 96};
+            config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
+            config.windowsSSH = WindowsSSHConfig{false, 0};
+        }
         config.write(bundle.configFile());
-        writeFileAtomically(bundle.rawDisk(), "disk");
+        writeFileAtomically(isWindows ? bundle.qcow2Disk() : bundle.rawDisk(), "disk");
         auto vm = std::make_shared<VMRecord>();
         vm->name = name;
-        vm->osType = VMOSType::linux;
+        vm->osType = os;
         vm->vmPath = bundle.directoryURL.string();
         vm->createdAt = host.clock().date() + std::chrono::seconds(serial_++);
         context.insert(vm);
@@ -62,9 +72,10 @@ class AppStateTest : public testing::Test {
     FakeHostSystem system;
     IdentityHostAdapter adapter;
     InMemoryModelContext context;
-    AppState app{
-        {host.runtime(), defaults, keychain, directories, files, processes, system, adapter, {}, {}, "1"},
-        context};
+    FakeQEMUInstallation qemu;
+    HostServices services{host.runtime(), defaults, keychain,      directories, files, processes,
+                          system,         adapter,  {qemu.root()}, {},          "1"};
+    AppState app{services, context};
 
   private:
     int serial_ = 0;
@@ -83,6 +94,13 @@ TEST_F(AppStateTest, startsWhatIsMarkedOneAfterTheOtherAndNoSandbox) {
     const auto lines = log.lines().size();
     host.run(app.startVMsMarkedForLaunch());
     EXPECT_EQ(log.lines().size(), lines) << "once only";
+}
+
+TEST_F(AppStateTest, settingsThatCannotBeWrittenStopNothingButTheirUser) {
+    defaults.failSets = true;
+    EXPECT_NO_THROW(AppState(services, context));
+    EXPECT_TRUE(log.contains("The setting backendMode could not be kept: "));
+    EXPECT_THROW(app.completeOnboarding(), FileError);
 }
 
 TEST_F(AppStateTest, expiredSandboxesGoAtTheStartAndEveryHalfHour) {
