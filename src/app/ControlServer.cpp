@@ -26,9 +26,10 @@ FileDescriptor listenFresh(const Path& socket) {
 class ControlServer::Connection : public std::enable_shared_from_this<Connection> {
   public:
     Connection(const Runtime& runtime, const ControlMethods& methods, SerialQueue queue,
-               std::shared_ptr<StreamConnection> stream)
+               std::shared_ptr<StreamConnection> stream, std::shared_ptr<void> work)
         : runtime_(runtime),
           methods_(methods),
+          work_(std::move(work)),
           queue_(std::move(queue)),
           stream_(std::move(stream)),
           outgoing_(source_.subscribe({})) {}
@@ -113,15 +114,17 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
         };
         running_.emplace(number, Running{request.method, request.params, {}});
         auto work = method.perform(request.params, report);
-        auto task = spawn(runtime_.main.executor(),
-                          answer(weak_from_this(), number, request.id, std::move(work)), request.method);
+        auto task =
+            spawn(runtime_.main.executor(),
+                  answer(weak_from_this(), work_, number, request.id, std::move(work)), request.method);
         // A method that needn't wait has been answered by now.
         if (const auto entry = running_.find(number); entry != running_.end())
             entry->second.task = std::move(task);
     }
 
-    static Task<void> answer(std::weak_ptr<Connection> owner, std::uint64_t number, JSON id,
-                             Task<JSON> work) {
+    static Task<void> answer(std::weak_ptr<Connection> owner, std::shared_ptr<void> server,
+                             std::uint64_t number, JSON id, Task<JSON> work) {
+        const auto held = std::move(server);
         std::string line;
         std::exception_ptr failure;
         try {
@@ -150,6 +153,7 @@ class ControlServer::Connection : public std::enable_shared_from_this<Connection
 
     const Runtime& runtime_;
     const ControlMethods& methods_;
+    const std::shared_ptr<void> work_;
     SerialQueue queue_;
     std::shared_ptr<StreamConnection> stream_;
     StreamSource<std::string> source_;
@@ -203,7 +207,8 @@ Task<void> ControlServer::acceptConnections(
 
 void ControlServer::adopt(std::shared_ptr<StreamConnection> stream) {
     const auto id = nextConnection_++;
-    const auto connection = std::make_shared<Connection>(runtime_, methods_, queue_, std::move(stream));
+    const auto connection =
+        std::make_shared<Connection>(runtime_, methods_, queue_, std::move(stream), work_);
     connections_.emplace(id, connection);
     connection->start([this, alive = alive_, id] {
         if (!*alive) return;

@@ -33,6 +33,9 @@ class ControlServer {
     ControlServer(const Runtime& runtime, Path socket, ControlMethods methods);
     ~ControlServer();
 
+    /// Expires once the server has gone and every request that it began has ended.
+    std::weak_ptr<void> work() const { return work_; }
+
   private:
     class Connection;
 
@@ -48,6 +51,7 @@ class ControlServer {
     std::shared_ptr<StreamListener> listener_;
     std::map<std::uint64_t, std::shared_ptr<Connection>> connections_;  // main thread
     std::uint64_t nextConnection_ = 0;
+    std::shared_ptr<void> work_ = std::make_shared<int>(0);
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     TaskHandle accepting_;
 };

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "app/Service.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -29,7 +31,7 @@ namespace dorvane {
 namespace {
 
 constexpr int failureStatus = 1;
-/// What the end of the control socket has cancelled may take this long to clear up behind itself.
+/// What is in progress when the service ends is cancelled, and may take this long to clear up behind itself.
 constexpr auto withdrawalTimeout = seconds(5);
 constexpr auto withdrawalPollInterval = milliseconds(20);
 constexpr auto controlSocketName = "control.sock";
@@ -117,9 +119,8 @@ class Service {
         app_ = std::make_unique<AppState>(host_, *modelContext_);
         const SignalWatcher signals(process_.runtime().main.executor(), {SIGTERM, SIGINT},
                                     [this](int) { quit(); });
-        auto starting = spawn(process_.runtime().main.executor(), start(), "start sequence");
+        starting_ = spawn(process_.runtime().main.executor(), start(), "start sequence");
         process_.run();
-        controlServer_.reset();
         return status_;
     }
 
@@ -135,7 +136,7 @@ class Service {
         } catch (const std::exception& error) {
             std::cerr << "Could not listen for commands: " << error.what() << '\n';
             status_ = failureStatus;
-            process_.stop();
+            quit();
             co_return;
         }
         logger_.info("Dorvane %{public}s is serving", version);
@@ -145,23 +146,42 @@ class Service {
     /// The road of "Stop VMs and Quit": there is nobody to ask. A second signal doesn't shorten it.
     void quit() {
         if (quitting_) return;
-        const auto flow = app_->quitFlow();
-        if (const auto question = flow.question()) logger_.info("%{public}s", question->text);
         quitting_ = spawn(process_.runtime().main.executor(), stop(), "quit");
     }
 
     Task<void> stop() {
         const auto flow = app_->quitFlow();
-        controlServer_.reset();
-        const auto reply = flow.shouldTerminate([](const QuitQuestion&) { return true; });
-        if (reply == QuitFlow::Reply::later) co_await flow.stopAllVMs();
-        co_await app_->shutDown();
+        flow.shouldTerminate([this](const QuitQuestion& question) {
+            logger_.info("%{public}s", question.text);
+            return true;
+        });
+        closeDoors();
+        // Whatever the reply: a machine may be on its way up without running yet.
+        co_await flow.stopAllVMs();
+        closing_ = spawn(process_.runtime().main.executor(), app_->shutDown(), "shut down");
         const auto isIdle = [this] {
-            return app_->operationGate().busyVMIDs().empty() && app_->longOperations().active().empty();
+            return requests_.expired() && starting_.isFinished() && closing_.isFinished();
         };
-        co_await pollUntil(process_.runtime().clock, withdrawalTimeout, withdrawalPollInterval, isIdle);
+        const bool hasEnded =
+            co_await pollUntil(process_.runtime().clock, withdrawalTimeout, withdrawalPollInterval, isIdle);
+        if (!hasEnded) abandonWork();
         logger_.info("Dorvane has stopped");
         process_.stop();
+    }
+
+    /// Nothing new begins from here on, neither by request nor by itself.
+    void closeDoors() {
+        if (controlServer_) requests_ = controlServer_->work();
+        controlServer_.reset();
+        app_->mcpServerService().stop();
+        starting_.cancel();
+    }
+
+    /// A copy of a disk is deaf to cancellation and would find its objects gone. Its half result is discarded
+    /// at the next start. Every line of the log is out already.
+    [[noreturn]] void abandonWork() {
+        logger_.error("Dorvane has stopped in the middle of an operation, whose result is discarded");
+        ::_exit(status_);
     }
 
     Environment environment_;
@@ -183,7 +203,8 @@ class Service {
     std::optional<Path> storage_;
     std::unique_ptr<AppState> app_;
     std::unique_ptr<ControlServer> controlServer_;
-    TaskHandle quitting_;
+    std::weak_ptr<void> requests_;
+    TaskHandle starting_, closing_, quitting_;
     int status_ = 0;
 };
 

@@ -139,7 +139,7 @@ std::vector<UUID> QEMUEngine::runningVMIDs() const {
 }
 
 Task<void> QEMUEngine::shutdownAll(Duration timeout) {
-    abandonedIDs_.insert(launchingIDs_.begin(), launchingIDs_.end());
+    isShuttingDown_ = true;
     const auto running = liveSupervisors();
     if (!running.empty()) logger_.info("应用退出前关闭 %ld 台 QEMU 客体", running.size());
     std::vector<TaskHandle> stops;
@@ -149,9 +149,10 @@ Task<void> QEMUEngine::shutdownAll(Duration timeout) {
     // The kill timers of the last children must come to their end while this process lives.
     auto waiting = running;
     waiting.insert(waiting.end(), ending_.begin(), ending_.end());
-    std::function<bool()> allEnded = [waiting] {
-        return std::ranges::all_of(waiting,
-                                   [](const auto& supervisor) { return supervisor->isTerminated(); });
+    std::function<bool()> allEnded = [this, waiting] {
+        return launchingIDs_.empty() && std::ranges::all_of(waiting, [](const auto& supervisor) {
+                   return supervisor->isTerminated();
+               });
     };
     co_await pollUntil(runtime_.clock, lastEndTimeout, lastEndInterval, std::move(allEnded));
     preparation_.releaseAll();

@@ -11,7 +11,8 @@
 
 namespace dorvane {
 
-/// Main thread only. Operations in flight must have ended before it goes; `shutdownAll` ends the machines.
+/// Main thread only. Operations in flight must have ended before it goes; `shutdownAll` ends the machines,
+/// and whatever is launched from then on fails with vmStartupFailed.
 class QEMUEngine : public VMEngineProtocol {
   public:
     explicit QEMUEngine(QEMUEngineContext context);
@@ -71,6 +72,7 @@ class QEMUEngine : public VMEngineProtocol {
     /// VMs between `launch` and its end, and those of them that were stopped before they had a child.
     std::set<UUID> launchingIDs_;
     std::set<UUID> abandonedIDs_;
+    bool isShuttingDown_ = false;
     std::vector<TaskHandle> tasks_;
     std::shared_ptr<void> life_ = std::make_shared<int>(0);
     Subscription guestToolsSubscription_;

@@ -59,6 +59,7 @@ Task<void> QEMUEngine::launch(UUID id, VMBundle bundle, VMAttachments attachment
 }
 
 Task<void> QEMUEngine::launchUnguarded(UUID id, VMBundle bundle, VMAttachments attachments) {
+    throwIfAbandoned(id);
     if (const auto known = find(id)) {
         co_await waitForStoppedChild(known);
         if (!known->isTerminated()) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, known->name());
@@ -114,7 +115,7 @@ Task<void> QEMUEngine::waitForEndingChild(UUID id) {
 }
 
 void QEMUEngine::throwIfAbandoned(const UUID& id) {
-    if (abandonedIDs_.contains(id))
+    if (isShuttingDown_ || abandonedIDs_.contains(id))
         throw DorvaneError(DorvaneError::Case::vmStartupFailed,
                            localized("The VM was stopped while it was starting."));
 }

@@ -52,6 +52,7 @@ class ControlServerTest : public testing::Test {
     void serve(ControlMethods methods, const std::function<void(const Path& socket)>& talk) {
         const auto socket = folder_ / "control.sock";
         auto server = std::make_unique<ControlServer>(process_.runtime(), socket, std::move(methods));
+        work_ = server->work();
         std::thread client([&] {
             talk(socket);
             process_.runtime().main.async([&] {
@@ -65,6 +66,7 @@ class ControlServerTest : public testing::Test {
 
     TemporaryDirectory folder_;
     ProcessRuntime process_;
+    std::weak_ptr<void> work_;
 };
 
 TEST_F(ControlServerTest, answersReportsProgressAndPassesSentencesOn) {
@@ -132,6 +134,37 @@ TEST_F(ControlServerTest, goneClientCancelsOrWithdrawsItsRequest) {
     EXPECT_TRUE(cancelled);
     EXPECT_TRUE(withdrawn);
     EXPECT_TRUE(finished);
+}
+
+TEST_F(ControlServerTest, tellsWhetherARequestHasOutlivedIt) {
+    const Event end;
+    ControlMethods methods;
+    methods["keep"].perform = [end](JSON, ProgressReporter report) {
+        return [](Event awaited, ProgressReporter reporter) -> Task<JSON> {
+            reporter({"begun", {}});
+            co_await awaited.wait();
+            co_return JSON();
+        }(end, std::move(report));
+    };
+    methods["keep"].withdraw = [](const JSON&) {};
+    serve(methods, [](const Path& socket) {
+        struct Leave {};
+        ControlClient client(socket);
+        EXPECT_THROW(client.call("keep", JSON::object(), [](const auto&) { throw Leave(); }), Leave);
+    });
+    EXPECT_FALSE(work_.expired());
+    end.set();
+    const auto ended = [this] { return work_.expired(); };
+    auto& clock = process_.runtime().clock;
+    auto waiting = spawn(
+        process_.runtime().main.executor(),
+        [](ProcessRuntime& process, Task<bool> wait) -> Task<void> {
+            const bool hasEnded = co_await std::move(wait);
+            EXPECT_TRUE(hasEnded);
+            process.stop();
+        }(process_, pollUntil(clock, seconds(10), milliseconds(1), ended)),
+        "waiting");
+    process_.run();
 }
 
 TEST(ControlClient, missingServiceGivesOneSentence) {

@@ -13,6 +13,15 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using Case = DorvaneError::Case;
 
+Task<void> launchThatIsStopped(Scene& scene, EngineMachine vm) {
+    try {
+        co_await scene.engine->launch(vm.id, vm.bundle, vm.attachments);
+        ADD_FAILURE() << "the launch succeeded";
+    } catch (const DorvaneError& error) {
+        EXPECT_EQ(error.text(), "The VM was stopped while it was starting.");
+    }
+}
+
 TEST(QEMUEngine, RunsAMachineFromLaunchToCleanUp) {
     Scene scene;
     const auto vm = scene.machine("Machine");
@@ -126,17 +135,7 @@ TEST(QEMUEngine, AFailureOnTheWayLeavesNothing) {
 TEST(QEMUEngine, AStopBeforeThereIsAChildIsHeard) {
     Scene scene;
     const auto vm = scene.machine("Machine");
-    auto starting = spawn(
-        scene.host.runtime().main.executor(),
-        [](Scene& s, EngineMachine m) -> Task<void> {
-            try {
-                co_await s.engine->launch(m.id, m.bundle, m.attachments);
-                ADD_FAILURE() << "the launch succeeded";
-            } catch (const DorvaneError& error) {
-                EXPECT_EQ(error.text(), "The VM was stopped while it was starting.");
-            }
-        }(scene, vm),
-        "starting");
+    auto starting = spawn(scene.host.runtime().main.executor(), launchThatIsStopped(scene, vm), "starting");
     auto stopping = spawn(scene.host.runtime().main.executor(), scene.engine->stop(vm.id, false), "stopping");
     scene.host.driveUntil([&] { return starting.isFinished() && stopping.isFinished(); });
     EXPECT_EQ(scene.launches(), 0);
@@ -202,7 +201,13 @@ TEST(QEMUEngine, ShutsEverythingDownAtOnce) {
     scene.launch(first);
     scene.qemu.script("qemu-system-aarch64", {"stubborn"});
     scene.launch(second);
+    const auto preparing = scene.machine("Preparing"), late = scene.machine("Late");
+    auto starting =
+        spawn(scene.host.runtime().main.executor(), launchThatIsStopped(scene, preparing), "starting");
     scene.host.run(scene.engine->shutdownAll(seconds(1)));
+    EXPECT_TRUE(starting.isFinished()) << "what it began must not outlive it";
+    scene.host.run(launchThatIsStopped(scene, late));
+    EXPECT_EQ(scene.launches(), 2);
     EXPECT_FALSE(scene.engine->hasRunningVMs());
     EXPECT_TRUE(scene.qemu.survivors().empty()) << "the kill timers have had their time";
     EXPECT_EQ(scene.engine->stopReason(first.id), VMStopReason::requested());

@@ -153,12 +153,15 @@ Task<void> AppState::reapSandboxes() {
 }
 
 /// What the last process didn't live to end is made good now, rather than when somebody needs the machine.
+/// Each machine has a task of its own: one that has changed something can't be cancelled any more, and the
+/// sequence must be. The same goes for the starts below.
 Task<void> AppState::recoverMachines() {
     const auto vms = sharedVMService_->vms();
     for (const auto& vm : vms) {
         std::exception_ptr failure;
         try {
-            co_await snapshotService_->recover(vm);
+            auto recovery = snapshotService_->recover(vm);
+            co_await onExecutor(host_.runtime.main.executor(), std::move(recovery));
         } catch (...) {
             failure = std::current_exception();
         }
@@ -179,7 +182,8 @@ Task<void> AppState::startVMsMarkedForLaunch() {
         if (!vm->startsWithDorvane.value_or(false) || vm->isEphemeral()) continue;
         std::exception_ptr failure;
         try {
-            co_await service.startVM(vm);
+            auto start = service.startVM(vm);
+            co_await onExecutor(host_.runtime.main.executor(), std::move(start));
         } catch (...) {
             failure = std::current_exception();
         }
@@ -237,7 +241,8 @@ Task<void> AppState::shutDown() {
     co_await sandboxReaperTask_.finished();
     refreshTask_.cancel();
     co_await refreshTask_.finished();
-    warmUpTask_ = TaskHandle();
+    warmUpTask_.cancel();
+    co_await warmUpTask_.finished();
     co_await mcpServerService_->shutdown();
 }
 

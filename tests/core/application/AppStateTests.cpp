@@ -96,6 +96,22 @@ TEST_F(AppStateTest, startsWhatIsMarkedOneAfterTheOtherAndNoSandbox) {
     EXPECT_EQ(log.lines().size(), lines) << "once only";
 }
 
+TEST_F(AppStateTest, aQuitEndsTheStartSequenceWhateverHasBegunAlready) {
+    const auto first = addVM("first", VMOSType::windows), second = addVM("second", VMOSType::windows);
+    for (const auto& vm : {first, second, addVM("third", VMOSType::windows)}) vm->startsWithDorvane = true;
+    const TimePump pump(host.clock());
+    auto starting = spawn(host.runtime().main.executor(), app.startVMsMarkedForLaunch(), "starting");
+    host.driveUntil([&] { return app.makeSharedVMService().isStarting(second->id); });
+    EXPECT_EQ(first->status, VMStatus::running);
+    starting.cancel();
+    host.run(app.quitFlow().stopAllVMs());
+    host.driveUntil([&] { return starting.isFinished(); });
+    EXPECT_TRUE(log.contains("Started first because it is set to start with Dorvane"));
+    EXPECT_FALSE(log.contains("Could not start")) << "a start that is called off hasn't failed";
+    EXPECT_EQ(qemu.count("qemu-system-aarch64 pid="), 1);
+    EXPECT_TRUE(qemu.survivors().empty());
+}
+
 TEST_F(AppStateTest, settingsThatCannotBeWrittenStopNothingButTheirUser) {
     defaults.failSets = true;
     EXPECT_NO_THROW(AppState(services, context));
