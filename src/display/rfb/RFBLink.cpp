@@ -16,7 +16,8 @@ constexpr std::size_t handshakeReadBytes = 4'096;
 constexpr int socketBufferBytes = 8'388'608;
 constexpr std::size_t socketPathLimit = 104;  // as told to the user, with the terminating zero
 constexpr int readsPerTurn = 128;
-// A server that reads nothing for so long gets no more; what it lacks is pointer and key events.
+// A server that reads nothing for so long gets no more pointer events: each tells the whole state, so the
+// next one that it does get makes up for them. A lost request or key would stay lost, and these are few.
 constexpr std::size_t maximumOutboxBytes = 1'048'576;
 
 /// None when nobody listens (yet).
@@ -250,7 +251,9 @@ void RFBLink::sendKey(const GuestKey& key, bool down) {
 }
 
 void RFBLink::sendNow(const RFBClientMessage& message) {
-    if (state_ != State::streaming || outbox_.size() > maximumOutboxBytes) return;
+    if (state_ != State::streaming) return;
+    const bool isPointer = std::holds_alternative<RFBClientMessage::PointerEvent>(message.content);
+    if (isPointer && outbox_.size() > maximumOutboxBytes) return;
     const auto bytes = message.encoded();
     outbox_.insert(outbox_.end(), bytes.begin(), bytes.end());
     if (isFlushing_) return;

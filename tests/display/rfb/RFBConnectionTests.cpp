@@ -42,6 +42,15 @@ class FakeServer {
         received_.erase(received_.begin(), received_.begin() + std::ptrdiff_t(count));
         co_return front;
     }
+    /// Up to the first message of another kind; returns how many there were.
+    Task<int> passOverPointerEvents() {
+        for (int count = 0;; ++count) {
+            const auto event = co_await expect(6);
+            if (event[0] == 5) continue;
+            received_.insert(received_.begin(), event.begin(), event.end());
+            co_return count;
+        }
+    }
     /// Whether the client has closed its end, once it has said nothing more.
     Task<bool> sawEnd() {
         Bytes more;
@@ -362,6 +371,19 @@ TEST_F(RFBConnectionTest, keepsMessagesForAServerThatReadsLate) {
         const auto message = expect(6);
         ASSERT_EQ(loadBE16(message.data() + 2), i & 0xFFFF);
     }
+}
+
+TEST_F(RFBConnectionTest, dropsOnlyPointerEventsForAServerThatReadsNothing) {
+    connect();
+    constexpr int count = 250'000;
+    for (int i = 0; i < count; ++i) connection_->sendPointer(0, 0, 0);
+    host_.settle();
+    serve(update({rectangle(0, 0, 1, 1, 0, Bytes(4))}));
+    host_.driveUntil([&] { return frames_.size() == 1; });
+    connection_->sendKey({0x61, 0}, false);
+    EXPECT_LT(host_.run(server_->passOverPointerEvents()), count);
+    EXPECT_EQ(expect(requestBytes), incrementalRequest);
+    EXPECT_EQ(expect(8), (Bytes{4, 0, 0, 0, 0, 0, 0, 0x61}));
 }
 
 }  // namespace
