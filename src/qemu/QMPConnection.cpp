@@ -9,7 +9,6 @@
 
 #include "qemu/QMPCodec.h"
 #include "qemu/UnixFDPassing.h"
-#include "qemu/UnixSocketPeer.h"
 #include "runtime/Sockets.h"
 
 namespace dorvane {
@@ -59,7 +58,7 @@ Task<FileDescriptor> QMPConnection::openSocket(std::string socketPath, Duration 
     const auto deadline = clock_.now() + timeout;
     while (clock_.now() <= deadline) {
         try {
-            co_return UnixSocketPeer::connectWithoutWaiting(socketPath);
+            co_return connectUnixSocketWithoutWaiting(socketPath);
         } catch (const POSIXError&) {
             // Nobody listens yet.
         }

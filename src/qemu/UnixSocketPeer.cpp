@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qemu/UnixSocketPeer.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <csignal>
-#include <cstring>
 
 #include "runtime/Sockets.h"
 #include "runtime/Task.h"
@@ -18,23 +15,11 @@ UnixSocketPeer::Signaller UnixSocketPeer::systemSignaller() {
     return [](int pid, int signal) { return ::kill(pid, signal) == 0; };
 }
 
-FileDescriptor UnixSocketPeer::connectWithoutWaiting(const std::string& path) {
-    if (path.size() > maximumSocketPathBytes) throw POSIXError(path, ENAMETOOLONG);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd) throw POSIXError(errno);
-    while (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        if (errno != EINTR) throw POSIXError(errno);
-    return fd;
-}
-
 UnixSocketPeer::Probe UnixSocketPeer::probe(const std::string& path) const {
     try {
         std::error_code failure;
         if (!std::filesystem::exists(path, failure) && !failure) return Probe::absent();
-        const auto fd = connectWithoutWaiting(path);
+        const auto fd = connectUnixSocketWithoutWaiting(path);
         const auto pid = processes_.peerPID(fd.get()).value_or(0);
         return pid >= 1 ? Probe::listening(pid) : Probe::unknown();
     } catch (const POSIXError& error) {

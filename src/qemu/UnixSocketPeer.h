@@ -8,7 +8,6 @@
 
 #include "platform/Processes.h"
 #include "runtime/Clock.h"
-#include "runtime/FileDescriptor.h"
 
 namespace dorvane {
 
@@ -40,9 +39,6 @@ class UnixSocketPeer {
     /// not stop it.
     Task<bool> terminate(int pid, std::string expectingNamePrefix, Duration grace) const;
 
-    /// A connected, non-blocking descriptor. Never waits: a listener whose backlog is full counts as a
-    /// failure (EAGAIN). Throws POSIXError; ENAMETOOLONG for a path beyond the limit.
-    static FileDescriptor connectWithoutWaiting(const std::string& path);
     static Signaller systemSignaller();
 
   private:

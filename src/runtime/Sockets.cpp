@@ -30,8 +30,8 @@ sockaddr_in loopbackAddress(std::uint16_t port) {
     return address;
 }
 
-FileDescriptor makeSocket(int family) {
-    FileDescriptor fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+FileDescriptor makeSocket(int family, int flags = 0) {
+    FileDescriptor fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
     if (!fd) throw POSIXError(errno);
     return fd;
 }
@@ -41,14 +41,20 @@ const sockaddr* generic(const Address& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-}  // namespace
-
-FileDescriptor connectUnixSocket(const std::string& path) {
+FileDescriptor connectUnix(const std::string& path, int flags) {
     const auto address = unixAddress(path);
-    auto fd = makeSocket(AF_UNIX);
+    auto fd = makeSocket(AF_UNIX, flags);
     while (::connect(fd.get(), generic(address), sizeof address) != 0)
         if (errno != EINTR) throw POSIXError(errno);
     return fd;
+}
+
+}  // namespace
+
+FileDescriptor connectUnixSocket(const std::string& path) { return connectUnix(path, 0); }
+
+FileDescriptor connectUnixSocketWithoutWaiting(const std::string& path) {
+    return connectUnix(path, SOCK_NONBLOCK);
 }
 
 FileDescriptor listenUnixSocket(const std::string& path, int backlog) {

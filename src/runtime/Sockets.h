@@ -16,6 +16,9 @@ constexpr std::size_t maximumSocketPathBytes = 103;
 /// One blocking connect. Throws POSIXError; ENAMETOOLONG for a path beyond the limit. The descriptor is
 /// close-on-exec and blocking; a peer's disappearance shows as an error, since SIGPIPE is ignored.
 FileDescriptor connectUnixSocket(const std::string& path);
+/// The same with a non-blocking descriptor, and it never waits: a listener whose backlog is full counts as a
+/// failure (EAGAIN), where a blocking connect would wait for as long as the listener hangs.
+FileDescriptor connectUnixSocketWithoutWaiting(const std::string& path);
 /// Listens at `path` with permissions 0600. Throws POSIXError; an existing file there is an error
 /// (EADDRINUSE).
 FileDescriptor listenUnixSocket(const std::string& path, int backlog = 64);

@@ -20,13 +20,12 @@ constexpr int readsPerTurn = 128;
 // next one that it does get makes up for them. A lost request or key would stay lost, and these are few.
 constexpr std::size_t maximumOutboxBytes = 1'048'576;
 
-/// None when nobody listens (yet).
+/// None when nobody listens (yet), or the server hangs and its backlog is full.
 FileDescriptor tryConnect(const std::string& path) {
     try {
-        auto fd = connectUnixSocket(path);
+        auto fd = connectUnixSocketWithoutWaiting(path);
         for (const int option : {SO_RCVBUF, SO_SNDBUF})
             ::setsockopt(fd.get(), SOL_SOCKET, option, &socketBufferBytes, sizeof socketBufferBytes);
-        setNonBlocking(fd.get(), true);
         return fd;
     } catch (const POSIXError&) {
         return {};
@@ -106,11 +105,8 @@ Task<void> RFBLink::establish(Instant deadline) {
 }
 
 Task<FileDescriptor> RFBLink::openSocket(Instant deadline) {
-    // Connecting blocks while the server's backlog is full.
-    const auto attempt = [path = socketPath_] { return tryConnect(path); };
     while (runtime_.clock.now() < deadline) {
-        auto fd = co_await runtime_.background.run(attempt);
-        throwIfClosed();
+        auto fd = tryConnect(socketPath_);
         if (fd) co_return fd;
         co_await runtime_.clock.sleep(retryInterval);
         throwIfClosed();
