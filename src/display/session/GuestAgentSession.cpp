@@ -150,12 +150,15 @@ void GuestAgentSession::handleAgent(const VDAgentIncomingMessage::Kind& message)
         if (fileTransfer_) fileTransfer_->handleStatus(status->id, status->status);
         return;
     }
+    const auto* data = std::get_if<VDAgentIncomingMessage::ClipboardData>(&message);
+    if (data != nullptr && data->format == VDAgentClipboardFormat::fileList)
+        logger_.info("客体发来了文件剪贴板内容,反方向没有实现,已丢弃");
     if (!clipboard_) return;
     if (const auto* grab = std::get_if<VDAgentIncomingMessage::ClipboardGrab>(&message))
         clipboard_->guestDidGrab(kindsOf(grab->formats));
     else if (const auto* request = std::get_if<VDAgentIncomingMessage::ClipboardRequest>(&message)) {
         if (const auto kind = kindOf(request->format)) clipboard_->guestRequests(*kind);
-    } else if (const auto* data = std::get_if<VDAgentIncomingMessage::ClipboardData>(&message))
+    } else if (data != nullptr)
         handleClipboardData(*data);
     else if (std::holds_alternative<VDAgentIncomingMessage::ClipboardRelease>(message))
         clipboard_->guestDidRelease();
@@ -167,8 +170,6 @@ void GuestAgentSession::handleClipboardData(const VDAgentIncomingMessage::Clipbo
             return clipboard_->guestDidProvideText(data.content);
         case VDAgentClipboardFormat::png:
             return clipboard_->guestDidProvideImage(data.content);
-        case VDAgentClipboardFormat::fileList:
-            return logger_.info("客体发来了文件剪贴板内容,反方向没有实现,已丢弃");
         default:
             return;
     }

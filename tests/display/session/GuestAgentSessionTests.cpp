@@ -154,6 +154,11 @@ TEST_F(GuestAgentSessionTest, startsWhatTheMachineSharesOnceTheAgentIsReady) {
 }
 
 TEST_F(GuestAgentSessionTest, handsMessagesToThoseWhoTakeThem) {
+    connect(false);
+    becomeReady();
+    receive(Message::ClipboardData{Format::fileList, toBytes("f")});
+    EXPECT_EQ(log_.lines().size(), 1U) << "told without a shared clipboard too";
+    session_->disconnect();
     connect();
     becomeReady();
     lines();
@@ -176,6 +181,7 @@ TEST_F(GuestAgentSessionTest, handsMessagesToThoseWhoTakeThem) {
         receive(each.message);
         EXPECT_EQ(lines(), each.expected) << each.message.index();
     }
+    EXPECT_EQ(log_.lines().size(), 2U);
     EXPECT_TRUE(log_.contains("客体发来了文件剪贴板内容,反方向没有实现,已丢弃"));
 }
 
