@@ -229,6 +229,7 @@ void GuestAgentSession::enqueue(const std::vector<Path>& files) {
 }
 
 void GuestAgentSession::dismissFileDrop() {
+    const auto self = shared_from_this();  // an observer of the cancelled transfer may drop it
     if (fileTransfer_ && fileDrop_ && !fileDrop_->isFinished) fileTransfer_->cancel();
     fileDrop_.reset();
     changed();
