@@ -210,7 +210,6 @@ void GuestAgentSession::close() {
     channel_.reset();
     connectTask_ = TaskHandle();
     if (registry_ != nullptr && options_.vmID) registry_->removeGuestTools(*options_.vmID);
-    changed();
 }
 
 void GuestAgentSession::endClipboardAndTransfers() {

@@ -31,9 +31,11 @@ class GuestAgentSession : public std::enable_shared_from_this<GuestAgentSession>
     bool canAcceptFileDrops() const { return canAcceptFileDrops_; }
     const std::optional<FileDropPresentation>& fileDrop() const { return fileDrop_; }
 
-    /// Begins to connect; nothing is published before the guest's agent is ready.
+    /// Begins to connect, once an earlier channel is closed; nothing is published before the guest's agent is
+    /// ready.
     void open(const std::string& socketPath, Options options);
-    /// Cancels transfers, ends the channel and clears what was published. Twice does nothing.
+    /// Cancels transfers, ends the channel and clears what was published. Twice does nothing. `onChange` is
+    /// left to the caller, who has more to end.
     void close();
     /// Queues files for the guest; only while it can accept them.
     void enqueue(const std::vector<Path>& files);

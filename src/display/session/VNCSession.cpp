@@ -38,13 +38,16 @@ VNCSession::VNCSession(const Runtime& runtime, GuestDisplayTransportMaking& tran
     : runtime_(runtime),
       transports_(transports),
       agent_(std::make_shared<GuestAgentSession>(runtime, agents, guestTools)) {
-    agent_->onChange = [this] { changed(); };
+    agent_->onChange = [this] {
+        const auto self = shared_from_this();  // as in connect
+        changed();
+    };
 }
 
 VNCSession::~VNCSession() {
     agent_->onChange = nullptr;
     changed.disconnect_all_slots();
-    disconnect();
+    endConnection();
 }
 
 /// A callback that may come on any thread and acts on the main one, while the present connection is still in
@@ -63,10 +66,10 @@ auto VNCSession::onMain(Action action) {
 void VNCSession::connect(Target target) {
     runtime_.main.assertIsolated();
     if (isConnecting_) return;
+    const auto self = shared_from_this();  // an observer may drop it, and the signal has work behind the last
+    endConnection();
     lastConnect_ = std::move(target);
-    const auto generation = ++generation_;
     failureReason_.reset();
-    isConnected_ = false;
     frame_ = nullptr;
     guestCursor_.reset();
     try {
@@ -78,7 +81,7 @@ void VNCSession::connect(Target target) {
     listenTo(*connection_);
     isConnecting_ = true;
     connectTask_ = spawn(runtime_.main.executor(),
-                         connectTransport(weak_from_this(), connection_, generation), "connectDisplay");
+                         connectTransport(weak_from_this(), connection_, generation_), "connectDisplay");
     if (lastConnect_->agentSocketPath) agent_->open(*lastConnect_->agentSocketPath, lastConnect_->agent);
     changed();
 }
@@ -163,6 +166,13 @@ void VNCSession::reconnect() {
 }
 
 void VNCSession::disconnect() {
+    const auto self = shared_from_this();  // as in connect
+    endConnection();
+    changed();
+}
+
+/// Tells nobody: an observer that acts on a half-ended connection would have its doing undone by the rest.
+void VNCSession::endConnection() {
     ++generation_;
     agent_->close();
     releaseHeldKeys();
@@ -170,7 +180,6 @@ void VNCSession::disconnect() {
     isConnecting_ = false;
     if (const auto connection = std::exchange(connection_, nullptr)) connection->close();
     isConnected_ = false;
-    changed();
 }
 
 void VNCSession::sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) {

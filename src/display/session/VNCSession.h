@@ -84,6 +84,7 @@ class VNCSession : public std::enable_shared_from_this<VNCSession> {
     void connectionWasLost(const std::exception_ptr& error);
     void scheduleReconnect();
     void reconnect();
+    void endConnection();
     void suppressStartMenu();
 
     const Runtime& runtime_;

@@ -295,6 +295,50 @@ TEST_F(GuestAgentSessionTest, disconnectEndsEverythingAndLateCallbacksAreNotHear
     EXPECT_TRUE(lines().empty());
 }
 
+TEST_F(GuestAgentSessionTest, connectEndsWhatAnEarlierGuestShared) {
+    connect();
+    transports_.latest().connected.succeed();
+    becomeReady();
+    lines();
+    connect(false, false);
+    EXPECT_EQ(lines(), (Lines{"cancel", "stop", "close channel", "no tools", "channel /a"}));
+    becomeReady();
+    EXPECT_FALSE(session_->canAcceptFileDrops());
+    receive(Message::ClipboardRelease{});
+    EXPECT_EQ(lines(), (Lines{"tools " + std::to_string(newTools)}));
+}
+
+TEST_F(GuestAgentSessionTest, viewMayDropOrRestartItWhileItDisconnects) {
+    connect();
+    becomeReady();
+    for (int observer = 0; observer < 3; ++observer) session_->changed.connect([this] { session_.reset(); });
+    session_->disconnect();
+    EXPECT_EQ(session_, nullptr);
+
+    session_ = std::make_shared<VNCSession>(host_.runtime(), transports_, &agents_, &agents_);
+    connect();
+    becomeReady();
+    bool restarted = false;
+    session_->changed.connect([&] {
+        if (!std::exchange(restarted, true)) session_->connect({VNCChannel{"/other.sock"}, std::nullopt, {}});
+    });
+    session_->disconnect();
+    EXPECT_EQ(transports_.channels.back(), GuestDisplayChannel(VNCChannel{"/other.sock"}));
+    transports_.latest().onFrame(FakeDisplayTransport::makeFrame(1, 1));
+    host_.settle();
+    EXPECT_TRUE(session_->isConnected());
+    EXPECT_FALSE(transports_.latest().isClosed);
+}
+
+TEST_F(GuestAgentSessionTest, viewMayDropItOnceItsTransferIsCancelled) {
+    connect();
+    becomeReady();
+    agents_.transfer->onProgress({"a", 1, 1, 0, 1});
+    session_->changed.connect([this] { session_.reset(); });
+    session_->dismissFileDrop();
+    EXPECT_EQ(session_, nullptr);
+}
+
 TEST_F(GuestAgentSessionTest, viewMayDisconnectFromInsideATransfersReport) {
     connect();
     becomeReady();

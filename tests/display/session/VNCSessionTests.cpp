@@ -93,6 +93,8 @@ TEST_F(VNCSessionTest, failedFirstConnectIsToldAndNotRetried) {
     transports_.failure = std::make_exception_ptr(std::runtime_error("no such display here"));
     connect();
     EXPECT_EQ(session_->failureReason(), "no such display here");
+    session_->sendKey(letterA, true);
+    EXPECT_EQ(transports_.latest().events, (std::vector<std::string>{"close"})) << "the old guest's";
 }
 
 TEST_F(VNCSessionTest, lostConnectionIsRetriedAfterOneTwoAndFourSeconds) {
