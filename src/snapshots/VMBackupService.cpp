@@ -2,8 +2,8 @@
 #include "snapshots/VMBackupService.h"
 
 #include "base/Localized.h"
-#include "core/DorvaneError.h"
 #include "core/VMConfiguration.h"
+#include "snapshots/SnapshotFailure.h"
 #include "snapshots/VMBackupServiceUnpacking.h"
 #include "snapshots/VMBackupServiceWork.h"
 
@@ -119,7 +119,7 @@ Task<VMRecordPointer> VMBackupService::restore(Path archive, std::optional<std::
         if (failure && restore.hasMoved) fs::remove_all(restore.destination, ignored);
     };
     co_await with_.runtime.background.run(cleanUp);
-    if (failure) rethrowAs(Case::vmRestoreFailed, failure);
+    if (failure) rethrowAsOwn(Case::vmRestoreFailed, failure);
     logger.info("Restored VM: %s", restore.vm->name);
     co_return restore.vm;
 }

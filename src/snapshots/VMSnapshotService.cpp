@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "base/Localized.h"
-#include "core/DorvaneError.h"
 #include "snapshots/SnapshotChainRepair.h"
+#include "snapshots/SnapshotFailure.h"
 #include "snapshots/SnapshotMetadata.h"
 #include "snapshots/SnapshotRestoration.h"
 
@@ -13,27 +13,6 @@ namespace dorvane {
 namespace {
 
 using Case = DorvaneError::Case;
-
-/// A refusal made for snapshots in general becomes one of this operation.
-[[noreturn]] void rethrowAsOwn(Case which, const std::exception_ptr& failure) {
-    try {
-        std::rethrow_exception(failure);
-    } catch (const DorvaneError& error) {
-        if (error.which() == Case::vmSnapshotFailed) throw DorvaneError(which, error.text());
-    } catch (...) {
-        // As any other.
-    }
-    rethrowAs(which, failure);
-}
-
-Task<std::exception_ptr> outcome(Task<void> task) {
-    try {
-        co_await std::move(task);
-    } catch (...) {
-        co_return std::current_exception();
-    }
-    co_return nullptr;
-}
 
 }  // namespace
 

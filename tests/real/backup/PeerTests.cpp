@@ -94,7 +94,9 @@ TEST_F(BackupPeers, DisksThatLeadOutOfTheBackupAreRefused) {
 
     const auto refuses = [&](const std::string& what, const char* words) {
         run(careful.exportBackup(source, archive, {}));
-        EXPECT_THAT(failureOf(careful.restoreBackup(archive, "copy", {})).text(), HasSubstr(words)) << what;
+        const auto error = failureOf(careful.restoreBackup(archive, "copy", {}));
+        EXPECT_EQ(error.which(), DorvaneError::Case::vmRestoreFailed) << what;
+        EXPECT_THAT(error.text(), HasSubstr(words)) << what;
         EXPECT_FALSE(fs::exists(storage / "copy")) << what;
         EXPECT_EQ(std::distance(fs::directory_iterator(storage), {}), 2) << what;
     };
