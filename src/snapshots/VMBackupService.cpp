@@ -57,7 +57,10 @@ struct VMBackupService::Restore {
 Task<void> VMBackupService::exportBackup(VMRecordPointer vm, Path destinationURL,
                                          VMBackupProgressHandler progress) {
     tell(progress, Phase::preparing);
-    if (with_.recovery != nullptr) co_await with_.recovery->recover(vm);
+    if (with_.recovery != nullptr) {
+        const auto failure = co_await outcome(with_.recovery->recover(vm));
+        if (failure) rethrowAsOwn(Case::vmBackupFailed, failure);
+    }
     if (vm->status != VMStatus::stopped || (with_.isShutDown && !with_.isShutDown(*vm)))
         throw DorvaneError(Case::vmBackupFailed,
                            localized("VM '%@' must be stopped before creating a backup.", vm->name));

@@ -35,29 +35,30 @@ bool VMSnapshotService::isDown(const VMRecord& vm) const {
 }
 
 /// Whatever is awaited here, the machine is free and not being started when it returns.
-Task<void> VMSnapshotService::beginOperation(VMRecordPointer vm) {
+Task<void> VMSnapshotService::beginOperation(VMRecordPointer vm, Case which) {
     if (vm->isDeleted) throw DorvaneError::vmNotFound(vm->id);
-    if (isDown(*vm)) co_await recover(vm);
+    const auto failure = co_await outcome(recover(vm));
+    if (failure) rethrowAsOwn(which, failure);
     with_.gate.requireFree(vm->id, vm->name);
     if (vm->isDeleted) throw DorvaneError::vmNotFound(vm->id);
-    if (with_.isStarting && with_.isStarting(vm->id)) throw DorvaneError(Case::vmBusy, vm->name);
+    if (isStarting(*vm)) throw DorvaneError(Case::vmBusy, vm->name);
 }
 
 Task<VMSnapshotPointer> VMSnapshotService::takeSnapshot(VMRecordPointer vm, std::string name, bool includeRAM,
                                                         VMSnapshotKind kind) {
-    co_await beginOperation(vm);
+    co_await beginOperation(vm, Case::vmSnapshotFailed);
     auto operation = takeSnapshotLocked(vm, std::move(name), includeRAM, kind);
     co_return co_await with_.gate.perform(vm->id, vm->name, std::move(operation));
 }
 
 Task<void> VMSnapshotService::restoreSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) {
-    co_await beginOperation(vm);
+    co_await beginOperation(vm, Case::vmSnapshotRestoreFailed);
     auto operation = restoreSnapshotLocked(snapshot, vm);
     co_await with_.gate.perform(vm->id, vm->name, std::move(operation));
 }
 
 Task<void> VMSnapshotService::deleteSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) {
-    co_await beginOperation(vm);
+    co_await beginOperation(vm, Case::vmSnapshotDeleteFailed);
     auto operation = deleteSnapshotLocked(snapshot, vm);
     co_await with_.gate.perform(vm->id, vm->name, std::move(operation));
 }

@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "core/DorvaneError.h"
 #include "core/SecurityScopedBookmarkStore.h"
 #include "core/VMBundleRecovering.h"
 #include "core/VMEngineProtocol.h"
@@ -57,7 +58,9 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
   private:
     struct Capture;
 
-    Task<void> beginOperation(VMRecordPointer vm);
+    /// `which` is the case of the operation's own failures.
+    Task<void> beginOperation(VMRecordPointer vm, DorvaneError::Case which);
+    bool isStarting(const VMRecord& vm) const { return with_.isStarting && with_.isStarting(vm.id); }
     /// The machine's files are in nobody's hands.
     bool isDown(const VMRecord& vm) const;
     const SnapshotChainStore* chainStore(const VMRecord& vm) const {
