@@ -150,12 +150,12 @@ Task<void> VMSnapshotService::deleteSnapshotLocked(VMSnapshotPointer snapshot, V
                 "have to be merged first.");
         chain->deleteSnapshot(bundle, id);
     };
-    const auto failure = co_await outcome(inBackground(vm, work));
+    auto failure = co_await outcome(inBackground(vm, work));
+    if (!failure) failure = co_await outcome(forget(snapshot, vm));
     if (failure) {
         recovered_.erase(vm->id);
         rethrowAsOwn(Case::vmSnapshotDeleteFailed, failure);
     }
-    co_await forget(snapshot, vm);
     logger_.info("Deleted snapshot '%{public}s'", snapshot->name);
 }
 
@@ -167,8 +167,6 @@ Task<void> VMSnapshotService::forget(VMSnapshotPointer snapshot, VMRecordPointer
         row->parentSnapshotID = snapshot->parentSnapshotID;
         changed.push_back(*row);
     }
-    with_.modelContext.remove(snapshot);
-    with_.modelContext.save();
     const auto rewrite = [bundle = vm->bundle(), &changed] {
         for (const auto& row : changed)
             SnapshotMetadata::of(row).write(SnapshotMetadata::file(bundle, row.id));
@@ -177,6 +175,8 @@ Task<void> VMSnapshotService::forget(VMSnapshotPointer snapshot, VMRecordPointer
     if (failure)
         logger_.error("Could not rewrite the description of a snapshot of %{public}s: %{public}s", vm->name,
                       localizedDescription(failure));
+    with_.modelContext.remove(snapshot);
+    with_.modelContext.save();
 }
 
 }  // namespace dorvane

@@ -20,8 +20,7 @@ class VMSnapshotServiceProtocol {
                                                  VMSnapshotKind kind) = 0;
     /// Needs a stopped machine; its disk as it was is given up. Throws vmSnapshotRestoreFailed.
     virtual Task<void> restoreSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) = 0;
-    /// Other snapshots keep their content. Throws vmSnapshotDeleteFailed, or the disk tool's
-    /// vmSnapshotFailed.
+    /// Other snapshots keep their content. Throws vmSnapshotDeleteFailed.
     virtual Task<void> deleteSnapshot(VMSnapshotPointer snapshot, VMRecordPointer vm) = 0;
     /// Deletes all but the newest `keeping` automatic snapshots and returns how many are gone. A busy machine
     /// ends it early; one that can't be deleted is passed over.
