@@ -68,12 +68,12 @@ Task<int> VMSnapshotService::pruneAutomaticSnapshots(VMRecordPointer vm, int kee
     std::erase_if(rows, [](const auto& row) { return row->kind() != VMSnapshotKind::automatic; });
     int removed = 0;
     for (auto index = static_cast<std::size_t>(std::max(keeping, 0)); index < rows.size(); ++index) {
-        if (with_.gate.isBusy(vm->id)) {
+        const auto failure = co_await outcome(deleteSnapshot(rows[index], vm));
+        if (isCancellation(failure)) std::rethrow_exception(failure);
+        if (isCase(failure, Case::vmBusy)) {
             logger_.info("VM %{public}s 进入忙碌", vm->name);
             break;
         }
-        const auto failure = co_await outcome(deleteSnapshot(rows[index], vm));
-        if (isCancellation(failure)) std::rethrow_exception(failure);
         if (failure)
             logger_.error("Failed to prune automatic snapshot %{public}s: %{public}s", rows[index]->name,
                           localizedDescription(failure));
