@@ -5,6 +5,7 @@
 #include "core/ConfigHash.h"
 #include "core/DorvaneError.h"
 #include "core/VMBundleReading.h"
+#include "snapshots/SnapshotFailure.h"
 #include "snapshots/SnapshotMetadata.h"
 #include "snapshots/VMSnapshotService.h"
 
@@ -193,7 +194,10 @@ Task<void> VMSnapshotService::switchToNewLayer(Capture* of) {
             of->chain->uncaptureRunning(of->bundle, id, captured.parentID);
         };
         co_await inBackground(of->vm, takeBack);
-        std::rethrow_exception(failure);
+        if (isCancellation(failure) || isCase(failure, DorvaneError::Case::vmSnapshotFailed))
+            std::rethrow_exception(failure);
+        // The engine's own cases speak of another operation.
+        throw DorvaneError(DorvaneError::Case::vmSnapshotFailed, localizedDescription(failure));
     }
     of->isSwitched = true;
     of->snapshot->parentSnapshotID = captured.parentID;
