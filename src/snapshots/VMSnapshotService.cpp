@@ -29,7 +29,7 @@ Task<std::vector<VMSnapshotPointer>> VMSnapshotService::listSnapshots(VMRecordPo
 }
 
 bool VMSnapshotService::isDown(const VMRecord& vm) const {
-    if (!vm.isShutDownForEditing()) return false;
+    if (!vm.isShutDownForEditing() || isStarting(vm)) return false;
     if (with_.engine == nullptr) return true;
     return with_.engine->status(vm.id).value_or(VMStatus::stopped) == VMStatus::stopped;
 }

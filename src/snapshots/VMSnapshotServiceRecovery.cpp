@@ -107,16 +107,18 @@ Task<void> VMSnapshotService::recover(VMRecordPointer vm) {
 Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
     const auto bundle = vm->bundle();
     const auto os = vm->osType;
-    const auto look = [bundle, os] {
-        return isThere(bundle.directoryURL) &&
-               (hasEntries(bundle.snapshotsDirectory()) || SnapshotRestoration::wasInterrupted(bundle, os) ||
-                !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty());
+    const auto look = [bundle, os]() -> std::optional<bool> {
+        // On a drive that isn't there yet, say: nothing is known of it.
+        if (!isThere(bundle.directoryURL)) return std::nullopt;
+        return hasEntries(bundle.snapshotsDirectory()) || SnapshotRestoration::wasInterrupted(bundle, os) ||
+               !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty();
     };
+    const auto hasWork = co_await inBackground(vm, look);
+    if (!hasWork.value_or(false)) co_return hasWork.has_value();
+    // Somebody may have begun to start it meanwhile; from here on the gate keeps them from that.
+    if (!isDown(*vm)) co_return false;
     const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
-    // It writes to the disk of a machine that shows no other sign of a crash as well.
     if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
-    const bool hasWork = co_await inBackground(vm, look);
-    if (!hasWork) co_return true;
     co_await ignoreCancellation();
     // An emulator that is ending lets go of its locks a moment later.
     bool isSound = false;
