@@ -83,12 +83,19 @@ bool SnapshotRestoration::restore(const VMSnapshot& snapshot) const {
     return withMemory;
 }
 
-void SnapshotRestoration::recover() const {
-    if (!isThere(Journal::file(bundle_))) return discardStaged();
+bool SnapshotRestoration::recover() const {
+    if (!isThere(Journal::file(bundle_))) {
+        discardStaged();
+        return false;
+    }
     const auto journal = Journal::read(bundle_);
-    if (fileNumber(bundle_.systemDisk(os_)) != journal.diskFileNumber) return finish(journal);
+    if (fileNumber(bundle_.systemDisk(os_)) != journal.diskFileNumber) {
+        finish(journal);
+        return true;
+    }
     discardStaged();
     Journal::remove(bundle_);
+    return false;
 }
 
 bool SnapshotRestoration::bringsMemoryBack(const VMSnapshot& snapshot, const SnapshotFiles& files) const {

@@ -20,8 +20,8 @@ class SnapshotRestoration {
 
     /// Returns whether the memory came back too. Throws vmSnapshotRestoreFailed or a lower error.
     bool restore(const VMSnapshot& snapshot) const;
-    /// Finishes or takes back a restore that was cut short.
-    void recover() const;
+    /// Finishes or takes back a restore that was cut short. Returns whether one has been finished.
+    bool recover() const;
     /// Whether anything of one is there.
     static bool wasInterrupted(const VMBundle& bundle, VMOSType os);
 

@@ -109,6 +109,8 @@ Task<void> VMSnapshotService::restoreSnapshotLocked(VMSnapshotPointer snapshot, 
 }
 
 Task<void> VMSnapshotService::syncDiskSizeAfterRestore(VMRecordPointer vm) {
+    // The size of a layer's file says nothing.
+    if (lacksImageTool(*vm)) co_return;
     const auto work = [bundle = vm->bundle(), os = vm->osType, chain = chainStore(*vm)] {
         const auto size = chain != nullptr ? chain->chainTool().virtualSize(bundle.qcow2Disk())
                                            : bundle.systemDiskLogicalSize(os);

@@ -63,6 +63,10 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
     bool isStarting(const VMRecord& vm) const { return with_.isStarting && with_.isStarting(vm.id); }
     /// The machine's files are in nobody's hands.
     bool isDown(const VMRecord& vm) const;
+    /// What its disk stands on can't be told.
+    bool lacksImageTool(const VMRecord& vm) const {
+        return vm.osType == VMOSType::windows && with_.chainStore == nullptr;
+    }
     const SnapshotChainStore* chainStore(const VMRecord& vm) const {
         return vm.osType == VMOSType::windows ? with_.chainStore : nullptr;
     }

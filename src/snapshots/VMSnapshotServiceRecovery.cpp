@@ -2,8 +2,9 @@
 // Making good what a crash left of a snapshot operation, and bringing rows and directories in step.
 #include <algorithm>
 
-#include "core/DorvaneError.h"
 #include "snapshots/SnapshotChainRepair.h"
+#include "snapshots/SnapshotFailure.h"
+#include "snapshots/SnapshotIdentity.h"
 #include "snapshots/SnapshotMetadata.h"
 #include "snapshots/SnapshotRestoration.h"
 #include "snapshots/VMSnapshotService.h"
@@ -45,9 +46,12 @@ FoundSnapshot examine(const VMBundle& bundle, VMOSType os, const UUID& id) {
 }
 
 std::vector<FoundSnapshot> examineAll(const VMBundle& bundle, VMOSType os, const SnapshotChainStore* chain) {
+    // Rows are taken out on the word of this: what can't be read isn't gone.
+    if (!isThere(bundle.directoryURL)) throw FileError("read", bundle.directoryURL, ENOENT);
     std::vector<FoundSnapshot> all;
+    if (!isThere(bundle.snapshotsDirectory())) return all;
     std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory(), ignored)) {
+    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory())) {
         const auto id = UUID::parse(entry.path().filename().string());
         if (id && entry.is_directory(ignored)) all.push_back(examine(bundle, os, *id));
     }
@@ -123,7 +127,8 @@ Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
     // An emulator that is ending lets go of its locks a moment later.
     bool isSound = false;
     std::exception_ptr failure;
-    for (int attempt = 0; attempt < recoveryAttempts; ++attempt) {
+    const int attempts = lacksImageTool(*vm) ? 1 : recoveryAttempts;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
         if (attempt > 0) co_await with_.runtime.clock.sleep(recoveryPause);
         try {
             isSound = co_await mend(vm);
@@ -139,14 +144,25 @@ Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
 }
 
 Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
-    const auto work = [this, bundle = vm->bundle(), os = vm->osType, chain = chainStore(*vm)] {
-        SnapshotRestoration(copier_, chain, bundle, os).recover();
+    const auto* chain = chainStore(*vm);
+    const auto finishRestore = [this, bundle = vm->bundle(), os = vm->osType, chain] {
+        return SnapshotRestoration(copier_, chain, bundle, os).recover();
+    };
+    const bool hasRestored = co_await inBackground(vm, finishRestore);
+    if (hasRestored) co_await syncDiskSizeAfterRestore(vm);
+    // Any directory may hold a layer that the live disk stands on.
+    if (lacksImageTool(*vm)) co_return false;
+    const auto repair = [bundle = vm->bundle(), chain] {
         removeLeftovers(bundle);
         return chain == nullptr || SnapshotChainRepair(*chain).run(bundle);
     };
-    const bool isSound = co_await inBackground(vm, work);
-    if (isSound) co_await alignRows(vm);
-    co_return isSound;
+    const bool isSound = co_await inBackground(vm, repair);
+    if (!isSound) co_return false;
+    const auto failure = co_await outcome(alignRows(vm));
+    if (failure)
+        logger_.error("Could not bring the snapshots of VM %{public}s in step with its files: %{public}s",
+                      vm->name, localizedDescription(failure));
+    co_return !failure;
 }
 
 Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
