@@ -271,9 +271,13 @@ Task<void> VMSnapshotService::keep(Capture* of) {
 Task<void> VMSnapshotService::undo(Capture* of) {
     // Should anything be left behind, the next operation looks for it.
     recovered_.erase(of->vm->id);
-    if (of->isSwitched) co_return;
     const auto work = [of] {
         const auto id = of->snapshot->id;
+        if (of->isSwitched) {
+            // Described, it would pass for a snapshot that had been taken.
+            std::filesystem::remove(of->files().metadata());
+            return;
+        }
         if (of->isLayerFrozen) of->chain->uncapture(of->bundle, id, of->snapshot->parentSnapshotID);
         if (of->chain != nullptr)
             of->chain->removeDirectoryWithoutDisk(of->bundle, id);
