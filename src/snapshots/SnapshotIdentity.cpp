@@ -5,7 +5,7 @@
 
 #include "base/Localized.h"
 #include "core/DorvaneError.h"
-#include "snapshots/SnapshotChainNode.h"
+#include "snapshots/SnapshotChainFiles.h"
 #include "snapshots/SnapshotMetadata.h"
 
 namespace dorvane {
@@ -15,11 +15,31 @@ namespace fs = std::filesystem;
 
 using Renames = std::map<UUID, UUID>;
 
-Renames newNames(const VMBundle& bundle) {
-    Renames names;
-    if (!fs::is_directory(bundle.snapshotsDirectory())) return names;
+std::set<UUID> snapshotIDs(const VMBundle& bundle) {
+    std::set<UUID> ids;
+    if (!fs::is_directory(bundle.snapshotsDirectory())) return ids;
     for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory()))
-        if (const auto id = UUID::parse(entry.path().filename().string())) names[*id] = UUID::random();
+        if (const auto id = UUID::parse(entry.path().filename().string())) ids.insert(*id);
+    return ids;
+}
+
+/// Stands in the bundle until every name has changed: each old one with its new one.
+Path renamesFile(const VMBundle& bundle) { return bundle.directoryURL / ".dorvane-renaming"; }
+
+void writeRenames(const VMBundle& bundle, const std::set<UUID>& ids) {
+    auto names = JSON::object();
+    for (const auto& id : ids) names[id.text()] = UUID::random().text();
+    writeFileAtomically(renamesFile(bundle), names.dump());
+}
+
+Renames readRenames(const VMBundle& bundle) {
+    Renames names;
+    const auto value = parseJSON(readTextFile(renamesFile(bundle)));
+    for (const auto& [from, to] : value.items()) {
+        const auto id = UUID::parse(from), name = UUID::parse(jsonValue<std::string>(to, from));
+        if (!id || !name) throw JSONError("The new names of the snapshots can't be read.");
+        names[*id] = *name;
+    }
     return names;
 }
 
@@ -50,14 +70,29 @@ void renameDescription(const Path& file, const UUID& id, const Renames& names) {
 }  // namespace
 
 void rotateSnapshotIdentities(const VMBundle& bundle, const QCOW2ChainToolProtocol* tool) {
-    const auto names = newNames(bundle);
-    if (names.empty()) return;
+    rotateSnapshotIdentities(bundle, tool, snapshotIDs(bundle));
+}
+
+void rotateSnapshotIdentities(const VMBundle& bundle, const QCOW2ChainToolProtocol* tool,
+                              const std::set<UUID>& ids) {
+    if (ids.empty()) return;
+    writeRenames(bundle, ids);
+    finishIdentityRotation(bundle, tool);
+}
+
+void finishIdentityRotation(const VMBundle& bundle, const QCOW2ChainToolProtocol* tool) {
+    if (!isThere(renamesFile(bundle))) return;
+    const auto names = readRenames(bundle);
     followParent(bundle, SnapshotChainNode::live(), names, tool);
-    for (const auto& [id, name] : names) followParent(bundle, SnapshotChainNode::snapshot(id), names, tool);
+    for (const auto& id : snapshotIDs(bundle))
+        followParent(bundle, SnapshotChainNode::snapshot(id), names, tool);
     for (const auto& [id, name] : names) {
+        const auto directory = SnapshotChainNode::directory(bundle, id);
+        if (!isThere(directory)) continue;
         renameDescription(SnapshotMetadata::file(bundle, id), name, names);
-        fs::rename(SnapshotChainNode::directory(bundle, id), SnapshotChainNode::directory(bundle, name));
+        chainfiles::moveFile(directory, SnapshotChainNode::directory(bundle, name));
     }
+    chainfiles::removeFile(renamesFile(bundle));
 }
 
 }  // namespace dorvane
