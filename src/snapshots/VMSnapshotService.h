@@ -97,6 +97,7 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
     /// Whether everything is in order.
     Task<bool> recoverNow(VMRecordPointer vm);
     Task<bool> mend(VMRecordPointer vm);
+    Task<void> separateFromOriginals(VMRecordPointer vm);
     Task<void> alignRows(VMRecordPointer vm);
     Task<void> followLayer(VMSnapshotPointer row, VMRecordPointer vm, std::optional<UUID> parentID);
     static void undoUnfinished(const VMBundle& bundle, const SnapshotChainStore* chain, const UUID& id);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Making good what a crash left of a snapshot operation, and bringing rows and directories in step.
 #include <algorithm>
+#include <map>
 
 #include "snapshots/SnapshotChainRepair.h"
 #include "snapshots/SnapshotFailure.h"
@@ -43,6 +44,19 @@ FoundSnapshot examine(const VMBundle& bundle, VMOSType os, const UUID& id) {
         // A later version's, or damaged: it stays as it is.
     }
     return found;
+}
+
+/// Whether the bundle has a snapshot that could be taken over while `original` has the same one.
+bool isCopy(const VMBundle& bundle, VMOSType os, const UUID& id, const Path& original) {
+    const auto own = SnapshotFiles(bundle, id).directory;
+    std::error_code ignored;
+    if (!isThere(own) || !isThere(original) || fs::equivalent(own, original, ignored)) return false;
+    const auto found = examine(bundle, os, id);
+    return found.hasDisk && found.metadata;
+}
+
+const QCOW2ChainToolProtocol* toolOf(const SnapshotChainStore* chain) {
+    return chain != nullptr ? &chain->chainTool() : nullptr;
 }
 
 std::vector<FoundSnapshot> examineAll(const VMBundle& bundle, VMOSType os, const SnapshotChainStore* chain) {
@@ -154,6 +168,7 @@ Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
     if (lacksImageTool(*vm)) co_return false;
     const auto repair = [bundle = vm->bundle(), chain] {
         removeLeftovers(bundle);
+        finishIdentityRotation(bundle, toolOf(chain));
         return chain == nullptr || SnapshotChainRepair(*chain).run(bundle);
     };
     const bool isSound = co_await inBackground(vm, repair);
@@ -165,7 +180,26 @@ Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
     co_return !failure;
 }
 
+/// A copied bundle brings snapshots under the names that they have in its original. Those stay the
+/// original's.
+Task<void> VMSnapshotService::separateFromOriginals(VMRecordPointer vm) {
+    std::map<UUID, Path> others;
+    for (const auto& other : with_.modelContext.fetchRecords()) {
+        if (other->id == vm->id) continue;
+        for (const auto& row : with_.modelContext.fetchSnapshots(other->id))
+            others.emplace(row->id, SnapshotFiles(other->bundle(), row->id).directory);
+    }
+    const auto separate = [bundle = vm->bundle(), os = vm->osType, chain = chainStore(*vm), &others] {
+        std::set<UUID> shared;
+        for (const auto& [id, directory] : others)
+            if (isCopy(bundle, os, id, directory)) shared.insert(id);
+        rotateSnapshotIdentities(bundle, toolOf(chain), shared);
+    };
+    co_await inBackground(vm, separate);
+}
+
 Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
+    co_await separateFromOriginals(vm);
     const auto* chain = chainStore(*vm);
     const auto look = [bundle = vm->bundle(), os = vm->osType, chain] {
         return examineAll(bundle, os, chain);
