@@ -1,19 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Taking, restoring, deleting and pruning snapshots over fake engines and layers.
-#include "snapshots/VMSnapshotService.h"
-
 #include <gmock/gmock.h>
 
 #include "core/ConfigHash.h"
-#include "snapshots/FakeChainTool.h"
-#include "snapshots/SnapshotMetadata.h"
-#include "support/ErrorOf.h"
-#include "support/FakeEngine.h"
-#include "support/FakeFileManager.h"
-#include "support/InMemoryModelContext.h"
-#include "support/LogCapture.h"
-#include "support/TemporaryDirectory.h"
-#include "support/TestRuntime.h"
+#include "snapshots/VMSnapshotScene.h"
 
 namespace dorvane {
 namespace {
@@ -25,82 +15,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using Case = DorvaneError::Case;
 
-class VMSnapshotServiceTest : public testing::Test {
-  protected:
-    VMRecordPointer machine(VMOSType os, const std::string& name = "Machine") {
-        auto vm = std::make_shared<VMRecord>();
-        vm->name = name;
-        vm->osType = os;
-        vm->vmPath = (storage / name).string();
-        const auto bundle = vm->bundle();
-        fs::create_directory(bundle.directoryURL);
-        config.os = os;
-        config.write(bundle.configFile());
-        if (os == VMOSType::windows)
-            FakeChainTool::createDisk(bundle.qcow2Disk());
-        else
-            writeFileAtomically(bundle.rawDisk(), "disk");
-        writeFileAtomically(SnapshotFiles::nvramFile(bundle, os), "variables");
-        context.insert(vm);
-        return vm;
-    }
-    void setStatus(const VMRecordPointer& vm, VMStatus status) {
-        vm->status = status;
-        engine.adopt(vm->id, status);
-    }
-    VMSnapshotPointer take(const VMRecordPointer& vm, const std::string& name, bool memory = false,
-                           VMSnapshotKind kind = VMSnapshotKind::manual) {
-        clock.advance(seconds(1));
-        return host.run(service.takeSnapshot(vm, name, memory, kind));
-    }
-    template <typename T>
-    std::string refusalOf(Task<T> operation) {
-        const auto error = test::errorOf([&] { host.run(std::move(operation)); });
-        return error.text().empty() ? error.what() : error.text();
-    }
-    std::vector<std::string> names(const VMRecordPointer& vm) {
-        std::vector<std::string> all;
-        for (const auto& row : host.run(service.listSnapshots(vm))) all.push_back(row->name);
-        return all;
-    }
-    std::set<std::string> directories(const VMRecordPointer& vm) const {
-        std::set<std::string> all;
-        if (fs::exists(vm->bundle().snapshotsDirectory()))
-            for (const auto& entry : fs::directory_iterator(vm->bundle().snapshotsDirectory()))
-                all.insert(entry.path().filename().string());
-        return all;
-    }
-
-    Task<void> endEmulator(UUID id) {
-        EXPECT_TRUE(gate.isBusy(id));
-        endedEmulators.push_back(id);
-        co_return;
-    }
-
-    test::TestRuntime host;
-    test::VirtualClock& clock = host.clock();
-    test::LogCapture log;
-    test::TemporaryDirectory storage;
-    test::FakeEngine engine;
-    test::FakeFileManager fileManager{storage / "trash"};
-    test::InMemoryModelContext context;
-    SecurityScopedBookmarkStore bookmarks;
-    VMOperationGate gate;
-    DorvaneVMConfig config;
-    const std::shared_ptr<FakeChainTool> tool = std::make_shared<FakeChainTool>();
-    const SnapshotChainStore chain{tool};
-    std::set<UUID> starting;
-    std::vector<UUID> endedEmulators;
-    VMSnapshotService service{{.runtime = host.runtime(),
-                               .gate = gate,
-                               .fileManager = fileManager,
-                               .bookmarks = bookmarks,
-                               .modelContext = context,
-                               .engine = &engine,
-                               .chainStore = &chain,
-                               .isStarting = [this](const UUID& id) { return starting.contains(id); },
-                               .endLeftoverEmulator = [this](UUID id) { return endEmulator(id); }}};
-};
+class VMSnapshotServiceTest : public test::VMSnapshotScene {};
 
 TEST_F(VMSnapshotServiceTest, RefusesBeforeAnythingIsTouched) {
     const auto windows = machine(VMOSType::windows);
@@ -218,6 +133,8 @@ TEST_F(VMSnapshotServiceTest, AFailedCaptureLeavesNothingAndTheGuestGoesOn) {
     EXPECT_FALSE(fs::exists(SnapshotFiles(vm->bundle(), kept->id).state()));
     EXPECT_TRUE(log.contains("内存迁移失败,快照降级为仅磁盘: no room"));
     EXPECT_EQ(engine.status(vm->id), VMStatus::running);
+    engine.failNext("overlay", std::make_exception_ptr(DorvaneError::vmNotFound(vm->id)));
+    EXPECT_EQ(test::errorOf([&] { take(vm, "x"); }).which(), Case::vmSnapshotFailed);
 
     const auto stopped = machine(VMOSType::windows, "Stopped");
     context.failNextSave = true;
@@ -275,6 +192,29 @@ TEST_F(VMSnapshotServiceTest, ADeletedSnapshotsChildrenStandOnItsParent) {
     EXPECT_EQ(SnapshotMetadata::read(SnapshotMetadata::file(vm->bundle(), c->id)).parentSnapshotID, a->id);
     EXPECT_EQ(directories(vm), (std::set{a->id.text(), c->id.text()}));
     EXPECT_NE(refusalOf(service.deleteSnapshot(b, vm)), "no refusal");
+    context.failNextSave = true;
+    EXPECT_EQ(test::errorOf([&] { host.run(service.deleteSnapshot(a, vm)); }).which(),
+              Case::vmSnapshotDeleteFailed);
+    EXPECT_EQ(SnapshotMetadata::read(SnapshotMetadata::file(vm->bundle(), c->id)).parentSnapshotID,
+              std::nullopt);
+    const auto saves = context.saveCount;
+    EXPECT_THAT(names(vm), ElementsAre("c"));
+    EXPECT_GT(context.saveCount, saves) << "made good with the next use";
+}
+
+TEST_F(VMSnapshotServiceTest, ALayerWithoutARowIsMergedOnceTheMachineIsDown) {
+    const auto vm = machine(VMOSType::windows);
+    setStatus(vm, VMStatus::running);
+    FakeChainTool::guestWrites(vm->bundle().qcow2Disk(), "1", "before");
+    context.failNextSave = true;
+    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "x", false, VMSnapshotKind::manual)),
+              "the store can't be written");
+    EXPECT_EQ(directories(vm).size(), 1U) << "the guest runs on it";
+    engine.vanish(vm->id, VMStopReason::requested());
+    vm->status = VMStatus::stopped;
+    EXPECT_THAT(names(vm), IsEmpty());
+    EXPECT_THAT(directories(vm), IsEmpty());
+    EXPECT_EQ(FakeChainTool::content(vm->bundle().qcow2Disk()), (FakeChainTool::Content{{"1", "before"}}));
 }
 
 TEST_F(VMSnapshotServiceTest, PruningKeepsTheNewestAndEveryManualOne) {
@@ -288,35 +228,12 @@ TEST_F(VMSnapshotServiceTest, PruningKeepsTheNewestAndEveryManualOne) {
         EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 0)), 0);
         EXPECT_TRUE(log.contains("VM Machine 进入忙碌"));
     }
+    starting.insert(vm->id);
+    EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 0)), 0);
+    EXPECT_FALSE(log.contains("Failed to prune"));
+    starting.clear();
     EXPECT_EQ(host.run(service.pruneAutomaticSnapshots(vm, 0)), 2);
     EXPECT_THAT(names(vm), ElementsAre("mine"));
-}
-
-TEST_F(VMSnapshotServiceTest, RowsFollowTheFilesOfAMovedBundle) {
-    const auto vm = machine(VMOSType::windows);
-    const auto a = take(vm, "a"), b = take(vm, "b", false, VMSnapshotKind::automatic);
-    const auto moved = machine(VMOSType::windows, "Moved");
-    fs::remove_all(moved->vmPath);
-    fs::copy(vm->vmPath, moved->vmPath, fs::copy_options::recursive);
-    // Described by a later version: nothing is known about it, and so nothing is done to it.
-    const auto later = UUID::random();
-    fs::create_directory(SnapshotFiles(moved->bundle(), later).directory);
-    writeFileAtomically(SnapshotFiles(moved->bundle(), later).metadata(), R"({"formatVersion": 99})");
-    host.run(service.recover(moved));
-    EXPECT_THAT(names(moved), testing::UnorderedElementsAre("a", "b"));
-    for (const auto& row : host.run(service.listSnapshots(moved))) EXPECT_EQ(row->vmID, moved->id);
-    EXPECT_TRUE(fs::exists(SnapshotFiles(moved->bundle(), later).directory));
-}
-
-TEST_F(VMSnapshotServiceTest, AnEmulatorThatACrashLeftEndsWithoutAnyOtherSignOfTheCrash) {
-    const auto vm = machine(VMOSType::windows), linux = machine(VMOSType::linux, "Native");
-    setStatus(vm, VMStatus::running);
-    host.run(service.recover(vm));
-    EXPECT_THAT(endedEmulators, IsEmpty()) << "this process's own";
-    setStatus(vm, VMStatus::stopped);
-    for (const auto& each : {vm, linux, vm}) host.run(service.recover(each));
-    EXPECT_THAT(endedEmulators, ElementsAre(vm->id));
-    EXPECT_FALSE(gate.isBusy(vm->id));
 }
 
 }  // namespace
