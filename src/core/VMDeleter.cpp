@@ -19,6 +19,9 @@ Task<void> recoverTolerantly(VMBundleRecovering* recovery, VMRecordPointer vm) {
     std::exception_ptr failure;
     try {
         co_await recovery->recover(vm);
+    } catch (const DorvaneError& error) {
+        if (error.which() == DorvaneError::Case::vmBusy) throw;
+        failure = std::current_exception();
     } catch (...) {
         failure = std::current_exception();
     }
@@ -32,10 +35,14 @@ Task<void> recoverTolerantly(VMBundleRecovering* recovery, VMRecordPointer vm) {
 
 Task<void> VMDeleter::remove(VMRecordPointer vm, bool permanently) {
     requireAlive(*vm);
+    // One that is under way already holds the gate.
+    co_await recoverTolerantly(with_.recovery, vm);
+    requireAlive(*vm);
     with_.gate.requireFree(vm->id, vm->name);
     watcher_.forget(vm->id);
+    const bool wasDown = vm->isShutDownForEditing();
     co_await powerOff(vm);
-    co_await recoverTolerantly(with_.recovery, vm);
+    if (!wasDown) co_await recoverTolerantly(with_.recovery, vm);
     requireAlive(*vm);
     std::optional<Path> trashed;
     {

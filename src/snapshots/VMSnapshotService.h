@@ -2,6 +2,7 @@
 // The one way to take, list, restore and delete snapshots: rows, files and disk layers in step.
 #pragma once
 
+#include <map>
 #include <set>
 
 #include "core/DorvaneError.h"
@@ -106,7 +107,8 @@ class VMSnapshotService : public VMSnapshotServiceProtocol, public VMBundleRecov
     const SnapshotFileCopier copier_;
     const Logger logger_{"VMSnapshotService"};
     /// Machines that this process has seen to, and those that it is seeing to.
-    std::set<UUID> recovered_, recovering_;
+    std::set<UUID> recovered_;
+    std::map<UUID, Event> recovering_;
 };
 
 template <typename Work>

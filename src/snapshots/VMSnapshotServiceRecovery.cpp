@@ -15,8 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto longestRecovery = std::chrono::hours(1);
-constexpr auto recoveryInterval = milliseconds(20);
 constexpr int recoveryAttempts = 5;
 constexpr auto recoveryPause = milliseconds(300);
 
@@ -106,10 +104,13 @@ void removeLeftovers(const VMBundle& bundle) {
 
 Task<void> VMSnapshotService::recover(VMRecordPointer vm) {
     const auto id = vm->id;
-    std::function<bool()> isFree = [this, id] { return !recovering_.contains(id); };
-    co_await pollUntil(with_.runtime.clock, longestRecovery, recoveryInterval, isFree);
+    for (auto present = recovering_.find(id); present != recovering_.end(); present = recovering_.find(id)) {
+        const auto ended = present->second;
+        co_await ended.wait();
+    }
     if (recovered_.contains(id) || !isDown(*vm)) co_return;
-    recovering_.insert(id);
+    const Event ended;
+    recovering_.emplace(id, ended);
     bool isDone = false;
     std::exception_ptr failure;
     try {
@@ -117,9 +118,10 @@ Task<void> VMSnapshotService::recover(VMRecordPointer vm) {
     } catch (...) {
         failure = std::current_exception();
     }
-    recovering_.erase(id);
-    if (failure) std::rethrow_exception(failure);
     if (isDone) recovered_.insert(id);
+    recovering_.erase(id);
+    ended.set();
+    if (failure) std::rethrow_exception(failure);
 }
 
 Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
@@ -131,12 +133,12 @@ Task<bool> VMSnapshotService::recoverNow(VMRecordPointer vm) {
         return hasEntries(bundle.snapshotsDirectory()) || SnapshotRestoration::wasInterrupted(bundle, os) ||
                !isThere(bundle.systemDisk(os)) || !leftovers(bundle).empty();
     };
+    // Nobody begins to start it from here on.
+    const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
+    // It writes to the disk of a machine that shows no other sign of a crash as well.
+    if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
     const auto hasWork = co_await inBackground(vm, look);
     if (!hasWork.value_or(false)) co_return hasWork.has_value();
-    // Somebody may have begun to start it meanwhile; from here on the gate keeps them from that.
-    if (!isDown(*vm)) co_return false;
-    const VMOperationGate::Hold hold(with_.gate, vm->id, vm->name);
-    if (with_.endLeftoverEmulator && os == VMOSType::windows) co_await with_.endLeftoverEmulator(vm->id);
     co_await ignoreCancellation();
     // An emulator that is ending lets go of its locks a moment later.
     bool isSound = false;

@@ -185,7 +185,7 @@ TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
 TEST_F(InterruptedRefreshTest, workThatBeginsMeanwhileIsNotSweptInTheFoldersToCome) {
     const auto staging = folder / "elsewhere" / ".beta.importing-0123ABCD";
     std::filesystem::create_directories(staging);
-    std::filesystem::create_directories(storage);
+    makeBundle("gamma");
     insert("alpha", folder / "elsewhere" / "alpha");
     refreshWith([&] {
         if (gate.busyVMIDs().empty()) gate.begin(UUID::random(), "alpha");

@@ -33,10 +33,10 @@ TEST_F(VMStatusWatcherTest, whatHappensJustBeforeTheWatchIsSeen) {
     for (const auto& row : {Row{"gone", gone, VMStatus::stopped}, Row{"paused", paused, VMStatus::paused},
                             Row{"failed", failed, VMStatus::error}}) {
         const auto vm = addVM(row.name);
+        bool hasChanged = false;
         // The list is published between the end of the launch and the watch.
         Subscription published = service.vmsChanged.connect([&] {
-            const auto change = std::exchange(row.change, {});
-            if (change) change(vm->id);
+            if (!std::exchange(hasChanged, true)) row.change(vm->id);
         });
         run(service.startVM(vm));
         host.settle();

@@ -69,6 +69,11 @@ class VMSnapshotScene : public testing::Test {
                 all.insert(entry.path().filename().string());
         return all;
     }
+    Task<void> endEmulator(UUID id) {
+        EXPECT_TRUE(gate.isBusy(id));
+        endedEmulators.push_back(id);
+        co_return;
+    }
 
     TestRuntime host;
     VirtualClock& clock = host.clock();
@@ -83,6 +88,7 @@ class VMSnapshotScene : public testing::Test {
     const std::shared_ptr<FakeChainTool> tool = std::make_shared<FakeChainTool>();
     const SnapshotChainStore chain{tool};
     std::set<UUID> starting;
+    std::vector<UUID> endedEmulators;
     VMSnapshotServiceCollaborators with{
         .runtime = host.runtime(),
         .gate = gate,
@@ -91,7 +97,8 @@ class VMSnapshotScene : public testing::Test {
         .modelContext = context,
         .engine = &engine,
         .chainStore = &chain,
-        .isStarting = [this](const UUID& id) { return starting.contains(id); }};
+        .isStarting = [this](const UUID& id) { return starting.contains(id); },
+        .endLeftoverEmulator = [this](UUID id) { return endEmulator(id); }};
     VMSnapshotService service{with};
 };
 
