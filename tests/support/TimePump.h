@@ -13,8 +13,11 @@ class TimePump {
   public:
     explicit TimePump(VirtualClock& clock)
         : thread_([&clock](const std::stop_token& stop) {
-              while (!stop.stop_requested()) {
-                  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+              using RealTime = std::chrono::steady_clock;
+              constexpr auto step = std::chrono::milliseconds(1);
+              // A sleep may take several times as long as it was asked to.
+              for (auto due = RealTime::now() + step; !stop.stop_requested(); due += step) {
+                  std::this_thread::sleep_until(due);
                   clock.advance(milliseconds(10));
               }
           }) {}
