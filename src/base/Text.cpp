@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/Text.h"
 
-#include <wctype.h>
-
 #include <algorithm>
 #include <clocale>
+#include <cwctype>
 
 namespace dorvane {
 namespace {

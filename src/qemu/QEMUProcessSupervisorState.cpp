@@ -16,7 +16,7 @@ constexpr auto resumeTimeout = seconds(10.0);
 constexpr auto rejectionWait = seconds(1.0);
 constexpr auto rejectionInterval = milliseconds(50);
 
-Path sidecar(const Path& state) { return Path(state.string() + ".devices"); }
+Path sidecar(const Path& state) { return {state.string() + ".devices"}; }
 
 }  // namespace
 

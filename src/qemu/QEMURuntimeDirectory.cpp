@@ -51,7 +51,7 @@ QEMURuntimeDirectory QEMURuntimeDirectory::make(const UUID& id, const Path& base
 }
 
 Path QEMURuntimeDirectory::writeBootScript() const {
-    const auto directory = path_ / "boot";
+    auto directory = path_ / "boot";
     fs::create_directories(directory);
     std::string script = "@echo -off\necho Dorvane: booting the Windows installer...\n";
     // Repeated, since the shell's map of file systems isn't ready at first.

@@ -14,7 +14,7 @@ namespace dorvane {
 namespace {
 
 std::string chosenName(const SharedFolder& folder) {
-    const std::string wanted(trimmed(folder.mountPoint));
+    std::string wanted(trimmed(folder.mountPoint));
     if (!wanted.empty()) return wanted;
     Path path(folder.localPath);
     // With slashes at its end it has no name of its own.

@@ -32,7 +32,7 @@ ProcessCommand setUpCommand(const Path& tool, const Path& executable, const Path
 /// swtpm ends an option's value at a comma and knows no escape: a link beside the socket stands in.
 Path withoutComma(const Path& directory, const Path& socket) {
     if (directory.string().find(',') == std::string::npos) return directory;
-    const auto link = socket.parent_path() / "tpm";
+    auto link = socket.parent_path() / "tpm";
     removeQuietly(link);
     fs::create_directory_symlink(directory, link);
     return link;

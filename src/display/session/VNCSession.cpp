@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "display/session/VNCSession.h"
 
+#include <ranges>
+
 #include "core/DorvaneError.h"
 
 namespace dorvane {
@@ -196,7 +198,7 @@ void VNCSession::sendKey(const GuestKey& key, bool down) {
 
 void VNCSession::sendKeyCombination(const std::vector<GuestKey>& keys) {
     for (const auto& key : keys) sendKey(key, true);
-    for (auto key = keys.rbegin(); key != keys.rend(); ++key) sendKey(*key, false);
+    for (const auto& key : keys | std::views::reverse) sendKey(key, false);
 }
 
 void VNCSession::releaseHeldKeys() {

@@ -65,7 +65,7 @@ bool fitsSockets(const Path& directory) {
 /// A folder in a place where everybody may write: the same one at each start, unless somebody else has taken
 /// it.
 Path privateDirectory(const Path& base) {
-    const auto usual = base / (std::string(folderName) + "-" + std::to_string(::geteuid()));
+    auto usual = base / (std::string(folderName) + "-" + std::to_string(::geteuid()));
     ::mkdir(usual.c_str(), 0700);
     if (belongsToUserAlone(usual)) return usual;
     std::string pattern = usual.string() + "-XXXXXX";
