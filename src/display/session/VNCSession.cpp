@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "display/session/VNCSession.h"
 
-#include <ranges>
-
 #include "core/DorvaneError.h"
 
 namespace dorvane {
@@ -198,7 +196,7 @@ void VNCSession::sendKey(const GuestKey& key, bool down) {
 
 void VNCSession::sendKeyCombination(const std::vector<GuestKey>& keys) {
     for (const auto& key : keys) sendKey(key, true);
-    for (const auto& key : keys | std::views::reverse) sendKey(key, false);
+    for (auto index = keys.size(); index > 0; --index) sendKey(keys[index - 1], false);
 }
 
 void VNCSession::releaseHeldKeys() {
