@@ -15,14 +15,6 @@ namespace fs = std::filesystem;
 
 using Renames = std::map<UUID, UUID>;
 
-std::set<UUID> snapshotIDs(const VMBundle& bundle) {
-    std::set<UUID> ids;
-    if (!fs::is_directory(bundle.snapshotsDirectory())) return ids;
-    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory()))
-        if (const auto id = UUID::parse(entry.path().filename().string())) ids.insert(*id);
-    return ids;
-}
-
 /// Stands in the bundle until every name has changed: each old one with its new one.
 Path renamesFile(const VMBundle& bundle) { return bundle.directoryURL / ".dorvane-renaming"; }
 
@@ -68,6 +60,14 @@ void renameDescription(const Path& file, const UUID& id, const Renames& names) {
 }
 
 }  // namespace
+
+std::set<UUID> snapshotIDs(const VMBundle& bundle) {
+    std::set<UUID> ids;
+    if (!fs::is_directory(bundle.snapshotsDirectory())) return ids;
+    for (const auto& entry : fs::directory_iterator(bundle.snapshotsDirectory()))
+        if (const auto id = UUID::parse(entry.path().filename().string())) ids.insert(*id);
+    return ids;
+}
 
 void rotateSnapshotIdentities(const VMBundle& bundle, const QCOW2ChainToolProtocol* tool) {
     rotateSnapshotIdentities(bundle, tool, snapshotIDs(bundle));

@@ -9,6 +9,8 @@
 
 namespace dorvane {
 
+/// Those that have a directory in the bundle. Blocking.
+std::set<UUID> snapshotIDs(const VMBundle& bundle);
 /// Gives the directories of these snapshots, or of all, other UUIDs and has layers and descriptions follow.
 /// Blocking, for a bundle that nobody uses meanwhile. `tool` may be null when no disk is layered. Throws
 /// vmSnapshotFailed, FileError, or JSONError for an unreadable description.

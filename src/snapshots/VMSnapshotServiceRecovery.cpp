@@ -185,11 +185,17 @@ Task<bool> VMSnapshotService::mend(VMRecordPointer vm) {
 /// A copied bundle brings snapshots under the names that they have in its original. Those stay the
 /// original's.
 Task<void> VMSnapshotService::separateFromOriginals(VMRecordPointer vm) {
+    const auto look = [bundle = vm->bundle()] { return snapshotIDs(bundle); };
+    auto newcomers = co_await inBackground(vm, look);
+    for (const auto& row : with_.modelContext.fetchSnapshots(vm->id)) newcomers.erase(row->id);
+    // As always but after a copy or a move: nobody else's rows need be looked through.
+    if (newcomers.empty()) co_return;
     std::map<UUID, Path> others;
     for (const auto& other : with_.modelContext.fetchRecords()) {
         if (other->id == vm->id) continue;
         for (const auto& row : with_.modelContext.fetchSnapshots(other->id))
-            others.emplace(row->id, SnapshotFiles(other->bundle(), row->id).directory);
+            if (newcomers.contains(row->id))
+                others.emplace(row->id, SnapshotFiles(other->bundle(), row->id).directory);
     }
     const auto separate = [bundle = vm->bundle(), os = vm->osType, chain = chainStore(*vm), &others] {
         std::set<UUID> shared;
