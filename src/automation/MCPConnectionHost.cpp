@@ -74,7 +74,7 @@ class MCPConnectionHost::Slot {
     Slot& operator=(const Slot&) = delete;
     ~Slot() { host_->slots_.erase(this); }
 
-    bool isNeeded() const { return !isBroken(*connection_); }
+    bool isReset() const { return isBroken(*connection_); }
 
   private:
     Self host_;
@@ -159,7 +159,7 @@ Task<void> MCPConnectionHost::acceptConnections(Self self, std::shared_ptr<Strea
 void MCPConnectionHost::welcome(Connection connection) {
     // A call may take minutes: a client that has reset its connection doesn't keep others out for as long.
     if (slots_.size() >= maximumConnections)
-        std::erase_if(slots_, [](Slot* slot) { return !slot->isNeeded(); });
+        std::erase_if(slots_, [](Slot* slot) { return slot->isReset(); });
     if (slots_.size() >= maximumConnections) return;
     std::erase_if(connectionTasks_, [](const TaskHandle& task) { return task.isFinished(); });
     const auto self = shared_from_this();
