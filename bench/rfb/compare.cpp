@@ -4,9 +4,9 @@
 //
 //   compare [--rounds N] FILE...
 //
-// The bytes come from memory, where reading is one copy for both, and then through a Unix socket as from a
-// server, with the kernel's time counted. Both draw into a 32-bit framebuffer. The two pictures are compared;
-// a difference is a failure.
+// The bytes come from memory just written, where reading is one copy for both, and then through a Unix socket
+// as from a server, with the kernel's time counted. Both draw into a 32-bit framebuffer. The two pictures are
+// compared; a difference is a failure.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -132,6 +132,7 @@ class Comparison {
                 times[turn] =
                     turn == 0 ? play(recording_, *source, framebuffer_)
                               : playWithLibVNC(recording_, source->descriptor(), census_.messages, screen_);
+                times[turn] -= source->serverSeconds();
             }
             if (round < 0) continue;  // the first warms caches and pages
             result.own.push_back(times[0]);

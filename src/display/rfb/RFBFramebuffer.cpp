@@ -9,10 +9,9 @@ void RFBFramebuffer::resize(int width, int height) {
     width = std::max(width, 0);
     height = std::max(height, 0);
     if (width == width_ && height == height_) return;
+    memory_ = PixelMemory(std::size_t(width) * std::size_t(height) * 4);
     width_ = width;
     height_ = height;
-    const auto bytes = std::size_t(width) * std::size_t(height) * 4;
-    lines_.assign((bytes + sizeof(CacheLine) - 1) / sizeof(CacheLine), {});
     versions_.rows.assign(std::size_t(height), versions_.current);
 }
 
@@ -24,7 +23,7 @@ void RFBFramebuffer::applyRaw(const RFBRectangleHeader& header, ByteView pixels)
     const auto sourceStride = std::size_t(header.width) * 4;
     const auto* source =
         pixels.data() + std::size_t(top - header.y) * sourceStride + std::size_t(left - header.x) * 4;
-    auto* destination = memory() + std::size_t(top) * stride() + std::size_t(left) * 4;
+    auto* destination = memory_.data() + std::size_t(top) * stride() + std::size_t(left) * 4;
     for (int y = top; y < bottom; ++y, source += sourceStride, destination += stride())
         copyPixels(destination, source, std::size_t(right - left));
     markChanged(top, bottom - top);
@@ -36,7 +35,7 @@ void RFBFramebuffer::applyCopyRect(const RFBRectangleHeader& header, int sourceX
     const int height = std::min({header.height, height_ - header.y, height_ - sourceY}) - skipY;
     if (width <= 0 || height <= 0) return;
     const auto at = [&](int x, int y) {
-        return memory() + std::size_t(y + skipY) * stride() + std::size_t(x + skipX) * 4;
+        return memory_.data() + std::size_t(y + skipY) * stride() + std::size_t(x + skipX) * 4;
     };
     // Downwards moves begin at the bottom, so that no row is overwritten before it is read.
     const bool upwards = sourceY < header.y;
@@ -54,7 +53,7 @@ bool RFBFramebuffer::contains(const RFBRectangleHeader& header) const {
 
 PixelTarget RFBFramebuffer::target(const RFBRectangleHeader& header) {
     markChanged(header.y, header.height);
-    return PixelTarget{memory(), stride()}.at(std::size_t(header.x), std::size_t(header.y));
+    return PixelTarget{memory_.data(), stride()}.at(std::size_t(header.x), std::size_t(header.y));
 }
 
 FramePointer RFBFramebuffer::makeImage() {

@@ -2,9 +2,8 @@
 // The screen as the server has described it so far.
 #pragma once
 
-#include <array>
-
 #include "display/rfb/FramePool.h"
+#include "display/rfb/PixelMemory.h"
 #include "display/rfb/PixelTarget.h"
 #include "display/rfb/RFBRectangle.h"
 
@@ -21,7 +20,7 @@ class RFBFramebuffer {
 
     int width() const { return width_; }
     int height() const { return height_; }
-    ByteView pixels() const { return {memory(), stride() * std::size_t(height_)}; }
+    ByteView pixels() const { return {memory_.data(), stride() * std::size_t(height_)}; }
     std::size_t stride() const { return std::size_t(width_) * 4; }
 
     /// Negative sizes become 0. A new size gives a black screen, the present one changes nothing.
@@ -42,19 +41,11 @@ class RFBFramebuffer {
     FramePointer makeImage();
 
   private:
-    /// Servers cut the screen into squares of 16 pixels: each row of one is a single line of the cache when
-    /// the screen begins at one.
-    struct alignas(64) CacheLine {
-        std::array<std::uint8_t, 64> bytes{};
-    };
-
-    std::uint8_t* memory() { return lines_.empty() ? nullptr : lines_.front().bytes.data(); }
-    const std::uint8_t* memory() const { return lines_.empty() ? nullptr : lines_.front().bytes.data(); }
     void markChanged(int y, int rows);
 
     int width_ = 0;
     int height_ = 0;
-    std::vector<CacheLine> lines_;
+    PixelMemory memory_;
     RowVersions versions_;
     std::shared_ptr<FramePool> pool_ = std::make_shared<FramePool>();
 };
