@@ -19,6 +19,8 @@ constexpr int readsPerTurn = 128;
 // A server that reads nothing for so long gets no more pointer events: each tells the whole state, so the
 // next one that it does get makes up for them. A lost request or key would stay lost, and these are few.
 constexpr std::size_t maximumOutboxBytes = 1'048'576;
+// Each update asks for the next one, so a server that sends and never reads would fill the memory.
+constexpr std::size_t lostOutboxBytes = 2 * maximumOutboxBytes;
 
 /// None when nobody listens (yet), or the server hangs and its backlog is full.
 FileDescriptor tryConnect(const std::string& path) {
@@ -277,6 +279,8 @@ Task<void> RFBLink::flush(std::shared_ptr<RFBLink> self) {
 
 void RFBLink::requestUpdate(bool incremental) {
     if (framebuffer_.width() < 1 || framebuffer_.height() < 1) return;
+    if (outbox_.size() > lostOutboxBytes)
+        throw RFBConnectionError::handshakeFailed("The VM display does not read what it is sent.");
     sendNow({RFBClientMessage::FramebufferUpdateRequest{incremental, 0, 0, framebuffer_.width(),
                                                         framebuffer_.height()}});
 }
