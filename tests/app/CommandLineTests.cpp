@@ -11,7 +11,7 @@
 namespace dorvane::test {
 namespace {
 
-TEST(CommandLine, turnsWordsIntoOneRequest) {
+TEST(CommandLine, turnsWordsIntoOneRequestWithOrWithoutJSON) {
     struct Case {
         std::vector<std::string> words;
         std::string method;
@@ -21,6 +21,9 @@ TEST(CommandLine, turnsWordsIntoOneRequest) {
         {{"list"}, "list", JSON::object()},
         {{"status"}, "service.status", JSON::object()},
         {{"status", "Win"}, "status", {{"vm", "Win"}}},
+        {{"discard", "Win"}, "discard", {{"vm", "Win"}}},
+        {{"logs", "Win"}, "logs", {{"vm", "Win"}}},
+        {{"keep", "Box"}, "keep", {{"vm", "Box"}}},
         {{"stop", "--force", "Win"}, "stop", {{"vm", "Win"}, {"force", true}}},
         {{"create", "Win", "--cpus", "2", "--memory", "2048"},
          "create",
@@ -48,30 +51,17 @@ TEST(CommandLine, turnsWordsIntoOneRequest) {
         {{"restore", "/dev/null", "--name", "New"}, "restore", {{"file", "/dev/null"}, {"name", "New"}}},
         {{"open", "dorvane://start?vm=Win"}, "open", {{"url", "dorvane://start?vm=Win"}}},
     };
-    for (const auto& expected : cases) {
-        const auto request = parseCommandLine(expected.words);
-        const auto* call = std::get_if<ServiceCall>(&request);
-        ASSERT_NE(call, nullptr) << expected.method << std::get<PrintRequest>(request).text;
-        EXPECT_EQ(call->method, expected.method);
-        EXPECT_EQ(call->params, expected.params);
-        EXPECT_FALSE(call->json);
-    }
-}
-
-TEST(CommandLine, everyServiceCommandTakesJSON) {
-    for (const std::vector<std::string>& words : {std::vector<std::string>{"list"},
-                                                  {"discard", "Win"},
-                                                  {"snapshot", "take", "Win", "s"},
-                                                  {"clone", "Win", "--sandbox"},
-                                                  {"keep", "Win"},
-                                                  {"logs", "Win"},
-                                                  {"backup", "Win", "/nowhere/win.zip"},
-                                                  {"open", "dorvane:x"}}) {
-        auto asked = words;
-        asked.emplace_back("--json");
-        EXPECT_TRUE(std::get<ServiceCall>(parseCommandLine(asked)).json) << words.front();
-        EXPECT_FALSE(std::get<ServiceCall>(parseCommandLine(words)).json) << words.front();
-    }
+    for (const auto& expected : cases)
+        for (const bool json : {false, true}) {
+            auto words = expected.words;
+            if (json) words.insert(words.front() == "exec" ? words.begin() + 1 : words.end(), "--json");
+            const auto request = parseCommandLine(words);
+            const auto* call = std::get_if<ServiceCall>(&request);
+            ASSERT_NE(call, nullptr) << expected.method << std::get<PrintRequest>(request).text;
+            EXPECT_EQ(call->method, expected.method);
+            EXPECT_EQ(call->params, expected.params);
+            EXPECT_EQ(call->json, json) << expected.method;
+        }
 }
 
 TEST(CommandLine, whatCannotBeTakenBackAsksFirst) {
@@ -97,10 +87,10 @@ TEST(CommandLine, whatCannotBeTakenBackAsksFirst) {
     EXPECT_FALSE(std::get<ServiceCall>(parseCommandLine({"backup", "Win", "/nowhere/new.zip"})).question);
 }
 
-TEST(CommandLine, mistakesNameTheCommandThatWorks) {
+TEST(CommandLine, mistakesAreUsageErrorsThatNameTheCommandThatWorks) {
     struct Case {
         std::vector<std::string> words;
-        const char* command;
+        const char* command = "";
     };
     for (const auto& [words, command] :
          {Case{{"clone", "My PC"}, "dorvane clone 'My PC' NAME"},
@@ -108,26 +98,15 @@ TEST(CommandLine, mistakesNameTheCommandThatWorks) {
           Case{{"clone", "Win", "Copy", "--isolated"}, "dorvane clone --sandbox --isolated Win"},
           Case{{"clone", "Win", "Copy", "--sandbox"}, "dorvane clone --sandbox Win"},
           Case{{"extend", "Box", "soon"}, "dorvane extend Box 12h"},
-          Case{{"backup", "Win", "/tmp"}, "dorvane backup Win /tmp/backup.zip"}}) {
+          Case{{"backup", "Win", "/tmp"}, "dorvane backup Win /tmp/backup.zip"}, Case{}, Case{{"fly"}},
+          Case{{"start"}}, Case{{"stop", "a", "b"}}, Case{{"serve", "--port", "80"}},
+          Case{{"clone", "a", "--sandbox", "--ttl", "0"}},
+          Case{{"clone", "a", "--sandbox", "--ttl", "10081"}}, Case{{"restore", "/nowhere/x.zip"}},
+          Case{{"snapshot", "prune", "a", "--keep", "-1"}}}) {
         const auto print = std::get<PrintRequest>(parseCommandLine(words));
+        EXPECT_TRUE(print.isError) << print.text;
         EXPECT_EQ(print.exitStatus, 2);
         EXPECT_NE(print.text.find(command), std::string::npos) << print.text;
-    }
-}
-
-TEST(CommandLine, mistakesAreUsageErrorsAndHelpIsNot) {
-    for (const std::vector<std::string>& words : {std::vector<std::string>{},
-                                                  {"fly"},
-                                                  {"start"},
-                                                  {"stop", "a", "b"},
-                                                  {"serve", "--port", "80"},
-                                                  {"clone", "a", "--sandbox", "--ttl", "0"},
-                                                  {"clone", "a", "--sandbox", "--ttl", "10081"},
-                                                  {"restore", "/nowhere/x.zip"},
-                                                  {"snapshot", "prune", "a", "--keep", "-1"}}) {
-        const auto print = std::get<PrintRequest>(parseCommandLine(words));
-        EXPECT_TRUE(print.isError);
-        EXPECT_EQ(print.exitStatus, 2);
     }
     const auto help = std::get<PrintRequest>(parseCommandLine({"--help"}));
     EXPECT_FALSE(help.isError);
@@ -145,26 +124,13 @@ TEST(Completion, knowsEveryCommandInEveryShell) {
 }
 
 TEST(DurationText, readsSpansOfTime) {
-    const std::pair<const char*, std::optional<std::int64_t>> cases[] = {
-        {"90", 5400},
-        {"45s", 45},
-        {"90m", 5400},
-        {"1d12h", 129600},
-        {"2w", 1209600},
-        {"-1h", -3600},
-        {"0m", 0},
-        {"366d", 31622400},
-        {"367d", std::nullopt},
-        {"", std::nullopt},
-        {"-", std::nullopt},
-        {"h", std::nullopt},
-        {"1h30", std::nullopt},
-        {"1 h", std::nullopt},
-        {"--1h", std::nullopt},
-        {"1y", std::nullopt},
-        {"99999999999w", std::nullopt},
-        {"4000000000w4000000000w", std::nullopt}};
+    const std::pair<const char*, std::int64_t> cases[] = {
+        {"90", 5400},    {"45s", 45},    {"90m", 5400}, {"1d12h", 129600},
+        {"2w", 1209600}, {"-1h", -3600}, {"0m", 0},     {"366d", 31622400}};
     for (const auto& [text, expected] : cases) EXPECT_EQ(parseDurationText(text), expected) << text;
+    for (const auto* text :
+         {"367d", "", "-", "h", "1h30", "1 h", "--1h", "1y", "99999999999w", "4000000000w4000000000w"})
+        EXPECT_EQ(parseDurationText(text), std::nullopt) << text;
 }
 
 TEST(ProgressDisplay, drawsOnATerminalAndWritesLinesElsewhere) {

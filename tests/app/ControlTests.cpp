@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -22,18 +21,15 @@ TEST(ControlProtocol, refusesWhatIsNoRequest) {
         const char* line;
         ControlErrorCode code;
     };
-    for (const auto& [line, code] :
+    for (const auto& one :
          {Case{"", ControlErrorCode::parseError}, Case{"{", ControlErrorCode::parseError},
           Case{"[]", ControlErrorCode::invalidRequest}, Case{R"({"id":1})", ControlErrorCode::invalidRequest},
           Case{R"({"method":"x"})", ControlErrorCode::invalidRequest},
           Case{R"({"id":1,"method":5})", ControlErrorCode::invalidRequest},
           Case{R"({"id":1,"method":"x","params":[]})", ControlErrorCode::invalidRequest}}) {
-        try {
-            parseControlRequest(line);
-            ADD_FAILURE() << line;
-        } catch (const ControlError& error) {
-            EXPECT_EQ(error.code(), code) << line;
-        }
+        const auto hasCode = testing::Property(&ControlError::code, one.code);
+        EXPECT_THAT([&] { parseControlRequest(one.line); }, testing::Throws<ControlError>(hasCode))
+            << one.line;
     }
     EXPECT_EQ(parseControlRequest(R"({"id":"a","method":"x"})").params, JSON::object());
 }
@@ -89,16 +85,11 @@ TEST_F(ControlServerTest, answersReportsProgressAndPassesSentencesOn) {
                               [&](const auto& progress) { messages.push_back(progress.message); }),
                   (JSON{{"a", 1}}));
         EXPECT_EQ(messages, (std::vector<std::string>{"half way"}));
-        for (const auto& [method, sentence] :
+        for (const auto& refused :
              {std::pair{"fail", "\"Win\" is busy saving or restoring its state. Try again when it finishes."},
-              std::pair{"nothing", "Unknown method: nothing"}}) {
-            try {
-                client.call(method, JSON::object());
-                ADD_FAILURE() << method;
-            } catch (const ControlError& error) {
-                EXPECT_STREQ(error.what(), sentence);
-            }
-        }
+              std::pair{"nothing", "Unknown method: nothing"}})
+            EXPECT_THAT([&] { client.call(refused.first, JSON::object()); },
+                        testing::ThrowsMessage<ControlError>(refused.second));
     });
     EXPECT_FALSE(std::filesystem::exists(folder_ / "control.sock"));
 }
@@ -167,26 +158,23 @@ TEST_F(ControlServerTest, tellsWhetherARequestHasOutlivedIt) {
     process_.run();
 }
 
-TEST(ControlClient, missingServiceGivesOneSentence) {
+TEST(ControlClient, tellsThatNoServiceRunsEvenWhereOneLeftItsSocket) {
     const TemporaryDirectory folder;
-    EXPECT_THROW(ControlClient(folder / "control.sock"), ServiceNotRunning);
-    const auto stale = listenUnixSocket((folder / "stale.sock").string());
-    ::close(::dup(stale.get()));
-    EXPECT_NO_THROW(ControlClient(folder / "stale.sock"));
+    const auto socket = folder / "control.sock";
+    EXPECT_THROW(ControlClient{socket}, ServiceNotRunning);
+    listenUnixSocket(socket.string()).reset();
+    ASSERT_TRUE(std::filesystem::exists(socket));
+    EXPECT_THROW(ControlClient{socket}, ServiceNotRunning);
 }
 
 TEST(InstanceLock, secondProcessIsRefusedByNameOfTheFirst) {
     const TemporaryDirectory folder;
     const auto file = folder / "library" / "instance.lock";
     const InstanceLock first(file);
-    try {
-        const InstanceLock second(file);
-        ADD_FAILURE();
-    } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()), "Dorvane is already running on this library (process " +
-                                                 std::to_string(::getpid()) +
-                                                 "). Use its commands, or stop it first.");
-    }
+    EXPECT_THAT([&] { const InstanceLock second(file); },
+                testing::ThrowsMessage<std::runtime_error>(
+                    "Dorvane is already running on this library (process " + std::to_string(::getpid()) +
+                    "). Use its commands, or stop it first."));
 }
 
 }  // namespace

@@ -17,17 +17,39 @@ namespace dorvane::test {
 
 class MCPToolFixture : public testing::Test {
   protected:
-    MCPToolFixture();
-    ~MCPToolFixture() override;
+    using Case = DorvaneError::Case;
 
-    void makeHandler(bool hasEveryService);
-    void allowSandboxes();
+    MCPToolFixture() { makeHandler(true); }
 
-    MCPToolResult call(const std::string& tool, const char* arguments);
+    void makeHandler(bool hasEveryService) {
+        using Services = MCPToolContext::Services;
+        const auto services = hasEveryService ? Services{vmService, &snapshots, &router, &sandboxes, settings}
+                                              : Services{.vmService = vmService, .settingsService = settings};
+        handler = std::make_shared<MCPRequestHandler>(host.runtime(), services, &activity, "1.2.3",
+                                                      [this] { return token; });
+    }
+    void allowSandboxes() { defaults.set(defaultsKey::mcpDestructiveToolsEnabled, true); }
+
+    MCPToolResult call(const std::string& tool, const std::string& arguments) {
+        return host.run(handler->callTool(tool, parseJSON(arguments)));
+    }
     /// The text of a failure; anything else fails the test.
-    std::string failure(const std::string& tool, const char* arguments);
+    std::string failure(const std::string& tool, const std::string& arguments) {
+        const auto result = call(tool, arguments);
+        EXPECT_TRUE(result.isError) << tool << arguments << ": " << result.firstText();
+        return result.firstText();
+    }
     /// The value of a success.
-    JSON value(const std::string& tool, const char* arguments);
+    JSON value(const std::string& tool, const std::string& arguments) {
+        const auto result = call(tool, arguments);
+        const auto text = result.firstText();
+        EXPECT_FALSE(result.isError) << tool << arguments << ": " << text;
+        return text.empty() || result.isError ? JSON() : parseJSON(text);
+    }
+    /// What an agent reads of an error.
+    static std::string told(const DorvaneError& error) {
+        return describedWithSuggestion(std::make_exception_ptr(error));
+    }
 
     TestRuntime host;
     LogCapture log;

@@ -24,8 +24,7 @@ TEST(DorvaneError, fillsItsPayloadInOrder) {
          "\"dev\" could not resume where it left off: no"},
         {DorvaneError::snapshotChainTooDeep(64),
          "This VM already has 64 stacked snapshots, which is the limit. Delete an older snapshot before "
-         "taking a new "
-         "one."},
+         "taking a new one."},
         {DorvaneError(Case::guestAgentFailed, "just this"), "just this"},
         {DorvaneError::wrapping(Case::unknown, FileError("read", "/a", ENOENT)),
          "An unexpected error occurred: Could not read /a: No such file or directory"},
@@ -34,17 +33,8 @@ TEST(DorvaneError, fillsItsPayloadInOrder) {
     for (const auto& [error, text] : table) EXPECT_EQ(error.errorDescription(), text);
 }
 
-TEST(DorvaneError, keepsItsCaseThroughLayersAndOffersHelp) {
-    try {
-        try {
-            throw DorvaneError(Case::vmBusy, "dev");
-        } catch (const std::exception&) {
-            throw;
-        }
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error.which(), Case::vmBusy);
-        EXPECT_FALSE(error.recoverySuggestion());
-    }
+TEST(DorvaneError, offersHelpWhereThereIsSome) {
+    EXPECT_FALSE(DorvaneError(Case::vmBusy, "dev").recoverySuggestion());
     const auto noReply = std::make_exception_ptr(DorvaneError(Case::guestAgentNoReply, "eof"));
     EXPECT_EQ(
         describedWithSuggestion(noReply),

@@ -2,6 +2,7 @@
 #include "core/PersistenceStore.h"
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -9,10 +10,11 @@
 #include <unistd.h>
 
 #include "core/StoreSchema.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
-namespace dorvane {
+namespace dorvane::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -66,18 +68,13 @@ class PersistenceStoreTest : public testing::Test {
   protected:
     std::unique_ptr<ModelContext> open() { return PersistenceStore::makeModelContainer(folder.path()); }
     std::string openingFailure() {
-        try {
-            open();
-        } catch (const std::exception& error) {
-            return error.what();
-        }
-        return "(it opened)";
+        return errorOf([this] { open(); }).text();
     }
     Path file() const { return folder / "Dorvane" / "Dorvane.store"; }
     SQLite::Database raw() const { return {file().string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE}; }
 
-    test::TemporaryDirectory folder;
-    test::LogCapture log;
+    TemporaryDirectory folder;
+    LogCapture log;
 };
 
 TEST_F(PersistenceStoreTest, everyFieldSurvivesAReopening) {
@@ -143,12 +140,8 @@ TEST_F(PersistenceStoreTest, aFailedSaveWritesNothingAndKeepsEverythingPending) 
     const auto failToSave = [&](ModelContext& store) {
         store.insert(good);
         store.insert(refused);
-        try {
-            store.save();
-            ADD_FAILURE();
-        } catch (const StoreError& error) {
-            EXPECT_STREQ(error.what(), "The library could not be saved: disk full");
-        }
+        EXPECT_THAT([&] { store.save(); },
+                    testing::ThrowsMessage<StoreError>("The library could not be saved: disk full"));
     };
     failToSave(*open());
     const auto store = open();
@@ -165,10 +158,7 @@ TEST_F(PersistenceStoreTest, anOlderBodyWithoutLaterFieldsLoadsAndABadRowHidesNo
     {
         auto database = raw();
         const auto insert = [&](const std::string& key, const std::string& body) {
-            SQLite::Statement query(database, "INSERT INTO records VALUES (?, ?)");
-            query.bind(1, key);
-            query.bind(2, body);
-            query.exec();
+            database.exec("INSERT INTO records VALUES ('" + key + "', '" + body + "')");
         };
         insert(id,
                R"({"id":")" + id + R"(","name":"old","osType":"macos","backendModeRaw":"native","vmPath":"/v",
@@ -297,4 +287,4 @@ TEST_F(PersistenceStoreTest, aLibraryInUseIsRefused) {
 }
 
 }  // namespace
-}  // namespace dorvane
+}  // namespace dorvane::test

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "core/DorvaneError.h"
 #include "core/DorvaneVMConfig.h"
 #include "support/ErrorOf.h"
 #include "support/LogCapture.h"
@@ -29,10 +28,6 @@ class VMAttachmentsBuilderTest : public testing::Test {
         for (const std::string name : {"a.iso", "b.img"}) writeFileAtomically(folder / name, "x");
     }
     std::string at(const std::string& name) const { return (folder / name).string(); }
-    std::string failure() const {
-        return errorOf([this] { builder.attachments(vm); }).text();
-    }
-
     LogCapture log;
     TemporaryDirectory folder;
     FakePayload payload;
@@ -57,14 +52,17 @@ TEST_F(VMAttachmentsBuilderTest, trimsPathsAndDropsBlankOnes) {
 }
 
 TEST_F(VMAttachmentsBuilderTest, namesWhatIsMissing) {
+    const auto expectMissing = [&](const std::string& words) {
+        EXPECT_EQ(errorOf([&] { builder.attachments(vm); }).text(), words);
+    };
     vm.usbStorageDevices = {{"/no.img"}};
-    EXPECT_EQ(failure(), "USB storage image does not exist: /no.img");
+    expectMissing("USB storage image does not exist: /no.img");
     vm.mountedImages = {{"/no.iso"}};
-    EXPECT_EQ(failure(), "Mounted image does not exist: /no.iso");
+    expectMissing("Mounted image does not exist: /no.iso");
     vm.pendingInstallerImagePath = "/no-installer.iso";
-    EXPECT_EQ(failure(), "Installer image does not exist: /no-installer.iso");
+    expectMissing("Installer image does not exist: /no-installer.iso");
     vm.sharedFolders = {{UUID::random(), "/no folder", "", false}};
-    EXPECT_EQ(failure(), "Shared folder does not exist: /no folder");
+    expectMissing("Shared folder does not exist: /no folder");
 }
 
 TEST_F(VMAttachmentsBuilderTest, stagesTheAgentOnlyForALinuxGuestThatWantsIt) {

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <sys/stat.h>
+
 #include "core/VMServiceHarness.h"
 
 namespace dorvane::test {
@@ -47,70 +49,41 @@ TEST_F(VMClonerTest, makesAColdFlatMachineWithAnIdentityOfItsOwn) {
     EXPECT_TRUE(log.contains("Cloned VM: source to copy"));
 }
 
-/// Fails half way, with part of the copy made.
-class HalfwayFileManager : public FakeFileManager {
-  public:
-    using FakeFileManager::FakeFileManager;
-    void copyItem(const Path& from, const Path& to) override {
-        FakeFileManager::copyItem(from, to);
-        if (!breaks) return;
-        std::filesystem::remove(to / "disk.qcow2");
-        throw FileError("copy", from, ENOSPC);
-    }
-    bool breaks = false;
-};
-
 TEST_F(VMClonerTest, whicheverStepFailsNothingIsLeftAndTheSourceIsUntouched) {
-    HalfwayFileManager breaking(folder / "Trash");
-    auto with = VMServiceCollaborators{host.runtime(), engine, settings, gate,     operations,
-                                       breaking,       system, disposer, bookmarks};
-    with.modelContext = &context;
-    with.diskFlattening = &flattening;
-    VMService cloning(std::move(with));
     const auto source = addSource();
-    run(cloning.refreshVMList());
     const auto before = contentsOf(storage);
-
+    const auto uncopyable = source->bundle().directoryURL / "fifo", taken = storage / "copy" / "taken";
     struct Fault {
         std::string step;
         std::function<void()> arrange;
-        std::function<void()> repair;
-        Case expected;
+        Case expected = Case::vmCloneFailed;
     };
     const auto flatten = flattening.action;
     const auto flatteningDoes = [&](std::function<void(const VMBundle&)> action) {
         return [this, action] { flattening.action = action; };
     };
-    const auto restoreFlattening = [&] { flattening.action = flatten; };
     const std::vector<Fault> faults{
-        {"copy", [&] { breaking.breaks = true; }, [&] { breaking.breaks = false; }, Case::vmCloneFailed},
-        {"flatten", flatteningDoes([](const VMBundle&) { throw std::runtime_error("no tool"); }),
-         restoreFlattening, Case::vmCloneFailed},
+        {"copy", [&] { ::mkfifo(uncopyable.c_str(), 0600); }},
+        {"flatten", flatteningDoes([](const VMBundle&) { throw std::runtime_error("no tool"); })},
         {"read",
-         flatteningDoes([](const VMBundle& copy) { writeFileAtomically(copy.configFile(), "garbage"); }),
-         restoreFlattening, Case::vmCloneFailed},
-        {"move into place", flatteningDoes([&](const VMBundle&) {
-             std::filesystem::create_directories(storage / "copy" / "taken");
-         }),
-         [&] {
-             restoreFlattening();
-             EXPECT_TRUE(std::filesystem::remove(storage / "copy" / "taken"))
-                 << "somebody else's, left alone";
-             std::filesystem::remove(storage / "copy");
-         },
-         Case::vmCloneFailed},
-        {"store", [&] { context.failNextSave = true; }, [] {}, Case::unknown},
+         flatteningDoes([](const VMBundle& copy) { writeFileAtomically(copy.configFile(), "garbage"); })},
+        {"move", flatteningDoes([&](const VMBundle&) { std::filesystem::create_directories(taken); })},
+        {"store", [&] { context.failNextSave = true; }, Case::unknown},
     };
     for (const auto& fault : faults) {
         fault.arrange();
-        EXPECT_EQ(failureOf(cloning.cloneVM(source, "copy")).which(), fault.expected) << fault.step;
-        fault.repair();
+        EXPECT_EQ(failureOf(service.cloneVM(source, "copy")).which(), fault.expected) << fault.step;
+        flattening.action = flatten;
+        std::filesystem::remove(uncopyable);
+        const bool wasTaken = std::filesystem::remove(taken);
+        EXPECT_EQ(wasTaken, fault.step == "move") << fault.step << ": somebody else's is left alone";
+        if (wasTaken) std::filesystem::remove(taken.parent_path());
         EXPECT_EQ(contentsOf(storage), before) << fault.step;
         EXPECT_EQ(context.fetchRecords().size(), 1u) << fault.step;
         EXPECT_FALSE(gate.isBusy(source->id)) << fault.step;
         EXPECT_TRUE(resources.open.empty()) << fault.step;
     }
-    EXPECT_NO_THROW(run(cloning.cloneVM(source, "copy"))) << "nothing stands in the way any more";
+    EXPECT_NO_THROW(run(service.cloneVM(source, "copy"))) << "nothing stands in the way any more";
 }
 
 TEST_F(VMClonerTest, refusesInPlainWords) {
@@ -138,10 +111,8 @@ TEST_F(VMClonerTest, withoutADiskToolOnlyLayeredDisksAreRefused) {
     VMService bare(std::move(with));
     const auto source = addSource();
     run(bare.refreshVMList());
-    EXPECT_NE(failureOf(bare.cloneVM(source, "copy"))
-                  .text()
-                  .find("The disk image tool is missing from this build."),
-              std::string::npos);
+    EXPECT_THAT(failureOf(bare.cloneVM(source, "copy")).text(),
+                testing::HasSubstr("The disk image tool is missing from this build."));
     std::filesystem::remove_all(source->bundle().snapshotsDirectory());
     EXPECT_NO_THROW(run(bare.cloneVM(source, "copy")));
 }
@@ -149,18 +120,13 @@ TEST_F(VMClonerTest, withoutADiskToolOnlyLayeredDisksAreRefused) {
 TEST_F(VMClonerTest, aRefreshDuringTheCopyNeitherAdoptsNorSweepsIt) {
     const auto source = addSource();
     flattening.action = [&](const VMBundle& copy) {
-        // The main thread goes on while this one works: both the half copy and the finished one are seen by
-        // scans.
+        // The main thread goes on while this one works: scans see both the half copy and the finished one.
         EXPECT_NE(copy.directoryURL, storage / "copy");
         EXPECT_TRUE(copy.isValid());
     };
-    auto clone = spawn(
-        host.runtime().main.executor(),
-        [](VMService& vms, VMRecordPointer vm) -> Task<void> { co_await vms.cloneVM(vm, "copy"); }(service,
-                                                                                                   source),
-        "clone");
-    auto refresh = spawn(host.runtime().main.executor(), service.refreshVMList(), "refresh");
-    host.driveUntil([&] { return clone.isFinished() && refresh.isFinished(); });
+    const auto clone = begin(service.cloneVM(source, "copy"));
+    const auto refresh = begin(service.refreshVMList());
+    finish(clone, refresh);
     EXPECT_EQ(context.fetchRecords().size(), 2u);
     EXPECT_TRUE(std::filesystem::exists(storage / "copy" / "config.json"));
 }

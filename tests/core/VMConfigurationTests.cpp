@@ -3,66 +3,56 @@
 
 #include <gtest/gtest.h>
 
-#include "core/DorvaneError.h"
 #include "core/VMDisplayInfo.h"
 #include "core/VMIdentityFactory.h"
 #include "core/VMResourceOptions.h"
+#include "support/ErrorOf.h"
 #include "support/FakeHostSystem.h"
 
-namespace dorvane {
+namespace dorvane::test {
 namespace {
 
+using namespace std::string_literals;
+using Case = DorvaneError::Case;
 using Values = VMResourceOptions::Values;
 
-std::string refusal(const auto& check) {
-    try {
-        check();
-    } catch (const DorvaneError& error) {
-        EXPECT_EQ(error.which(), DorvaneError::Case::invalidConfiguration);
-        return error.text();
-    }
-    return {};
-}
-
 TEST(VMConfiguration, rangesAreTestedInOrderAndOnlyWhenPresent) {
-    const auto check = [](std::optional<std::int64_t> cpus, std::optional<std::int64_t> memory,
-                          std::optional<std::int64_t> disk) {
+    using Number = std::optional<std::int64_t>;
+    const auto check = [](Number cpus, Number memory, Number disk) {
         VMConfiguration request;
         request.cpuCount = cpus;
         request.memoryMB = memory;
         request.diskSizeGB = disk;
-        return refusal([&] { request.validateRanges(); });
+        return errorOf([&] { request.validateRanges(); });
     };
-    const std::string cpuText = "CPU count must be between 1 and 1024.";
-    const std::string memoryText = "Memory must be between 256 MB and 16777216 MB.";
-    const std::string diskText = "Disk size must be between 1 GB and 65536 GB.";
-    EXPECT_EQ(check({}, {}, {}), "");
-    EXPECT_EQ(check(1, 256, 1), "");
-    EXPECT_EQ(check(1024, 16777216, 65536), "");
-    EXPECT_EQ(check(0, 0, 0), cpuText);
-    EXPECT_EQ(check(1025, {}, {}), cpuText);
-    EXPECT_EQ(check({}, 255, 0), memoryText);
-    EXPECT_EQ(check({}, 16777217, {}), memoryText);
-    EXPECT_EQ(check({}, {}, 0), diskText);
-    EXPECT_EQ(check({}, {}, 65537), diskText);
+    const DorvaneError none(Case::unknown, "nothing was thrown");
+    const DorvaneError cpus(Case::invalidConfiguration, "CPU count must be between 1 and 1024.");
+    const DorvaneError memory(Case::invalidConfiguration, "Memory must be between 256 MB and 16777216 MB.");
+    const DorvaneError disk(Case::invalidConfiguration, "Disk size must be between 1 GB and 65536 GB.");
+    EXPECT_EQ(check({}, {}, {}), none);
+    EXPECT_EQ(check(1, 256, 1), none);
+    EXPECT_EQ(check(1024, 16777216, 65536), none);
+    EXPECT_EQ(check(0, 0, 0), cpus);
+    EXPECT_EQ(check(1025, {}, {}), cpus);
+    EXPECT_EQ(check({}, 255, 0), memory);
+    EXPECT_EQ(check({}, 16777217, {}), memory);
+    EXPECT_EQ(check({}, {}, 0), disk);
+    EXPECT_EQ(check({}, {}, 65537), disk);
 }
 
 TEST(VMNameRules, aNameMustBeFitForADirectory) {
     std::string umlauts;
     for (int i = 0; i < 100; ++i) umlauts += "ä";
-    for (const auto& good : {std::string(200, 'a'), umlauts, std::string("Windows 11 – Büro (2)"),
-                             std::string("a.b"), std::string("e\xCC\x81"), std::string("日本 💻")})
-        EXPECT_EQ(refusal([&] { VMNameRules::validate(good); }), "") << good;
-    for (const auto& bad :
-         {std::string(), std::string(201, 'a'), umlauts + "ä", std::string(".vm"), std::string("."),
-          std::string("a/b"), std::string("a:b"), std::string("a\nb"), std::string("a\0b", 3),
-          std::string("a\x7F"), std::string("a\xC2\x85"), std::string("a\xC2\xAD"),
-          std::string("a\xE2\x80\x8B"), std::string("\xE2\x80\xAEgpj.exe"), std::string("\xEF\xBB\xBFvm"),
-          std::string("a\xF3\xA0\x81\x81"), std::string("a\xFF")})
-        EXPECT_EQ(
-            refusal([&] { VMNameRules::validate(bad); }),
-            "VM names cannot be empty, start with a period, or contain \"/\", \":\" or control characters.")
-            << bad;
+    for (const auto& good :
+         {std::string(200, 'a'), umlauts, "Windows 11 – Büro (2)"s, "a.b"s, "e\xCC\x81"s, "日本 💻"s})
+        EXPECT_NO_THROW(VMNameRules::validate(good)) << good;
+    const DorvaneError refusal(
+        Case::invalidConfiguration,
+        "VM names cannot be empty, start with a period, or contain \"/\", \":\" or control characters.");
+    for (const auto& bad : {""s, std::string(201, 'a'), umlauts + "ä", ".vm"s, "."s, "a/b"s, "a:b"s, "a\nb"s,
+                            "a\0b"s, "a\x7F"s, "a\xC2\x85"s, "a\xC2\xAD"s, "a\xE2\x80\x8B"s,
+                            "\xE2\x80\xAEgpj.exe"s, "\xEF\xBB\xBFvm"s, "a\xF3\xA0\x81\x81"s, "a\xFF"s})
+        EXPECT_EQ(errorOf([&] { VMNameRules::validate(bad); }), refusal) << bad;
 }
 
 TEST(VMResourceOptions, offersWhatHostAndGuestCanUse) {
@@ -78,12 +68,10 @@ TEST(VMResourceOptions, offersWhatHostAndGuestCanUse) {
     EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::linux).front(), 32);
     EXPECT_EQ(VMResourceOptions::diskSizesGB(VMOSType::linux, 100, 100),
               (Values{100, 128, 256, 512, 1024, 2048}));
-    EXPECT_EQ(VMResourceOptions::describeMemory(1536), "1536 MB");
-    EXPECT_EQ(VMResourceOptions::describeMemory(2048), "2 GB");
 }
 
 TEST(VMIdentityFactory, replacesIdentitiesAndNothingElse) {
-    const test::FakeHostSystem host;
+    const FakeHostSystem host;
     DorvaneVMConfig config;
     config.macAddress = "old";
     config.macPlatform = MacPlatformIdentity{toBytes("model"), toBytes("old")};
@@ -96,7 +84,6 @@ TEST(VMIdentityFactory, replacesIdentitiesAndNothingElse) {
     restored.macAddress = config.macAddress;
     restored.macPlatform->machineIdentifierData = config.macPlatform->machineIdentifierData;
     EXPECT_EQ(restored, config);
-    EXPECT_NE(VMIdentityFactory::rotatedIdentity(config, host).macAddress, fresh.macAddress);
 }
 
 TEST(NetworkSummary, explainsAnAbsentAddress) {
@@ -117,4 +104,4 @@ TEST(NetworkSummary, explainsAnAbsentAddress) {
 }
 
 }  // namespace
-}  // namespace dorvane
+}  // namespace dorvane::test

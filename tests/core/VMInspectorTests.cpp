@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core/VMInspector.h"
 
+#include "core/RecentLog.h"
 #include "core/VMServiceHarness.h"
 
 namespace dorvane::test {
@@ -22,16 +23,11 @@ class FakeCapture : public HostFramebufferCapturing {
     }
 };
 
-class FakeLog : public VMLogReading {
-  public:
-    std::string lines(const VMRecordFields& vm) const override { return "Started VM: " + vm.name + "\n"; }
-};
-
 class VMInspectorTest : public VMServiceTest {
   protected:
     FakeAddresses addresses;
     FakeCapture capture;
-    FakeLog lines;
+    RecentLog lines{host.clock()};
     VMServiceCollaborators full() {
         auto with = collaborators();
         with.addresses = &addresses;
@@ -39,10 +35,10 @@ class VMInspectorTest : public VMServiceTest {
         with.log = &lines;
         return with;
     }
+    VMService seeing{full()};
 };
 
 TEST_F(VMInspectorTest, tellsAddressAndScreenOfARunningMachine) {
-    VMService seeing(full());
     const auto vm = addVM("alpha");
     run(seeing.refreshVMList());
     EXPECT_FALSE(run(seeing.getVMDisplayInfo(vm))) << "a machine that is down has neither";
@@ -77,7 +73,6 @@ TEST_F(VMInspectorTest, summarisesTheNetwork) {
 }
 
 TEST_F(VMInspectorTest, capturesTheScreenOfARunningMachine) {
-    VMService seeing(full());
     const auto vm = addRunningVM("alpha");
     EXPECT_FALSE(run(seeing.captureHostFramebuffer(vm)));
     engine.screen = GuestDisplaySource::Virtualization{};
@@ -91,7 +86,7 @@ TEST_F(VMInspectorTest, capturesTheScreenOfARunningMachine) {
 TEST_F(VMInspectorTest, knowsTheForwardedSSHPortWhileItIsOn) {
     const auto vm = addVM("win", VMOSType::windows);
     EXPECT_FALSE(run(service.sshForwardedPort(vm)));
-    for (const bool enabled : {true, false}) {
+    for (const bool enabled : {false, true}) {
         writeConfig(vm->bundle(), [&](auto& config) {
             config.windowsSSH = WindowsSSHConfig{enabled, 47105};
         });
@@ -102,12 +97,18 @@ TEST_F(VMInspectorTest, knowsTheForwardedSSHPortWhileItIsOn) {
 }
 
 TEST_F(VMInspectorTest, joinsTheLogWithTheEndOfTheConsole) {
-    VMService seeing(full());
     const auto vm = addVM("alpha");
-    EXPECT_EQ(run(seeing.getVMLogs(vm)), "Started VM: alpha\n");
+    for (const auto& message : {std::string("Started VM: alpha"), std::string("Started VM: alpha2"),
+                                "lost " + vm->id.text() + ", again"})
+        lines.note({LogLevel::info, "VMService", message});
+    const auto told =
+        "2026-01-01T00:00:00Z [VMService] Started VM: alpha\n"
+        "2026-01-01T00:00:00Z [VMService] lost " +
+        vm->id.text() + ", again\n";
+    EXPECT_EQ(run(seeing.getVMLogs(vm)), told);
     writeFileAtomically(vm->bundle().consoleLog(), "login:\xFF\n");
     EXPECT_EQ(run(seeing.getVMLogs(vm)),
-              "Started VM: alpha\n\n=== Guest console (console.log) ===\nlogin:\xEF\xBF\xBD\n");
+              told + "\n=== Guest console (console.log) ===\nlogin:\xEF\xBF\xBD\n");
     std::string long_;
     for (int line = 0; line < 20000; ++line) long_ += "line " + std::to_string(line) + "\n";
     writeFileAtomically(vm->bundle().consoleLog(), long_);
@@ -115,6 +116,8 @@ TEST_F(VMInspectorTest, joinsTheLogWithTheEndOfTheConsole) {
     EXPECT_TRUE(tail.starts_with("=== Guest console (console.log) ===\nline 1"));
     EXPECT_TRUE(tail.ends_with("line 19999\n"));
     EXPECT_LT(tail.size(), 66000u);
+    for (std::size_t count = 0; count < RecentLog::capacity; ++count) lines.note({LogLevel::info, "x", "y"});
+    EXPECT_EQ(run(seeing.getVMLogs(vm)), tail) << "old lines of the log make room";
 }
 
 }  // namespace

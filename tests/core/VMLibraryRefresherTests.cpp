@@ -14,6 +14,17 @@ class VMLibraryRefresherTest : public VMServiceTest {
         context.insert(vm);
         return vm;
     }
+    /// Refreshes with a service whose scan is followed by `meanwhile` before anything else happens.
+    void refreshWith(std::function<void()> meanwhile) {
+        auto with = collaborators();
+        with.bundleScanner = [meanwhile](const Path& path) {
+            auto bundles = VMBundle::scanBundles(path);
+            meanwhile();
+            return bundles;
+        };
+        VMService interrupted(std::move(with));
+        run(interrupted.refreshVMList());
+    }
 };
 
 TEST_F(VMLibraryRefresherTest, aBundlePutThereByHandBecomesAMachine) {
@@ -33,17 +44,13 @@ TEST_F(VMLibraryRefresherTest, aBundlePutThereByHandBecomesAMachine) {
     EXPECT_TRUE(files.isExcludedFromBackup(bundle.directoryURL));
     EXPECT_TRUE(
         log.contains("Refreshed VM list across 1 storage path(s): 1 VM(s), 0 unreachable, 0 unreadable"));
-}
 
-TEST_F(VMLibraryRefresherTest, aWarmRefreshSavesNothing) {
-    makeBundle("alpha");
-    refresh();
     const auto saves = context.saveCount;
-    const auto before = *named("alpha");
+    const VMRecordFields before = *vm;
     host.clock().advance(seconds(60));
     refresh();
-    EXPECT_EQ(context.saveCount, saves);
-    EXPECT_EQ(static_cast<const VMRecordFields&>(*named("alpha")), before);
+    EXPECT_EQ(context.saveCount, saves) << "a warm refresh saves nothing";
+    EXPECT_EQ(static_cast<const VMRecordFields&>(*vm), before);
 }
 
 TEST_F(VMLibraryRefresherTest, theConfigurationWinsForHardwareAndTheRecordForTheRest) {
@@ -115,39 +122,13 @@ TEST_F(VMLibraryRefresherTest, ofTwoRecordsOfOnePathTheFirstIsKeptInStep) {
 TEST_F(VMLibraryRefresherTest, overlappingRefreshesConverge) {
     makeBundle("alpha");
     makeBundle("beta");
-    auto first = spawn(host.runtime().main.executor(), service.refreshVMList(), "first");
-    auto second = spawn(host.runtime().main.executor(), service.refreshVMList(), "second");
-    host.driveUntil([&] { return first.isFinished() && second.isFinished(); });
+    const auto first = begin(service.refreshVMList()), second = begin(service.refreshVMList());
+    finish(first, second);
     EXPECT_EQ(service.vms().size(), 2u);
     EXPECT_EQ(context.fetchRecords().size(), 2u);
 }
 
-// Changes made behind the back of a refresh, between its scan and its merge.
-class InterruptedRefreshTest : public VMLibraryRefresherTest {
-  protected:
-    /// Refreshes with a service whose scan is followed by `meanwhile` before anything else happens.
-    void refreshWith(std::function<void()> meanwhile) {
-        auto with = collaborators();
-        with.bundleScanner = [meanwhile](const Path& path) {
-            auto bundles = VMBundle::scanBundles(path);
-            meanwhile();
-            return bundles;
-        };
-        VMService interrupted(std::move(with));
-        run(interrupted.refreshVMList());
-    }
-};
-
-TEST_F(InterruptedRefreshTest, aMachineDeletedMeanwhileStaysDeleted) {
-    const auto vm = addVM("alpha");
-    refreshWith([&] {
-        std::filesystem::remove_all(vm->vmPath);
-        context.remove(vm);
-    });
-    EXPECT_TRUE(context.fetchRecords().empty());
-}
-
-TEST_F(InterruptedRefreshTest, aReconfigurationMeanwhileIsNotUndone) {
+TEST_F(VMLibraryRefresherTest, whatChangesBetweenScanAndMergeIsNotUndone) {
     const auto vm = addVM("alpha");
     refreshWith([&] {
         // Too late for the scanner, too early for the merge.
@@ -157,12 +138,14 @@ TEST_F(InterruptedRefreshTest, aReconfigurationMeanwhileIsNotUndone) {
         });
     });
     EXPECT_EQ(vm->cpuCount, 12);
-}
-
-TEST_F(InterruptedRefreshTest, aMachineBroughtInMeanwhileGetsNoSecondRecord) {
-    makeBundle("alpha");
-    refreshWith([&] { insert("alpha", storage / "alpha"); });
-    EXPECT_EQ(context.fetchRecords().size(), 1u);
+    refreshWith([&] {
+        std::filesystem::remove_all(vm->vmPath);
+        context.remove(vm);
+    });
+    EXPECT_TRUE(context.fetchRecords().empty()) << "what was deleted stays so";
+    makeBundle("beta");
+    refreshWith([&] { insert("beta", storage / "beta"); });
+    EXPECT_EQ(context.fetchRecords().size(), 1u) << "what was brought in gets no second record";
 }
 
 TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
@@ -182,7 +165,7 @@ TEST_F(VMLibraryRefresherTest, sweepsWhatACrashLeftButNotWorkInProgress) {
     EXPECT_TRUE(service.vms().empty());
 }
 
-TEST_F(InterruptedRefreshTest, workThatBeginsMeanwhileIsNotSweptInTheFoldersToCome) {
+TEST_F(VMLibraryRefresherTest, workThatBeginsMeanwhileIsNotSweptInTheFoldersToCome) {
     const auto staging = folder / "elsewhere" / ".beta.importing-0123ABCD";
     std::filesystem::create_directories(staging);
     makeBundle("gamma");
@@ -219,20 +202,12 @@ TEST_F(VMLibraryRefresherTest, noticesAnInstallationThatFinishedOutOfSight) {
 
 TEST_F(VMLibraryRefresherTest, opensAccessOnlyWhileItLooks) {
     const auto vm = addVM("alpha");
-    vm->setBookmark(toBytes("/old/disc.iso"), "/old/disc.iso");
-    resources.isStale = true;
+    vm->setBookmark(toBytes("stale:/old/disc.iso"), "/old/disc.iso");
     std::size_t openDuringScan = 0;
-    auto with = collaborators();
-    with.bundleScanner = [&](const Path& path) {
-        openDuringScan = resources.open.size();
-        return VMBundle::scanBundles(path);
-    };
-    VMService looking(std::move(with));
-    run(looking.refreshVMList());
+    refreshWith([&] { openDuringScan = resources.open.size(); });
     EXPECT_EQ(openDuringScan, 1u);
     EXPECT_TRUE(resources.open.empty());
-    EXPECT_EQ(vm->bookmarksByPath->at("/old/disc.iso"), toBytes("fresh:/old/disc.iso"))
-        << "a stale one is renewed";
+    EXPECT_EQ(vm->bookmarksByPath->at("/old/disc.iso"), toBytes("/old/disc.iso")) << "a stale one is renewed";
 }
 
 }  // namespace

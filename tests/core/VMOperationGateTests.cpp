@@ -17,25 +17,33 @@ Task<int> observe(const std::function<void()>& look, bool fails) {
     co_return 7;
 }
 
-TEST(VMOperationGate, holdsAMachineOnEveryWayOut) {
+TEST(VMOperationGate, holdsTheMachineAndNamesTheWorkOnEveryWayOut) {
     TestRuntime host;
     VMOperationGate gate;
+    LongOperationRegistry registry;
+    int changes = 0;
+    const Subscription subscription = registry.changed.connect([&] { ++changes; });
     const auto id = UUID::random();
     for (const bool fails : {false, true}) {
         bool wasBusy = false;
+        std::string label;
         const std::function<void()> look = [&] {
             wasBusy = gate.isBusy(id);
+            label = registry.active().begin()->second;
             EXPECT_THROW(gate.begin(id, "vm"), DorvaneError);
             EXPECT_NO_THROW(gate.requireFree(UUID::random(), "other"));
         };
-        auto operation = gate.perform(id, "vm", observe(look, fails));
+        auto operation = gate.perform(id, "vm", registry.track("Installing macOS", observe(look, fails)));
         if (fails)
             EXPECT_THROW(host.run(std::move(operation)), std::runtime_error);
         else
             EXPECT_EQ(host.run(std::move(operation)), 7);
         EXPECT_TRUE(wasBusy);
         EXPECT_FALSE(gate.isBusy(id));
+        EXPECT_EQ(label, "Installing macOS");
+        EXPECT_TRUE(registry.active().empty());
     }
+    EXPECT_EQ(changes, 4);
 }
 
 TEST(VMOperationGate, aRefusedOperationNeitherRunsNorFreesTheMachine) {
@@ -49,25 +57,6 @@ TEST(VMOperationGate, aRefusedOperationNeitherRunsNorFreesTheMachine) {
               DorvaneError(DorvaneError::Case::vmBusy, "vm"));
     EXPECT_FALSE(ran);
     EXPECT_TRUE(gate.isBusy(id));
-}
-
-TEST(LongOperationRegistry, namesTheWorkWhileItRuns) {
-    TestRuntime host;
-    LongOperationRegistry registry;
-    int changes = 0;
-    const Subscription subscription = registry.changed.connect([&] { ++changes; });
-    for (const bool fails : {false, true}) {
-        std::string label;
-        const std::function<void()> look = [&] { label = registry.active().begin()->second; };
-        auto operation = registry.track("Installing macOS", observe(look, fails));
-        if (fails)
-            EXPECT_THROW(host.run(std::move(operation)), std::runtime_error);
-        else
-            host.run(std::move(operation));
-        EXPECT_EQ(label, "Installing macOS");
-        EXPECT_TRUE(registry.active().empty());
-    }
-    EXPECT_EQ(changes, 4);
 }
 
 }  // namespace

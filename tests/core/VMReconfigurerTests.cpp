@@ -6,11 +6,14 @@ namespace {
 
 class VMReconfigurerTest : public VMServiceTest {
   protected:
-    DorvaneVMConfig update(const VMRecordPointer& vm, const VMConfiguration& request) {
+    VMRecordPointer vm = addVM("alpha");
+    VMConfiguration request;
+
+    DorvaneVMConfig update() {
         run(service.updateVMConfiguration(vm, request));
         return DorvaneVMConfig::read(vm->bundle().configFile());
     }
-    DorvaneError refusalOf(const VMRecordPointer& vm, const VMConfiguration& request) {
+    DorvaneError refused() {
         const auto before = contentsOf(storage);
         const VMRecordFields fields = *vm;
         auto error = failureOf(service.updateVMConfiguration(vm, request));
@@ -22,8 +25,6 @@ class VMReconfigurerTest : public VMServiceTest {
 };
 
 TEST_F(VMReconfigurerTest, changesWhatIsGivenAndKeepsTheRest) {
-    const auto vm = addVM("alpha");
-    VMConfiguration request;
     request.cpuCount = 8;
     request.memoryMB = 6000;
     request.displayResolution = DisplayResolution{800, 600};
@@ -32,7 +33,7 @@ TEST_F(VMReconfigurerTest, changesWhatIsGivenAndKeepsTheRest) {
     request.windowsFileDrop = true;
     request.mountedImages = {{"/tools.iso"}};
     host.clock().advance(seconds(1));
-    const auto config = update(vm, request);
+    const auto config = update();
     EXPECT_EQ(config.cpuCount, 8);
     EXPECT_EQ(config.memoryBytes, std::uint64_t{6000} << 20);
     EXPECT_EQ(config.display, (VMDisplayConfig{800, 600, 80}));
@@ -45,15 +46,15 @@ TEST_F(VMReconfigurerTest, changesWhatIsGivenAndKeepsTheRest) {
     EXPECT_EQ(vm->displayResolution, (DisplayResolution{800, 600}));
     EXPECT_EQ(vm->mountedImages->size(), 1u);
     EXPECT_EQ(vm->updatedAt, host.clock().date());
-    EXPECT_EQ(update(vm, {}), config);
+    request = {};
+    EXPECT_EQ(update(), config);
 }
 
 TEST_F(VMReconfigurerTest, startsFromWhatRecoveryLeaves) {
-    const auto vm = addVM("alpha");
     recovery.action = [&](const VMRecord&) {
         writeConfig(vm->bundle(), [](DorvaneVMConfig& config) { config.cpuCount = 6; });
     };
-    EXPECT_EQ(update(vm, {}).cpuCount, 6);
+    EXPECT_EQ(update().cpuCount, 6);
     recovery.action = [](VMRecord& record) { record.status = VMStatus::running; };
     EXPECT_EQ(failureOf(service.updateVMConfiguration(vm, {})),
               refusal("Shut down the VM before changing its configuration."))
@@ -61,70 +62,62 @@ TEST_F(VMReconfigurerTest, startsFromWhatRecoveryLeaves) {
 }
 
 TEST_F(VMReconfigurerTest, aDiskOnlyGrows) {
-    VMConfiguration request;
-    const auto linux = addVM("alpha");
     request.diskSizeGB = 31;
-    EXPECT_EQ(refusalOf(linux, request),
-              refusal("The system disk can only grow; shrinking is not supported."));
+    EXPECT_EQ(refused(), refusal("The system disk can only grow; shrinking is not supported."));
     request.diskSizeGB = 40;
-    EXPECT_EQ(update(linux, request).diskSizeBytes, std::uint64_t{40} << 30);
-    EXPECT_EQ(linux->bundle().diskImageLogicalSize(), std::uint64_t{40} << 30);
-    EXPECT_EQ(linux->diskSizeBytes, std::int64_t{40} << 30);
+    EXPECT_EQ(update().diskSizeBytes, std::uint64_t{40} << 30);
+    EXPECT_EQ(vm->bundle().diskImageLogicalSize(), std::uint64_t{40} << 30);
+    EXPECT_EQ(vm->diskSizeBytes, std::int64_t{40} << 30);
 
-    const auto win = addVM("win", VMOSType::windows);
+    vm = addVM("win", VMOSType::windows);
     windows.tool.fails = true;
-    EXPECT_EQ(refusalOf(win, request).text(), "the tool failed");
+    EXPECT_EQ(refused().text(), "the tool failed");
     windows.tool.fails = false;
-    update(win, request);
-    EXPECT_EQ(readTextFile(win->bundle().qcow2Disk()), "qcow2 42949672960");
+    update();
+    EXPECT_EQ(readTextFile(vm->bundle().qcow2Disk()), "qcow2 42949672960");
     windows.hasTool = false;
     request.diskSizeGB = 50;
-    EXPECT_EQ(refusalOf(win, request), refusal("The disk image tool is missing from this build."));
+    EXPECT_EQ(refused(), refusal("The disk image tool is missing from this build."));
     request.diskSizeGB = 40;
-    EXPECT_NO_THROW(update(win, request)) << "an equal size needs no tool";
+    EXPECT_NO_THROW(update()) << "an equal size needs no tool";
 }
 
 TEST_F(VMReconfigurerTest, refusalsChangeNothing) {
-    const auto vm = addVM("alpha");
-    VMConfiguration request;
     request.cpuCount = 0;
-    EXPECT_EQ(refusalOf(vm, request), refusal("CPU count must be between 1 and 1024."));
+    EXPECT_EQ(refused(), refusal("CPU count must be between 1 and 1024."));
     request.cpuCount = 4;
     request.diskSizeGB = 64;
     request.linuxSecureBoot = true;
     system.osVersion = {26, 5, 0};
-    EXPECT_EQ(refusalOf(vm, request),
-              refusal("Secure Boot for Linux guests needs macOS 27 or later on this Mac."));
+    EXPECT_EQ(refused(), refusal("Secure Boot for Linux guests needs macOS 27 or later on this Mac."));
     run(service.startVM(vm));
-    EXPECT_EQ(refusalOf(vm, {}), refusal("Shut down the VM before changing its configuration."));
+    EXPECT_EQ(refused(), refusal("Shut down the VM before changing its configuration."));
     run(service.stopVM(vm, true));
     writeFileAtomically(vm->bundle().configFile(), "garbage");
-    EXPECT_EQ(refusalOf(vm, {}), refusal("Could not read the VM configuration."));
+    EXPECT_EQ(refused(), refusal("Could not read the VM configuration."));
     std::filesystem::remove_all(vm->vmPath);
-    EXPECT_EQ(refusalOf(vm, {}),
+    EXPECT_EQ(refused(),
               refusal("Dorvane can't read this VM's files at " + vm->vmPath +
                       ". If they are on an external disk, connect it. Otherwise choose the folder again in "
                       "Settings > Storage."));
 }
 
 TEST_F(VMReconfigurerTest, sharesKeepTheirAddressOnceTheyHaveOne) {
-    const auto vm = addVM("win", VMOSType::windows);
+    vm = addVM("win", VMOSType::windows);
     writeFileAtomically(vm->bundle().rawDisk(), "");
-    VMConfiguration request;
     request.windowsShares = true;
-    EXPECT_EQ(update(vm, request).windowsShares, (WindowsSharesConfig{true, 47007, "secret"}));
+    EXPECT_EQ(update().windowsShares, (WindowsSharesConfig{true, 47007, "secret"}));
     EXPECT_FALSE(std::filesystem::exists(vm->bundle().rawDisk())) << "the stray empty disk goes";
     writeConfig(vm->bundle(), [](auto& config) {
         config.windowsShares = WindowsSharesConfig{true, 47050, "old"};
     });
     request.windowsShares = false;
-    EXPECT_EQ(update(vm, request).windowsShares, (WindowsSharesConfig{false, 47050, "old"}));
+    EXPECT_EQ(update().windowsShares, (WindowsSharesConfig{false, 47050, "old"}));
     request.windowsShares = true;
-    EXPECT_EQ(update(vm, request).windowsShares, (WindowsSharesConfig{true, 47050, "old"}));
+    EXPECT_EQ(update().windowsShares, (WindowsSharesConfig{true, 47050, "old"}));
 }
 
 TEST_F(VMReconfigurerTest, renamesWithoutRegardToCaseAndLeavesTheDirectory) {
-    const auto vm = addVM("alpha");
     addVM("Beta");
     EXPECT_EQ(failureOf(service.renameVM(vm, "bETA")), DorvaneError(Case::vmNameCollision, "bETA"));
     EXPECT_EQ(failureOf(service.renameVM(vm, " \n")).which(), Case::invalidConfiguration);
@@ -135,7 +128,6 @@ TEST_F(VMReconfigurerTest, renamesWithoutRegardToCaseAndLeavesTheDirectory) {
 }
 
 TEST_F(VMReconfigurerTest, completesAnInstallationOnRequest) {
-    const auto vm = addVM("alpha");
     vm->pendingInstallerImagePath = "/installer.iso";
     vm->status = VMStatus::running;
     EXPECT_EQ(failureOf(service.completeInstallation(vm)),

@@ -8,17 +8,17 @@ using testing::ElementsAre;
 
 class VMRunControlTest : public VMServiceTest {
   protected:
-    void allowPath(const VMRecordPointer& vm) {
-        vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso");
+    VMRunControlTest() { vm->setBookmark(toBytes("/media/disc.iso"), "/media/disc.iso"); }
+    void startUnheard() {
+        run(service.startVM(vm));
+        engine.calls.clear();
     }
-    TaskHandle begin(Task<void> task) {
-        return spawn(host.runtime().main.executor(), std::move(task), "test");
-    }
+
+    VMRecordPointer vm = addVM("alpha");
 };
 
 TEST_F(VMRunControlTest, startsAndStopsWithStatusDatesAndAccess) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
+    vm->status = VMStatus::running;  // A crash left it so; the engine knows better.
     host.clock().advance(seconds(5));
     run(service.startVM(vm));
     EXPECT_EQ(vm->status, VMStatus::running);
@@ -26,32 +26,29 @@ TEST_F(VMRunControlTest, startsAndStopsWithStatusDatesAndAccess) {
     EXPECT_EQ(resources.open.size(), 1u);
     EXPECT_TRUE(log.contains("Started VM: alpha"));
 
+    engine.failNext("stop", "it hangs");
+    EXPECT_EQ(failureOf(service.stopVM(vm, false)).text(), "it hangs");
+    EXPECT_EQ(vm->status, VMStatus::running);
+
     run(service.stopVM(vm, false));
     EXPECT_EQ(vm->status, VMStatus::stopped);
     EXPECT_TRUE(resources.open.empty());
     EXPECT_TRUE(log.contains("Stopped VM: alpha"));
     EXPECT_FALSE(service.lastStopWasForced(*vm));
-    EXPECT_THAT(engine.calls, ElementsAre("launch", "stop"));
+    EXPECT_THAT(engine.calls, ElementsAre("launch", "stop", "stop"));
 }
 
-TEST_F(VMRunControlTest, refusesByStatus) {
-    const auto vm = addVM("alpha");
-    const DorvaneError notRunning(Case::vmNotRunning, "alpha");
+TEST_F(VMRunControlTest, refusesByStatusAndWhileTheMachineIsBusy) {
+    const DorvaneError notRunning(Case::vmNotRunning, "alpha"), busy(Case::vmBusy, "alpha");
     EXPECT_EQ(failureOf(service.stopVM(vm, true)), notRunning);
     EXPECT_EQ(failureOf(service.pauseVM(vm)), notRunning);
     EXPECT_EQ(failureOf(service.restartVM(vm)), notRunning);
-    allowPath(vm);
     run(service.startVM(vm));
     EXPECT_EQ(failureOf(service.resumeVM(vm)), notRunning);
     EXPECT_EQ(failureOf(service.startVM(vm)), DorvaneError(Case::vmAlreadyRunning, "alpha"));
     EXPECT_EQ(resources.open.size(), 1u) << "the running machine keeps its access";
-    EXPECT_THAT(engine.calls, ElementsAre("launch"));
-}
 
-TEST_F(VMRunControlTest, everyOperationRefusesABusyMachine) {
-    const auto vm = addRunningVM("alpha");
     gate.begin(vm->id, vm->name);
-    const DorvaneError busy(Case::vmBusy, "alpha");
     EXPECT_EQ(failureOf(service.startVM(vm)), busy);
     EXPECT_EQ(failureOf(service.stopVM(vm, true)), busy);
     EXPECT_EQ(failureOf(service.restartVM(vm)), busy);
@@ -60,34 +57,24 @@ TEST_F(VMRunControlTest, everyOperationRefusesABusyMachine) {
     EXPECT_EQ(failureOf(service.suspendVM(vm)), busy);
     EXPECT_EQ(failureOf(service.deleteVM(vm, true)), busy);
     EXPECT_TRUE(gate.isBusy(vm->id));
-    EXPECT_TRUE(engine.calls.empty());
-}
-
-TEST_F(VMRunControlTest, aRecordLeftRunningByACrashStarts) {
-    const auto vm = addVM("alpha");
-    vm->status = VMStatus::running;
-    run(service.startVM(vm));
-    EXPECT_EQ(vm->status, VMStatus::running);
     EXPECT_THAT(engine.calls, ElementsAre("launch"));
 }
 
 TEST_F(VMRunControlTest, aGracefulStopOfAPausedMachineResumesItFirst) {
-    const auto vm = addRunningVM("alpha");
-    run(service.pauseVM(vm));
-    EXPECT_EQ(vm->status, VMStatus::paused);
-    run(service.stopVM(vm, false));
-    EXPECT_THAT(engine.calls, ElementsAre("pause", "resume", "stop"));
-
-    run(service.startVM(vm));
-    run(service.pauseVM(vm));
-    engine.calls.clear();
-    run(service.stopVM(vm, true));
-    EXPECT_THAT(engine.calls, ElementsAre("forced stop"));
-    EXPECT_TRUE(service.lastStopWasForced(*vm));
+    const std::map<bool, std::vector<std::string>> table{{false, {"pause", "resume", "stop"}},
+                                                         {true, {"pause", "forced stop"}}};
+    for (const auto& [force, calls] : table) {
+        startUnheard();
+        run(service.pauseVM(vm));
+        EXPECT_EQ(vm->status, VMStatus::paused);
+        run(service.stopVM(vm, force));
+        EXPECT_EQ(engine.calls, calls);
+        EXPECT_EQ(service.lastStopWasForced(*vm), force);
+    }
 }
 
 TEST_F(VMRunControlTest, restartLeavesTheMachineStoppedWhenTheStartFails) {
-    const auto vm = addRunningVM("alpha");
+    startUnheard();
     run(service.restartVM(vm));
     EXPECT_EQ(vm->status, VMStatus::running);
     EXPECT_TRUE(log.contains("Restarted VM: alpha"));
@@ -100,16 +87,7 @@ TEST_F(VMRunControlTest, restartLeavesTheMachineStoppedWhenTheStartFails) {
     EXPECT_FALSE(engine.status(vm->id));
 }
 
-TEST_F(VMRunControlTest, aFailedStopLeavesTheRecordAsItWas) {
-    const auto vm = addRunningVM("alpha");
-    engine.failNext("stop", "it hangs");
-    EXPECT_EQ(failureOf(service.stopVM(vm, false)).text(), "it hangs");
-    EXPECT_EQ(vm->status, VMStatus::running);
-}
-
 TEST_F(VMRunControlTest, aStartThatFailsEarlyChangesNothingButEndsAccess) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
     vm->mountedImages = {{" ", "/nowhere/tools.iso "}};
     EXPECT_EQ(failureOf(service.startVM(vm)), refusal("Mounted image does not exist: /nowhere/tools.iso"));
     std::filesystem::remove(vm->bundle().rawDisk());
@@ -121,31 +99,23 @@ TEST_F(VMRunControlTest, aStartThatFailsEarlyChangesNothingButEndsAccess) {
     EXPECT_TRUE(engine.calls.empty());
 }
 
-TEST_F(VMRunControlTest, aFailedLaunchLeavesErrorAndTheOldLaunchDate) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
+TEST_F(VMRunControlTest, aStartThatFailsLateLeavesErrorAndEndsAccess) {
+    const auto expectFailure = [&](const std::string& words) {
+        EXPECT_EQ(failureOf(service.startVM(vm)).text(), words);
+        EXPECT_EQ(vm->status, VMStatus::error);
+        EXPECT_TRUE(resources.open.empty());
+    };
     engine.failNext("launch", "no accelerator");
-    EXPECT_EQ(failureOf(service.startVM(vm)).text(), "no accelerator");
-    EXPECT_EQ(vm->status, VMStatus::error);
+    expectFailure("no accelerator");
     EXPECT_FALSE(vm->lastLaunchedAt);
-    EXPECT_TRUE(resources.open.empty());
-}
-
-TEST_F(VMRunControlTest, aStoreThatFailsAfterTheStartCountsAsAFailedStart) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
     context.failNextSave = true;
-    EXPECT_EQ(failureOf(service.startVM(vm)).text(), "the store can't be written");
-    EXPECT_EQ(vm->status, VMStatus::error);
-    EXPECT_TRUE(resources.open.empty());
+    expectFailure("the store can't be written");
     EXPECT_TRUE(engine.status(vm->id)) << "it may run all the same; the next refresh says so";
     run(service.refreshVMList());
     EXPECT_EQ(vm->status, VMStatus::running);
 }
 
 TEST_F(VMRunControlTest, aSecondStartDuringTheFirstIsRefusedAndDisturbsNothing) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
     const auto release = engine.hold("launch");
     const auto first = begin(service.startVM(vm));
     host.settle();
@@ -156,17 +126,15 @@ TEST_F(VMRunControlTest, aSecondStartDuringTheFirstIsRefusedAndDisturbsNothing) 
               refusal("Shut down the VM before changing its configuration."));
     EXPECT_EQ(resources.open.size(), 1u);
     release.set();
-    host.driveUntil([&] { return first.isFinished(); });
+    finish(first);
     EXPECT_EQ(vm->status, VMStatus::running);
 }
 
 TEST_F(VMRunControlTest, aStartThatNobodyWaitsForIsGivenUpWhereverItStands) {
-    const auto vm = addVM("alpha");
-    allowPath(vm);
     const auto giveUp = [&](TaskHandle start) {
         start.cancel();
         if (recovery.work) recovery.work->set();
-        host.driveUntil([&] { return start.isFinished(); });
+        finish(start);
         host.settle();
         EXPECT_FALSE(engine.hasRunningVMs());
         EXPECT_FALSE(service.isStarting(vm->id));
@@ -192,36 +160,24 @@ TEST_F(VMRunControlTest, aStartThatNobodyWaitsForIsGivenUpWhereverItStands) {
     auto second = begin(service.startVM(vm));
     second.cancel();
     recovery.work->set();
-    host.driveUntil([&] { return second.isFinished(); });
+    finish(second);
     host.settle();
     EXPECT_THAT(engine.calls, ElementsAre()) << "the machine that runs is another start's";
 }
 
 TEST_F(VMRunControlTest, aMachineDeletedDuringItsStartDoesNotComeBack) {
-    const auto vm = addVM("alpha");
     const auto release = engine.hold("launch");
     const auto start = begin(service.startVM(vm));
     host.settle();
     run(service.deleteVM(vm, true));
     release.set();
-    host.driveUntil([&] { return start.isFinished(); });
+    finish(start);
     EXPECT_FALSE(engine.hasRunningVMs());
     EXPECT_TRUE(service.vms().empty());
     EXPECT_TRUE(context.fetchRecords().empty());
 }
 
 TEST_F(VMRunControlTest, dropsTheInstallerOnceTheDiskBoots) {
-    const auto vm = addVM("alpha");
-    vm->pendingInstallerImagePath = "/nowhere/installer.iso";
-    writeFileAtomically(vm->bundle().rawDisk(), "installed now");
-    run(service.startVM(vm));
-    EXPECT_FALSE(vm->pendingInstallerImagePath);
-    EXPECT_FALSE(engine.lastAttachments->installerImagePath);
-    EXPECT_TRUE(log.contains("Found an installed system on alpha; starting without the installer image"));
-}
-
-TEST_F(VMRunControlTest, aStopEndsTheInstallationThatTheGuestHasFinished) {
-    const auto vm = addVM("alpha");
     const auto image = folder / "installer.iso";
     writeFileAtomically(image, "iso");
     vm->pendingInstallerImagePath = image.string();
@@ -231,30 +187,36 @@ TEST_F(VMRunControlTest, aStopEndsTheInstallationThatTheGuestHasFinished) {
     run(service.stopVM(vm, false));
     EXPECT_FALSE(vm->hasPendingInstallerImage());
     EXPECT_TRUE(log.contains("Automatically completed Linux installation for VM: alpha"));
+    host.settle();
+
+    vm->pendingInstallerImagePath = "/nowhere/installer.iso";
+    run(service.startVM(vm));
+    EXPECT_FALSE(vm->pendingInstallerImagePath);
+    EXPECT_FALSE(engine.lastAttachments->installerImagePath);
+    EXPECT_TRUE(log.contains("Found an installed system on alpha; starting without the installer image"));
 }
 
 TEST_F(VMRunControlTest, pushesTheClockOnlyIntoAWindowsGuestThatCameBack) {
-    const auto vm = addVM("alpha", VMOSType::windows);
-    writeConfig(vm->bundle(), [](DorvaneVMConfig& config) {
+    const auto win = addVM("win", VMOSType::windows);
+    writeConfig(win->bundle(), [](DorvaneVMConfig& config) {
         config.windowsSSH = WindowsSSHConfig{true, 47105};
     });
-    run(service.startVM(vm));
-    run(service.suspendVM(vm));
+    run(service.startVM(win));
+    run(service.suspendVM(win));
     EXPECT_TRUE(clockSync.pushes.empty());
 
-    run(service.startVM(vm));
+    run(service.startVM(win));
     host.settle();
-    EXPECT_THAT(clockSync.pushes, ElementsAre("alpha:47105 running 20x4"));
+    EXPECT_THAT(clockSync.pushes, ElementsAre("win:47105 running 20x4"));
 
-    run(service.suspendVM(vm));
+    run(service.suspendVM(win));
     engine.consumesSavedState = false;
-    run(service.startVM(vm));
+    run(service.startVM(win));
     host.settle();
     EXPECT_EQ(clockSync.pushes.size(), 1u) << "a state that is still there was not resumed from";
 }
 
 TEST_F(VMRunControlTest, refreshStateFollowsTheEngine) {
-    const auto vm = addVM("alpha");
     engine.adopt(vm->id, VMStatus::paused);
     run(service.refreshVMState(vm));
     EXPECT_EQ(vm->status, VMStatus::paused);

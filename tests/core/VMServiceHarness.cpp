@@ -16,34 +16,16 @@ std::map<std::string, std::string> contentsOf(const Path& folder) {
 }
 
 FakeScopedResources::Resolved FakeScopedResources::resolve(ByteView bookmark) {
-    return {Path(asText(bookmark)), isStale};
+    const std::string text(asText(bookmark));
+    if (text.starts_with("stale:")) return {text.substr(6), true};
+    if (!text.starts_with('/')) throw std::runtime_error("no bookmark");
+    return {text, false};
 }
-
-Bytes FakeScopedResources::makeBookmark(const Path& path) { return toBytes("fresh:" + path.string()); }
-
-bool FakeScopedResources::startAccessing(const Path& path) {
-    open.insert(path);
-    return true;
-}
-
-void FakeScopedResources::stopAccessing(const Path& path) { open.erase(open.find(path)); }
 
 void FakeDiskImageTool::createImage(const Path& path, std::uint64_t sizeBytes) const {
     if (fails) throw std::runtime_error("the tool failed");
     writeFileAtomically(path, "qcow2 " + std::to_string(sizeBytes));
 }
-
-void FakeDiskImageTool::resizeImage(const Path& path, std::uint64_t sizeBytes) const {
-    createImage(path, sizeBytes);
-}
-
-std::optional<std::string> FakeWindowsGuestSupport::unavailableReason() const { return reason; }
-
-const DiskImageTool* FakeWindowsGuestSupport::diskImageTool() const { return hasTool ? &tool : nullptr; }
-
-int FakeWindowsGuestSupport::pickFreeSharesPort() const { return 47007; }
-
-std::string FakeWindowsGuestSupport::makeSharesToken() const { return "secret"; }
 
 bool FakeBootEvidence::diskShowsBootableSystem(const Path& disk) const {
     std::ifstream stream(disk);
@@ -51,8 +33,6 @@ bool FakeBootEvidence::diskShowsBootableSystem(const Path& disk) const {
     stream.read(start.data(), 9);
     return start == "installed";
 }
-
-void FakeFlattening::flattenLiveDisk(const VMBundle& bundle) const { action(bundle); }
 
 Task<bool> FakeClockSync::syncAfterRestore(VMRecordPointer vm, int port, std::function<bool()> isVMRunning,
                                            int attempts, Duration delay) {
@@ -68,12 +48,6 @@ Task<void> FakeRecovery::recover(VMRecordPointer vm) {
     }
     action(*vm);
 }
-
-VMServiceTest::VMServiceTest() { settings.setStoragePath(storage); }
-
-VMServiceTest::~VMServiceTest() = default;
-
-void VMServiceTest::run(Task<void> task) { host.run(std::move(task)); }
 
 VMBundle VMServiceTest::makeBundle(const std::string& name, VMOSType os) const {
     const VMBundle bundle(storage / name);
@@ -114,10 +88,6 @@ VMRecordPointer VMServiceTest::named(const std::string& name) const {
     for (const auto& vm : service.vms())
         if (vm->name == name) return vm;
     return nullptr;
-}
-
-DorvaneError VMServiceTest::refusal(const std::string& sentence) {
-    return DorvaneError(Case::invalidConfiguration, sentence);
 }
 
 VMServiceCollaborators VMServiceTest::collaborators() {

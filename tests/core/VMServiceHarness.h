@@ -24,15 +24,18 @@ using Case = DorvaneError::Case;
 /// "untouched" are proved with.
 std::map<std::string, std::string> contentsOf(const Path& folder);
 
-/// Permissions that count how many are open.
+/// Permissions that count how many are open. A bookmark is its path's text; "stale:" before it makes one
+/// stale, anything but a path can't be resolved.
 class FakeScopedResources : public ScopedResources {
   public:
     Resolved resolve(ByteView bookmark) override;
-    Bytes makeBookmark(const Path& path) override;
-    bool startAccessing(const Path& path) override;
-    void stopAccessing(const Path& path) override;
+    Bytes makeBookmark(const Path& path) override { return toBytes(path.string()); }
+    bool startAccessing(const Path& path) override {
+        open.insert(path);
+        return true;
+    }
+    void stopAccessing(const Path& path) override { EXPECT_FALSE(open.extract(path).empty()); }
 
-    bool isStale = false;
     std::multiset<Path> open;
 };
 
@@ -40,17 +43,19 @@ class FakeScopedResources : public ScopedResources {
 class FakeDiskImageTool : public DiskImageTool {
   public:
     void createImage(const Path& path, std::uint64_t sizeBytes) const override;
-    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override;
+    void resizeImage(const Path& path, std::uint64_t sizeBytes) const override {
+        createImage(path, sizeBytes);
+    }
 
     bool fails = false;
 };
 
 class FakeWindowsGuestSupport : public WindowsGuestSupport {
   public:
-    std::optional<std::string> unavailableReason() const override;
-    const DiskImageTool* diskImageTool() const override;
-    int pickFreeSharesPort() const override;
-    std::string makeSharesToken() const override;
+    std::optional<std::string> unavailableReason() const override { return reason; }
+    const DiskImageTool* diskImageTool() const override { return hasTool ? &tool : nullptr; }
+    int pickFreeSharesPort() const override { return 47007; }
+    std::string makeSharesToken() const override { return "secret"; }
 
     std::optional<std::string> reason;
     bool hasTool = true;
@@ -65,7 +70,7 @@ class FakeBootEvidence : public LinuxBootEvidenceInspecting {
 
 class FakeFlattening : public LiveDiskFlattening {
   public:
-    void flattenLiveDisk(const VMBundle& bundle) const override;
+    void flattenLiveDisk(const VMBundle& bundle) const override { action(bundle); }
     std::function<void(const VMBundle&)> action = [](const VMBundle& bundle) {
         writeFileAtomically(bundle.qcow2Disk(), "flat");
     };
@@ -89,8 +94,7 @@ class FakeRecovery : public VMBundleRecovering {
 
 class VMServiceTest : public testing::Test {
   protected:
-    VMServiceTest();
-    ~VMServiceTest() override;
+    VMServiceTest() { settings.setStoragePath(storage); }
 
     /// A complete bundle; the disk holds its name.
     VMBundle makeBundle(const std::string& name, VMOSType os = VMOSType::linux) const;
@@ -100,7 +104,7 @@ class VMServiceTest : public testing::Test {
     VMRecordPointer addRunningVM(const std::string& name, VMOSType os = VMOSType::linux);
     VMRecordPointer named(const std::string& name) const;
 
-    void run(Task<void> task);
+    void run(Task<void> task) { host.run(std::move(task)); }
     template <typename T>
     T run(Task<T> task) {
         return host.run(std::move(task));
@@ -110,7 +114,20 @@ class VMServiceTest : public testing::Test {
     DorvaneError failureOf(Task<T> task) {
         return errorOf([&] { run(std::move(task)); });
     }
-    static DorvaneError refusal(const std::string& sentence);
+    static DorvaneError refusal(const std::string& sentence) {
+        return DorvaneError(Case::invalidConfiguration, sentence);
+    }
+    TaskHandle begin(Task<void> task) {
+        return spawn(host.runtime().main.executor(), std::move(task), "test");
+    }
+    template <typename T>
+    TaskHandle begin(Task<T> task) {
+        return begin([](Task<T> work) -> Task<void> { co_await std::move(work); }(std::move(task)));
+    }
+    /// Runs until all of them have ended.
+    void finish(const auto&... tasks) {
+        host.driveUntil([&] { return (tasks.isFinished() && ...); });
+    }
 
     LogCapture log;
     TemporaryDirectory folder;

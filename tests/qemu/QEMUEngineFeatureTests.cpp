@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the engine adds to a launch: installer, SSH, folders, graphics, diagnostics.
-#include "QEMUEngineScene.h"
-#include "core/ConfigHash.h"
 #include "core/SettingsService.h"
+#include "qemu/QEMUEngineScene.h"
 #include "qemu/WindowsSharesPortAllocator.h"
 #include "runtime/Sockets.h"
 
@@ -19,27 +18,32 @@ using testing::Not;
 /// Listens nowhere; remembers what it was told.
 class FakeFileServer : public GuestFileServing {
   public:
-    explicit FakeFileServer(GuestFileServerConfiguration told) : configuration(std::move(told)) {}
+    explicit FakeFileServer(GuestFileServerConfiguration told, std::optional<std::string> error = {})
+        : configuration(std::move(told)), failure(std::move(error)) {}
     Task<void> start() override {
         if (failure) throw DorvaneError(DorvaneError::Case::networkError, *failure);
         isRunning = true;
         co_return;
     }
     void stop() override { isRunning = false; }
-    std::optional<int> boundPort() const override { return port; }
+    std::optional<int> boundPort() const override { return 47042; }
 
     GuestFileServerConfiguration configuration;
     std::optional<std::string> failure;
-    std::optional<int> port = 47042;
     bool isRunning = false;
 };
 
 TEST(QEMUEngine, AnInstallerGetsItsScriptAndItsKeyPresses) {
     Scene scene;
-    auto vm = scene.machine("Machine");
+    auto vm = scene.machine();
     vm.attachments.installerImagePath = "/images/windows.iso";
     scene.launch(vm);
-    EXPECT_TRUE(fs::exists(scene.directory(vm) / "boot/startup.nsh"));
+    const std::string block =
+        "fs2:\\efi\\boot\\bootaa64.efi\nfs1:\\efi\\boot\\bootaa64.efi\n"
+        "fs3:\\efi\\boot\\bootaa64.efi\nfs4:\\efi\\boot\\bootaa64.efi\n";
+    EXPECT_EQ(readTextFile(scene.directory(vm) / "boot/startup.nsh"),
+              "@echo -off\necho Dorvane: booting the Windows installer...\n" + block + block + block +
+                  "echo Dorvane: no Windows installer found.\n");
     scene.host.driveUntil([&] { return scene.qemu.count(R"("down":false,"key":{"data":"spc")") >= 3; });
     scene.stop(vm);
 }
@@ -48,7 +52,7 @@ TEST(QEMUEngine, TracesAndMonitorsOnRequest) {
     Scene scene(
         [](QEMUEngineContext& context) { context.environment["DORVANE_QEMU_TRACE"] = " nvme_* , ,usb_*"; });
     scene.defaults.set(defaultsKey::qemuMonitorSocket, "/tmp/monitor.sock");
-    const auto vm = scene.machine("Machine");
+    const auto vm = scene.machine();
     scene.launch(vm);
     const auto log = scene.qemu.log();
     EXPECT_THAT(log, HasSubstr("-trace enable=nvme_* -trace enable=usb_* -trace file=" +
@@ -62,9 +66,7 @@ TEST(QEMUEngine, ForwardsSSHToAFreePortAndWritesItDown) {
     const auto first = scene.machine("First", wantsSSH), second = scene.machine("Second", wantsSSH);
     scene.launch(first);
     scene.launch(second);
-    const auto portOf = [](const EngineMachine& vm) {
-        return DorvaneVMConfig::read(vm.bundle.configFile()).windowsSSH->hostPort;
-    };
+    const auto portOf = [&](const EngineMachine& vm) { return scene.config(vm).windowsSSH->hostPort; };
     // The stand-in binds nothing, so only the reservation keeps the two apart.
     EXPECT_NE(portOf(first), portOf(second));
     EXPECT_THAT(scene.qemu.log(),
@@ -88,14 +90,14 @@ TEST(QEMUEngine, StartsWithoutSSHWhenEveryPortIsTaken) {
 
 TEST(QEMUEngine, SaysThatThisBuildHasNoFileServer) {
     Scene scene;
-    auto vm = scene.machine("Machine");
+    auto vm = scene.machine();
     vm.attachments.sharedFolders = {{.localPath = "/tmp", .mountPoint = "Work"}};
     scene.launch(vm);
     const auto status = scene.fileServers.status(vm.id);
     ASSERT_TRUE(status);
     EXPECT_EQ(std::get<GuestFileServerStatus::Failed>(status->kind).message,
               "This build cannot share folders with Windows guests yet.");
-    const auto settings = DorvaneVMConfig::read(vm.bundle.configFile()).windowsShares;
+    const auto settings = scene.config(vm).windowsShares;
     ASSERT_TRUE(settings && settings->enabled);
     EXPECT_TRUE(windowsSharesPorts.contains(settings->hostPort));
     scene.stop(vm);
@@ -107,9 +109,7 @@ TEST(QEMUEngine, SharesFoldersThroughItsServer) {
     std::optional<std::string> failure;
     Scene scene([&](QEMUEngineContext& context) {
         context.makeFileServer = [&](GuestFileServerConfiguration configuration) {
-            server = std::make_shared<FakeFileServer>(std::move(configuration));
-            server->failure = failure;
-            return server;
+            return server = std::make_shared<FakeFileServer>(std::move(configuration), failure);
         };
     });
     auto vm = scene.machine("Machine", [](DorvaneVMConfig& config) {
@@ -131,7 +131,7 @@ TEST(QEMUEngine, SharesFoldersThroughItsServer) {
     const GuestFileServerStatus::Running running{
         47042, "http://10.0.2.2:47042/secret/", {"Work", "Shared", "Photos"}, 47007, {"wORK", "AUX.txt"}};
     EXPECT_EQ(scene.fileServers.status(vm.id), GuestFileServerStatus{running});
-    EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()).windowsShares->hostPort, 47042);
+    EXPECT_EQ(scene.config(vm).windowsShares->hostPort, 47042);
     EXPECT_TRUE(fs::exists(scene.directory(vm) / "sh/Connect-Dorvane-Shares.cmd"));
     scene.stop(vm);
     EXPECT_FALSE(server->isRunning);
@@ -142,30 +142,33 @@ TEST(QEMUEngine, SharesFoldersThroughItsServer) {
     EXPECT_EQ(scene.engine->status(vm.id), VMStatus::running);
 }
 
-TEST(QEMUEngine, AMovedPortDoesNotCostTheSuspendedState) {
+TEST(QEMUEngine, ASuspendedStateIsUsedOnceAndAMovedPortDoesNotCostIt) {
     Scene scene([](QEMUEngineContext& context) {
         context.makeFileServer = [](GuestFileServerConfiguration configuration) {
             return std::make_shared<FakeFileServer>(std::move(configuration));
         };
     });
-    auto vm = scene.machine("Machine");
+    auto vm = scene.machine();
     vm.attachments.sharedFolders = {{.localPath = scene.work.path().string(), .mountPoint = "Work"}};
     scene.suspend(vm);
     // Saved when both had other ports.
-    auto config = DorvaneVMConfig::read(vm.bundle.configFile());
+    auto config = scene.config(vm);
     config.windowsSSH = WindowsSSHConfig{true, 1};
     config.windowsShares->hostPort = 47007;
     config.write(vm.bundle.configFile());
     writeFileAtomically(vm.bundle.savedStateHash(), configHash(config));
 
     scene.qemu.script("qemu-system-aarch64", {"refuse=cont"});
-    EXPECT_EQ(scene.failedLaunch(vm).which(), DorvaneError::Case::suspendedStateRestoreFailed);
-    EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()), config) << "the state still belongs to it";
+    const auto error = scene.failedLaunch(vm);
+    EXPECT_EQ(error.which(), DorvaneError::Case::suspendedStateRestoreFailed);
+    EXPECT_EQ(error.text(), "Machine");
+    EXPECT_TRUE(vm.bundle.hasSavedState()) << "the failure says nothing about it";
+    EXPECT_EQ(scene.config(vm), config) << "the state still belongs to it";
     scene.qemu.script("qemu-system-aarch64", {});
     scene.launch(vm);
     EXPECT_EQ(scene.qemu.count("-incoming defer\n"), 2);
     EXPECT_FALSE(vm.bundle.hasSavedState());
-    const auto after = DorvaneVMConfig::read(vm.bundle.configFile());
+    const auto after = scene.config(vm);
     EXPECT_TRUE(windowsSSHPorts.contains(after.windowsSSH->hostPort));
     EXPECT_EQ(after.windowsShares->hostPort, 47042);
 
@@ -174,8 +177,10 @@ TEST(QEMUEngine, AMovedPortDoesNotCostTheSuspendedState) {
     writeFileAtomically(vm.bundle.savedState(), "of unknown origin");
     config.write(vm.bundle.configFile());
     scene.launch(vm);
+    EXPECT_EQ(scene.qemu.count("-incoming defer\n"), 2) << "without its digests it is discarded";
+    EXPECT_TRUE(scene.log.contains("丢弃不可用的挂起现场,冷启动 Machine"));
     EXPECT_FALSE(vm.bundle.hasSavedState());
-    EXPECT_EQ(DorvaneVMConfig::read(vm.bundle.configFile()).windowsShares->hostPort, 47042);
+    EXPECT_EQ(scene.config(vm).windowsShares->hostPort, 47042);
 }
 
 TEST(QEMUEngine, AcceleratesOnlyWhereItCan) {
@@ -217,8 +222,14 @@ TEST(QEMUEngine, RemembersThatTheGuestToolsRun) {
     EXPECT_TRUE(fs::exists(vm.bundle.guestToolsDetectedMarker()));
     scene.stop(vm);
     EXPECT_EQ(scene.qemu.count("-device ramfb"), 1);
+    writeFileAtomically(vm.bundle.savedState(), "memory");
     scene.launch(vm);
-    EXPECT_EQ(scene.qemu.count("-device ramfb"), 1) << "the full display from now on";
+    EXPECT_EQ(scene.qemu.count("-device ramfb"), 2) << "a suspended machine keeps its devices";
+    scene.stop(vm);
+    scene.launch(vm);
+    EXPECT_EQ(scene.qemu.count("-device ramfb"), 2) << "the full display from now on";
+    EXPECT_EQ(scene.config(vm).windowsDisplayDriverMissing, false);
+    EXPECT_FALSE(fs::exists(vm.bundle.guestToolsDetectedMarker()));
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
+
+#include "core/ConfigHash.h"
 #include "core/DorvaneError.h"
 #include "qemu/QEMUEngine.h"
 #include "support/EngineMachine.h"
@@ -18,20 +21,72 @@
 namespace dorvane::test {
 
 struct QEMUEngineScene {
-    explicit QEMUEngineScene(std::function<void(QEMUEngineContext&)> change = {});
-    ~QEMUEngineScene();
+    explicit QEMUEngineScene(const std::function<void(QEMUEngineContext&)>& change = {}) {
+        QEMUEngineContext context{.runtime = host.runtime(),
+                                  .processes = processes,
+                                  .defaults = defaults,
+                                  .adapter = adapter,
+                                  .capabilities = capabilities,
+                                  .keyStore = keyStore,
+                                  .guestTools = guestTools,
+                                  .fileServers = fileServers,
+                                  .resourceLocator =
+                                      [package = QEMURuntimeResources::packaged(qemu.root())] {
+                                          return QEMURuntimeResources::locate({package}, {});
+                                      },
+                                  .temporaryDirectory = work.path()};
+        if (change) change(context);
+        engine.emplace(std::move(context));
+    }
+    ~QEMUEngineScene() {
+        host.run(engine->shutdownAll(seconds(1)));
+        EXPECT_TRUE(std::filesystem::is_empty(work / "dvn")) << "a runtime directory was left";
+        EXPECT_TRUE(qemu.survivors().empty());
+    }
 
-    std::optional<QEMURuntimeResources> locate() const;
-    EngineMachine machine(const std::string& name,
-                          const std::function<void(DorvaneVMConfig&)>& change = {}) const;
-    void launch(const EngineMachine& vm);
-    DorvaneError failedLaunch(const EngineMachine& vm);
-    void stop(const EngineMachine& vm, bool force = true);
-    void waitUntilGone(const EngineMachine& vm);
-    Path directory(const EngineMachine& vm) const;
+    EngineMachine machine(const std::string& name = "Machine",
+                          const std::function<void(DorvaneVMConfig&)>& change = {}) const {
+        EngineMachine made{.bundle = VMBundle(work / name)};
+        std::filesystem::create_directory(made.bundle.directoryURL);
+        DorvaneVMConfig config;
+        config.cpuCount = 2;
+        config.memoryBytes = 1ULL << 30;
+        config.macAddress = "02:00:00:00:00:01";
+        config.display = {1280, 800, 96};
+        config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
+        config.windowsSSH = WindowsSSHConfig{false, 0};
+        if (change) change(config);
+        config.write(made.bundle.configFile());
+        std::ofstream(made.bundle.qcow2Disk()) << "disk";
+        return made;
+    }
+    DorvaneVMConfig config(const EngineMachine& vm) const {
+        return DorvaneVMConfig::read(vm.bundle.configFile());
+    }
+    TaskHandle begin(Task<void> task) {
+        return spawn(host.runtime().main.executor(), std::move(task), "test");
+    }
+    void launch(const EngineMachine& vm) { host.run(engine->launch(vm.id, vm.bundle, vm.attachments)); }
+    DorvaneError failedLaunch(const EngineMachine& vm) {
+        return errorOf([&] { launch(vm); });
+    }
+    void stop(const EngineMachine& vm, bool force = true) {
+        host.run(engine->stop(vm.id, force));
+        host.driveUntil([&] { return !engine->status(vm.id); });
+        EXPECT_FALSE(std::filesystem::exists(directory(vm)));
+    }
+    Path directory(const EngineMachine& vm) const { return work / "dvn" / vm.id.shortText(); }
     /// A suspended state as the suspending service leaves it, over what the engine itself wrote.
-    void suspend(const EngineMachine& vm);
-    int launches() const;
+    void suspend(const EngineMachine& vm) {
+        launch(vm);
+        host.run(engine->pause(vm.id));
+        host.driveUntil([&] { return engine->status(vm.id) == VMStatus::paused; });
+        host.run(engine->saveState(vm.id, vm.bundle.savedState()));
+        writeFileAtomically(vm.bundle.savedState(), "memory");
+        writeFileAtomically(vm.bundle.savedStateHash(), configHash(config(vm)));
+        stop(vm);
+    }
+    int launches() const { return qemu.count("qemu-system-aarch64 pid="); }
 
     TestRuntime host{TestRuntime::TimeMode::manual};
     TimePump pump{host.clock()};

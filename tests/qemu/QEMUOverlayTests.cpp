@@ -1,62 +1,38 @@
 // SPDX-License-Identifier: Apache-2.0
 // Switching a running machine's disk to a new top layer, with a QEMU that refuses one command or another.
-#include <gmock/gmock.h>
-
-#include "core/DorvaneError.h"
-#include "qemu/QEMUProcessSupervisor.h"
-#include "support/FakeProcesses.h"
-#include "support/FakeQEMUInstallation.h"
-#include "support/TestRuntime.h"
-#include "support/TimePump.h"
+#include "qemu/QEMUSupervisorScene.h"
 
 namespace dorvane {
 namespace {
 
 namespace fs = std::filesystem;
-using Words = std::vector<std::string>;
-using Case = DorvaneError::Case;
 
-struct OverlayScene {
-    explicit OverlayScene(const Words& words) {
-        fs::create_directory(bundle.directoryURL);
+struct OverlayScene : test::QEMUSupervisorScene {
+    explicit OverlayScene(const Words& words) : QEMUSupervisorScene(words) {
         writeFileAtomically(bundle.qcow2Disk(), "layer 0");
         runtime.linkSystemDisk(bundle);
-        qemu.script("qemu-system-aarch64", words);
-        QEMULaunch launch;
-        launch.paths.executable = qemu.emulator();
-        launch.paths.qmpSocket = runtime.qmpSocket();
-        launch.arguments = {"-qmp", "unix:" + launch.paths.qmpSocket.string() + ",server=on,wait=off"};
         supervisor->setRuntimeDirectory(runtime);
-        host.run(supervisor->start(launch));
+        start();
     }
-    ~OverlayScene() { host.run(supervisor->stop(true, seconds(1))); }
+    ~OverlayScene() { stop(); }
 
-    Path frozen(int layer) const { return bundle.directoryURL / ("frozen-" + std::to_string(layer)); }
     /// Freezes the present layer as the snapshot service does, and has the supervisor follow. The error's
     /// text, empty for success.
     std::string attach(int layer, std::optional<SnapshotParentRewrite> rewrite) {
-        fs::rename(bundle.qcow2Disk(), frozen(layer));
+        const auto frozen = bundle.directoryURL / ("frozen-" + std::to_string(layer));
+        fs::rename(bundle.qcow2Disk(), frozen);
         writeFileAtomically(bundle.qcow2Disk(), "layer " + std::to_string(layer + 1));
         try {
-            host.run(
-                supervisor->attachSystemDiskOverlay(bundle.qcow2Disk(), frozen(layer), std::move(rewrite)));
+            host.run(supervisor->attachSystemDiskOverlay(bundle.qcow2Disk(), frozen, std::move(rewrite)));
         } catch (const DorvaneError& error) {
-            EXPECT_EQ(error.which(), Case::vmSnapshotFailed);
+            EXPECT_EQ(error.which(), DorvaneError::Case::vmSnapshotFailed);
             return error.text();
         }
         return {};
     }
     int times(const std::string& command) const { return qemu.count("\"execute\":\"" + command + "\""); }
 
-    test::TestRuntime host{test::TestRuntime::TimeMode::manual};
-    test::TimePump pump{host.clock()};
-    test::FakeQEMUInstallation qemu;
-    test::TemporaryDirectory directory;
-    test::FakeProcesses processes;
-    VMBundle bundle{directory / "Machine"};
     QEMURuntimeDirectory runtime = QEMURuntimeDirectory::make(UUID::random(), directory.path());
-    std::shared_ptr<QEMUProcessSupervisor> supervisor = std::make_shared<QEMUProcessSupervisor>(
-        host.runtime(), processes, UUID::random(), DorvaneVMConfig{}, bundle);
 };
 
 const SnapshotParentRewrite rewrite{"Snapshots/P/disk.qcow2", "../P/disk.qcow2"};
@@ -69,14 +45,13 @@ TEST(QEMUOverlay, EachOneGetsALinkOfItsOwnAndTheOpenLayersKeepTheirs) {
     EXPECT_EQ(scene.times("blockdev-snapshot"), 2);
     EXPECT_EQ(scene.qemu.count(R"("backing":null)"), 2) << "QEMU must not open the chain by itself";
     EXPECT_EQ(scene.qemu.count(R"("backing-file":"../P/disk.qcow2")"), 1);
-    EXPECT_EQ(readTextFile(scene.runtime.systemDiskLink(0)), "layer 0");
-    EXPECT_EQ(readTextFile(scene.runtime.systemDiskLink(1)), "layer 1");
-    EXPECT_EQ(readTextFile(scene.runtime.systemDiskLink(2)), "layer 2");
+    for (int layer = 0; layer < 3; ++layer)
+        EXPECT_EQ(readTextFile(scene.runtime.systemDiskLink(layer)), "layer " + std::to_string(layer));
 }
 
 TEST(QEMUOverlay, AFailureLeavesTheDiskOnItsOldNodeAndLink) {
     struct Row {
-        Words words;
+        std::vector<std::string> words;
         std::string reason;
         int rewrites, removals;
     };

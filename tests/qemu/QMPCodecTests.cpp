@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "qemu/QMPLineBuffer.h"
-#include "qemu/QMPStateMapper.h"
 
 namespace dorvane {
 namespace {
@@ -111,14 +110,6 @@ TEST(QMPLineBuffer, TellsAPeerThatNeverEndsItsLine) {
     EXPECT_FALSE(buffer.isOverflowing());
     buffer.append(asBytes("x"));
     EXPECT_TRUE(buffer.isOverflowing());
-}
-
-TEST(QMPStateMapper, MapsShutdowns) {
-    const auto unexpected = VMStopReason::failure("QEMU reported an unexpected shutdown");
-    EXPECT_EQ(QMPStateMapper::stopReason({{"guest", true}}, true), VMStopReason::requested());
-    EXPECT_EQ(QMPStateMapper::stopReason({{"guest", true}}, false), VMStopReason::guestInitiated());
-    for (const QMPObject& data : {QMPObject{}, QMPObject{{"guest", false}}, QMPObject{{"guest", 1}}})
-        EXPECT_EQ(QMPStateMapper::stopReason(data, false), unexpected);
 }
 
 }  // namespace

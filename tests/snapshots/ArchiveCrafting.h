@@ -11,9 +11,11 @@
 
 namespace dorvane::test {
 
-inline Bytes rawDeflated(std::string_view text) {
+/// `history` is what the text may refer back to.
+inline Bytes rawDeflated(std::string_view text, ByteView history = {}) {
     z_stream stream{};
     if (::deflateInit2(&stream, 9, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK) throw std::bad_alloc();
+    if (!history.empty()) ::deflateSetDictionary(&stream, history.data(), static_cast<uInt>(history.size()));
     Bytes out(::deflateBound(&stream, text.size()) + 16);
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     stream.avail_in = static_cast<uInt>(text.size());
@@ -42,15 +44,13 @@ struct CraftedEntry {
 };
 
 inline CraftedEntry craftedFolder(std::string name) {
-    CraftedEntry entry{std::move(name)};
-    entry.mode = S_IFDIR | 0755;
-    return entry;
+    return {.name = std::move(name), .mode = S_IFDIR | 0755};
 }
 inline CraftedEntry craftedLink(std::string name, std::string target) {
-    CraftedEntry entry{std::move(name), std::move(target)};
-    entry.mode = S_IFLNK | 0777;
-    return entry;
+    return {.name = std::move(name), .content = std::move(target), .mode = S_IFLNK | 0777};
 }
+
+void appendAll(Bytes& out, auto... values) { (zip::append(out, values), ...); }
 
 inline Bytes craftedArchive(const std::vector<CraftedEntry>& entries, std::string_view comment = {},
                             std::optional<std::uint16_t> count = {},
@@ -61,44 +61,34 @@ inline Bytes craftedArchive(const std::vector<CraftedEntry>& entries, std::strin
                           : entry.isDeflated ? rawDeflated(entry.content)
                                              : toBytes(entry.content);
         const auto offset = static_cast<std::uint32_t>(out.size());
+        const auto content = asBytes(entry.content);
+        const auto crc = static_cast<std::uint32_t>(::crc32_z(0, content.data(), content.size()));
         const auto common = [&](Bytes& header, const std::string& name, std::uint16_t extraBytes) {
-            zip::append(header, zip::plainVersion);
-            zip::append(header, entry.flags);
-            zip::append(header, entry.method.value_or(entry.isDeflated ? zip::deflated : zip::stored));
-            zip::append(header, std::uint32_t{0x00210000});  // time and date
-            const auto content = asBytes(entry.content);
-            zip::append(
-                header,
-                entry.crc.value_or(static_cast<std::uint32_t>(::crc32_z(0, content.data(), content.size()))));
-            zip::append(header, entry.compressedSize.value_or(static_cast<std::uint32_t>(data.size())));
-            zip::append(header, entry.size.value_or(static_cast<std::uint32_t>(entry.content.size())));
-            zip::append(header, static_cast<std::uint16_t>(name.size()));
-            zip::append(header, extraBytes);
+            appendAll(header, zip::plainVersion, entry.flags,
+                      entry.method.value_or(entry.isDeflated ? zip::deflated : zip::stored),
+                      std::uint32_t{0x00210000},  // time and date
+                      entry.crc.value_or(crc),
+                      entry.compressedSize.value_or(static_cast<std::uint32_t>(data.size())),
+                      entry.size.value_or(static_cast<std::uint32_t>(content.size())),
+                      static_cast<std::uint16_t>(name.size()), extraBytes);
         };
         zip::append(out, zip::localHeaderSignature);
         const auto localName = entry.localName.value_or(entry.name);
         common(out, localName, entry.localExtraBytes);
         out.insert(out.end(), localName.begin(), localName.end());
         out.insert(out.end(), data.begin(), data.end());
-        zip::append(central, zip::centralHeaderSignature);
-        zip::append(central, static_cast<std::uint16_t>((entry.mode ? zip::madeOnUnix : 0) << 8 | 20));
+        appendAll(central, zip::centralHeaderSignature,
+                  static_cast<std::uint16_t>((entry.mode ? zip::madeOnUnix : 0) << 8 | 20));
         common(central, entry.name, 0);
-        zip::append(central, std::uint32_t{0});
-        zip::append(central, std::uint16_t{0});
-        zip::append(central, entry.mode.value_or(0) << 16);
-        zip::append(central, entry.offset.value_or(offset));
+        appendAll(central, std::uint32_t{0}, std::uint16_t{0}, entry.mode.value_or(0) << 16,
+                  entry.offset.value_or(offset));
         central.insert(central.end(), entry.name.begin(), entry.name.end());
     }
     const auto place = directory.value_or(static_cast<std::uint32_t>(out.size()));
-    out.insert(out.end(), central.begin(), central.end());
-    zip::append(out, zip::endSignature);
-    zip::append(out, std::uint32_t{0});
     const auto number = count.value_or(static_cast<std::uint16_t>(entries.size()));
-    zip::append(out, number);
-    zip::append(out, number);
-    zip::append(out, static_cast<std::uint32_t>(central.size()));
-    zip::append(out, place);
-    zip::append(out, static_cast<std::uint16_t>(comment.size()));
+    out.insert(out.end(), central.begin(), central.end());
+    appendAll(out, zip::endSignature, std::uint32_t{0}, number, number,
+              static_cast<std::uint32_t>(central.size()), place, static_cast<std::uint16_t>(comment.size()));
     out.insert(out.end(), comment.begin(), comment.end());
     return out;
 }

@@ -8,24 +8,6 @@ FakeChainScene::FakeChainScene() {
     FakeChainTool::createDisk(bundle.qcow2Disk());
 }
 
-FakeChainScene::~FakeChainScene() = default;
-
-UUID FakeChainScene::id(char letter) {
-    return *UUID::parse("ABCDEF00-0000-4000-8000-00000000000" + std::string(1, letter));
-}
-
-Path FakeChainScene::disk(const UUID& snapshot) const { return Node::snapshot(snapshot).diskURL(bundle); }
-
-Path FakeChainScene::live() const { return bundle.qcow2Disk(); }
-
-Path FakeChainScene::discarded() const { return bundle.directoryURL / "disk.qcow2.discarded"; }
-
-Path FakeChainScene::restoring() const { return bundle.directoryURL / "disk.qcow2.restoring"; }
-
-Path FakeChainScene::mark(const UUID& snapshot, const char* name) const {
-    return Node::directory(bundle, snapshot) / name;
-}
-
 void FakeChainScene::guestWrites(const std::string& name) {
     FakeChainTool::guestWrites(live(), name, name + "'s own");
     FakeChainTool::guestWrites(live(), "common", "by " + name);
@@ -50,9 +32,9 @@ FakeChainScene::Contents FakeChainScene::contents() const {
     return all;
 }
 
-std::map<Path, std::string> FakeChainScene::files() const {
+std::map<Path, std::string> FakeChainScene::files(const std::string& folder) const {
     std::map<Path, std::string> all;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(storage.path())) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(storage / folder)) {
         const auto status = entry.symlink_status();
         all[entry.path()] = std::filesystem::is_symlink(status) ? "-> " + read_symlink(entry.path()).string()
                             : std::filesystem::is_directory(status) ? "directory"
@@ -61,13 +43,12 @@ std::map<Path, std::string> FakeChainScene::files() const {
     return all;
 }
 
-void FakeChainScene::capture(const UUID& snapshot) {
-    guestWrites(snapshot.text().substr(35));
-    store.capture(bundle, snapshot);
-    writeFileAtomically(Node::directory(bundle, snapshot) / "meta.json", std::string_view("{}"));
-}
-
 void FakeChainScene::buildByCaptures() {
+    const auto capture = [this](const UUID& snapshot) {
+        guestWrites(snapshot.text().substr(35));
+        store.capture(bundle, snapshot);
+        writeFileAtomically(mark(snapshot, "meta.json"), "{}");
+    };
     for (const auto& snapshot : {A, B, C}) capture(snapshot);
     store.restore(bundle, A);
     for (const auto& snapshot : {D, E}) capture(snapshot);

@@ -26,14 +26,17 @@ class FakeChainScene : public testing::Test {
     const UUID A = id('A'), B = id('B'), C = id('C'), D = id('D'), E = id('E'), F = id('F'), N = id('0');
 
     FakeChainScene();
-    ~FakeChainScene() override;
 
-    static UUID id(char letter);
-    Path disk(const UUID& snapshot) const;
-    Path live() const;
-    Path discarded() const;
-    Path restoring() const;
-    Path mark(const UUID& snapshot, const char* name) const;
+    static UUID id(char letter) {
+        return *UUID::parse(std::string("ABCDEF00-0000-4000-8000-00000000000") + letter);
+    }
+    Path disk(const UUID& snapshot) const { return Node::snapshot(snapshot).diskURL(bundle); }
+    Path live() const { return bundle.qcow2Disk(); }
+    Path discarded() const { return bundle.directoryURL / "disk.qcow2.discarded"; }
+    Path restoring() const { return bundle.directoryURL / "disk.qcow2.restoring"; }
+    Path mark(const UUID& snapshot, const char* name) const {
+        return Node::directory(bundle, snapshot) / name;
+    }
 
     /// The live disk gets a cluster of its own and one that every layer has.
     void guestWrites(const std::string& name);
@@ -42,13 +45,12 @@ class FakeChainScene : public testing::Test {
 
     /// What a guest reads of the live disk and of every snapshot whose content counts.
     Contents contents() const;
-    /// The bytes of everything in the storage folder; links stand for themselves.
-    std::map<Path, std::string> files() const;
+    /// The bytes of everything in the storage folder, or in one of it; links stand for themselves.
+    std::map<Path, std::string> files(const std::string& folder = {}) const;
 
   private:
     static constexpr auto copyOptions = std::filesystem::copy_options::recursive;
 
-    void capture(const UUID& snapshot);
     void buildByCaptures();
 };
 

@@ -9,10 +9,6 @@ void FakeChainTool::startCounting(int failing, Failure how) {
     failure = how;
 }
 
-bool FakeChainTool::hasFailed() const { return failingCall > 0 && std::ssize(calls) >= failingCall; }
-
-void FakeChainTool::createDisk(const Path& image) { write(image, {{"size", 64}, {"data", JSON::object()}}); }
-
 void FakeChainTool::guestWrites(const Path& image, const std::string& cluster, const std::string& value) {
     auto layer = read(image);
     layer["data"][cluster] = value;
@@ -36,7 +32,7 @@ std::optional<std::string> FakeChainTool::backingPath(const Path& image) const {
 }
 
 void FakeChainTool::createOverlay(const Path& overlay, const std::string& backing) const {
-    if (begin("create", overlay)) writeFileAtomically(overlay, std::string_view("QFI"));
+    if (begin("create", overlay)) writeFileAtomically(overlay, "QFI");
     endMidway();
     content(resolved(overlay, backing));
     write(
@@ -59,11 +55,11 @@ void FakeChainTool::createOverlayWithoutOpeningBacking(const Path& overlay, cons
 
 void FakeChainTool::retargetBackingUnsafe(const Path& image,
                                           const std::optional<std::string>& backing) const {
-    const bool isCut = begin("retarget", image);
+    begin("retarget", image);
     auto layer = read(image);
     setBacking(layer, backing);
     write(image, layer);
-    if (isCut) endMidway();
+    endMidway();
 }
 
 void FakeChainTool::rebase(const Path& image, const std::optional<std::string>& backing) const {
@@ -100,25 +96,12 @@ void FakeChainTool::commit(const Path& overlay) const {
     write(overlay, layer);
 }
 
-void FakeChainTool::resize(const Path& image, std::uint64_t size) const {
-    if (begin("resize", image)) endMidway();
-    auto layer = read(image);
-    layer["size"] = size;
-    write(image, layer);
-}
-
 JSON FakeChainTool::read(const Path& image) {
     try {
         return parseJSON(readTextFile(image));
     } catch (const std::exception& error) {
         throw failed(error.what());
     }
-}
-
-void FakeChainTool::write(const Path& image, const JSON& layer) { std::ofstream(image) << layer; }
-
-Path FakeChainTool::resolved(const Path& image, const std::string& backing) {
-    return image.parent_path() / backing;
 }
 
 void FakeChainTool::setBacking(JSON& layer, const std::optional<std::string>& backing) {
@@ -128,10 +111,6 @@ void FakeChainTool::setBacking(JSON& layer, const std::optional<std::string>& ba
         layer.erase("backing");
 }
 
-DorvaneError FakeChainTool::failed(const std::string& words) {
-    return DorvaneError(DorvaneError::Case::vmSnapshotFailed, "The disk image tool failed: " + words);
-}
-
 bool FakeChainTool::begin(const char* verb, const Path& image) const {
     const auto directory = image.parent_path().filename().string();
     calls.push_back(std::string(verb) + " " + (UUID::parse(directory) ? directory + "/" : "") +
@@ -139,10 +118,6 @@ bool FakeChainTool::begin(const char* verb, const Path& image) const {
     isCut_ = std::ssize(calls) == failingCall;
     if (isCut_ && failure == Failure::before) throw failed("told to");
     return isCut_;
-}
-
-void FakeChainTool::endMidway() const {
-    if (isCut_) throw failed("told to stop midway");
 }
 
 }  // namespace dorvane::test

@@ -25,9 +25,9 @@ class FakeChainTool : public QCOW2ChainToolProtocol {
     Failure failure = Failure::before;
 
     void startCounting(int failing = 0, Failure how = Failure::before);
-    bool hasFailed() const;
+    bool hasFailed() const { return failingCall > 0 && std::ssize(calls) >= failingCall; }
 
-    static void createDisk(const Path& image);
+    static void createDisk(const Path& image) { write(image, {{"size", 64}, {"data", JSON::object()}}); }
     static void guestWrites(const Path& image, const std::string& cluster, const std::string& value);
     /// What a guest would read; throws where a layer is missing.
     static Content content(const Path& image);
@@ -40,18 +40,24 @@ class FakeChainTool : public QCOW2ChainToolProtocol {
     void retargetBackingUnsafe(const Path& image, const std::optional<std::string>& backing) const override;
     void rebase(const Path& image, const std::optional<std::string>& backing) const override;
     void commit(const Path& overlay) const override;
-    void resize(const Path& image, std::uint64_t size) const override;
+    void resize(const Path&, std::uint64_t) const override { throw failed("snapshots resize nothing"); }
 
   private:
     static JSON read(const Path& image);
-    static void write(const Path& image, const JSON& layer);
-    static Path resolved(const Path& image, const std::string& backing);
+    static void write(const Path& image, const JSON& layer) { std::ofstream(image) << layer; }
+    static Path resolved(const Path& image, const std::string& backing) {
+        return image.parent_path() / backing;
+    }
     static void setBacking(JSON& layer, const std::optional<std::string>& backing);
-    static DorvaneError failed(const std::string& words);
+    static DorvaneError failed(const std::string& words) {
+        return DorvaneError(DorvaneError::Case::vmSnapshotFailed, "The disk image tool failed: " + words);
+    }
 
     /// Returns whether this call has to stop in the middle.
     bool begin(const char* verb, const Path& image) const;
-    void endMidway() const;
+    void endMidway() const {
+        if (isCut_) throw failed("told to stop midway");
+    }
 
     mutable bool isCut_ = false;
 };

@@ -12,24 +12,43 @@ namespace fs = std::filesystem;
 
 class SnapshotChainRepairs : public test::FakeChainScene {
   protected:
+    /// What an interruption leaves, piece by piece in the order in which it comes about.
+    using Step = std::function<void()>;
+    struct State {
+        const char* name;
+        std::vector<Step> steps;
+        void leave() const {
+            for (const auto& step : steps) step();
+        }
+    };
+    const std::string onC = "../" + C.text() + "/disk.qcow2";
+    const Step beginCapture = [this] { touch(mark(N, ".capturing")); };
+    const Step freeze = [this] {
+        beginCapture();
+        fs::rename(live(), disk(N));
+    };
+    const Step rewriteHeader = [this] { tool->retargetBackingUnsafe(disk(N), onC); };
+
     SnapshotChainRepairs() { buildTree(); }
 
     void touch(const Path& file) {
         fs::create_directories(file.parent_path());
-        writeFileAtomically(file, std::string_view());
+        writeFileAtomically(file, "");
     }
     std::string header(const Path& image) const { return tool->backingPath(image).value_or("(none)"); }
-    void freezeByHand() {
-        touch(mark(N, ".capturing"));
-        fs::rename(live(), disk(N));
+    Step halfOverlay(const Path& place) const {
+        return [place] { writeFileAtomically(place, R"({"size":64,"data":{}})"); };
     }
-    void halfOverlay(const Path& place) { writeFileAtomically(place, R"({"size":64,"data":{}})"); }
+    void discard(const UUID& backing, const JSON& data) const {
+        writeFileAtomically(
+            discarded(),
+            prettyJSON({{"backing", Node::live().backingPath(backing)}, {"size", 64}, {"data", data}}));
+    }
     bool hasLeftovers() const {
         for (const auto& [path, bytes] : files())
-            if (path.string().ends_with(".capturing") || path.string().ends_with(".merging") ||
-                path.string().ends_with(".deleted") || path.string().ends_with(".rebasing") ||
-                path == discarded() || path == restoring())
-                return true;
+            for (const auto* mark :
+                 {".capturing", ".merging", ".deleted", ".rebasing", ".discarded", ".restoring"})
+                if (path.string().ends_with(mark)) return true;
         return false;
     }
     /// Runs it twice: what is mended needs no mending.
@@ -42,67 +61,30 @@ class SnapshotChainRepairs : public test::FakeChainScene {
     }
 };
 
-TEST_F(SnapshotChainRepairs, ASoundChainIsLeftAlone) {
-    const auto before = files();
-    EXPECT_TRUE(repair.run(bundle));
-    EXPECT_EQ(files(), before);
+TEST_F(SnapshotChainRepairs, ABundleWithoutSnapshotsIsSound) {
     fs::remove_all(bundle.snapshotsDirectory());
     test::FakeChainTool::createDisk(live());
     EXPECT_TRUE(repair.run(bundle));
 }
 
 TEST_F(SnapshotChainRepairs, AnUnfinishedCaptureIsUndone) {
-    const auto frozenHeader = "../" + C.text() + "/disk.qcow2";
-    const struct {
-        const char* name;
-        std::function<void()> leave;
-    } states[] = {
-        {"directory only", [&] { fs::create_directory(Node::directory(bundle, N)); }},
-        {"not moved", [&] { touch(mark(N, ".capturing")); }},
-        {"not moved, with the service's files",
-         [&] {
-             touch(mark(N, ".capturing"));
-             touch(mark(N, "config.json"));
-         }},
-        {"moved", [&] { freezeByHand(); }},
-        {"moved, header rewritten",
-         [&] {
-             freezeByHand();
-             tool->retargetBackingUnsafe(disk(N), frozenHeader);
-         }},
-        {"overlay cut short",
-         [&] {
-             freezeByHand();
-             tool->retargetBackingUnsafe(disk(N), frozenHeader);
-             touch(live());
-         }},
-        {"overlay without its backing path",
-         [&] {
-             freezeByHand();
-             halfOverlay(live());
-         }},
-        {"half overlay set aside",
-         [&] {
-             freezeByHand();
-             halfOverlay(discarded());
-         }},
-        {"disk back, half overlay still there",
-         [&] {
-             touch(mark(N, ".capturing"));
-             halfOverlay(discarded());
-         }},
+    const auto saveConfig = [&] { touch(mark(N, "config.json")); };
+    const State states[] = {
+        {"directory only", {[&] { fs::create_directory(Node::directory(bundle, N)); }}},
+        {"not moved", {beginCapture}},
+        {"not moved, with the service's files", {beginCapture, saveConfig}},
+        {"moved", {freeze}},
+        {"moved, header rewritten", {freeze, rewriteHeader}},
+        {"overlay cut short", {freeze, rewriteHeader, [&] { touch(live()); }}},
+        {"overlay without its backing path", {freeze, halfOverlay(live())}},
+        {"half overlay set aside", {freeze, halfOverlay(discarded())}},
+        {"disk back, half overlay still there", {beginCapture, halfOverlay(discarded())}},
         {"disk back with the header of its former place",
-         [&] { tool->retargetBackingUnsafe(live(), frozenHeader); }},
-        {"rolled back, overlay and folder still there",
-         [&] {
-             touch(mark(N, "config.json"));
-             writeFileAtomically(discarded(), prettyJSON({{"backing", Node::live().backingPath(N)},
-                                                          {"size", 64},
-                                                          {"data", JSON::object()}}));
-         }},
-        {"staged restore", [&] { halfOverlay(restoring()); }},
+         {[&] { tool->retargetBackingUnsafe(live(), onC); }}},
+        {"rolled back, overlay and folder still there", {saveConfig, [&] { discard(N, JSON::object()); }}},
+        {"staged restore", {halfOverlay(restoring())}},
         {"half removed folder",
-         [&] { touch(bundle.snapshotsDirectory() / (N.text() + ".deleted") / "disk.qcow2"); }},
+         {[&] { touch(bundle.snapshotsDirectory() / (N.text() + ".deleted") / "disk.qcow2"); }}},
     };
     const auto before = contents();
     const auto bytes = files();
@@ -116,18 +98,11 @@ TEST_F(SnapshotChainRepairs, AnUnfinishedCaptureIsUndone) {
 }
 
 TEST_F(SnapshotChainRepairs, ALayerThatAGuestMayHaveUsedIsKept) {
-    const struct {
-        const char* name;
-        std::function<void()> leave;
-    } states[] = {
-        {"capture done, mark still there", [&] { touch(mark(N, ".capturing")); }},
-        {"header not rewritten by the emulator",
-         [&] { tool->retargetBackingUnsafe(disk(N), Node::live().backingPath(C)); }},
-        {"rollback begun",
-         [&] {
-             tool->retargetBackingUnsafe(disk(N), Node::live().backingPath(C));
-             fs::rename(live(), discarded());
-         }},
+    const auto asLive = [&] { tool->retargetBackingUnsafe(disk(N), Node::live().backingPath(C)); };
+    const State states[] = {
+        {"capture done, mark still there", {beginCapture}},
+        {"header not rewritten by the emulator", {asLive}},
+        {"rollback begun", {asLive, [&] { fs::rename(live(), discarded()); }}},
     };
     store.capture(bundle, N);
     guestWrites("later");
@@ -137,44 +112,30 @@ TEST_F(SnapshotChainRepairs, ALayerThatAGuestMayHaveUsedIsKept) {
         state.leave();
         expectMended();
         EXPECT_EQ(contents(), before);
-        EXPECT_EQ(header(disk(N)), "../" + C.text() + "/disk.qcow2");
+        EXPECT_EQ(header(disk(N)), onC);
     }
 }
 
 TEST_F(SnapshotChainRepairs, AnInterruptedMergeIsFinished) {
-    const auto expected = [this] {
-        auto all = contents();
-        all.erase(C.text());
-        return all;
-    }();
-    const auto commit = [this] {
-        touch(mark(C, ".merging"));
-        tool->commit(live());
+    auto expected = contents();
+    expected.erase(C.text());
+    const Step begin = [&] { touch(mark(C, ".merging")); };
+    const Step commit = [&] { tool->commit(live()); };
+    const Step retarget = [&] { tool->retargetBackingUnsafe(disk(C), Node::live().backingPath(B)); };
+    const State states[] = {
+        {"begun", {begin}},
+        {"committed", {begin, commit}},
+        {"header rewritten", {begin, commit, retarget}},
+        {"moved", {begin, commit, retarget, [&] { fs::rename(disk(C), live()); }}},
     };
-    const auto retarget = [this] { tool->retargetBackingUnsafe(disk(C), Node::live().backingPath(B)); };
-    const std::vector<std::function<void()>> states{
-        [&] { touch(mark(C, ".merging")); },
-        [&] { commit(); },
-        [&] {
-            commit();
-            retarget();
-        },
-        [&] {
-            commit();
-            retarget();
-            fs::rename(disk(C), live());
-        },
-    };
-    for (std::size_t index = 0; index < states.size(); ++index) {
-        SCOPED_TRACE(index);
-        states[index]();
+    for (const auto& state : states) {
+        SCOPED_TRACE(state.name);
+        buildTree();
+        state.leave();
         expectMended();
         EXPECT_EQ(contents(), expected);
         EXPECT_FALSE(fs::exists(Node::directory(bundle, C)));
         EXPECT_EQ(header(live()), "Snapshots/" + B.text() + "/disk.qcow2");
-        store.capture(bundle, C);
-        test::FakeChainTool::guestWrites(live(), "live", "live's own");
-        test::FakeChainTool::guestWrites(live(), "common", "by live");
     }
 }
 
@@ -213,29 +174,15 @@ TEST_F(SnapshotChainRepairs, AnInterruptedRebaseGoesBackToItsFormerLayer) {
 
 /// What doesn't fit any interruption is somebody's data until proven otherwise.
 TEST_F(SnapshotChainRepairs, WhatItDoesNotUnderstandStays) {
-    const struct {
-        const char* name;
-        std::function<void()> leave;
-    } states[] = {
-        {"the live disk is gone", [&] { fs::remove(live()); }},
-        {"another live disk",
-         [&] {
-             store.restore(bundle, E);
-             touch(mark(C, ".capturing"));
-         }},
-        {"a large unfinished overlay",
-         [&] {
-             freezeByHand();
-             tool->retargetBackingUnsafe(disk(N), "../" + C.text() + "/disk.qcow2");
-             truncateFile(live(), (16 << 20) + 1);
-         }},
-        {"something set aside beside a live disk",
-         [&] {
-             writeFileAtomically(discarded(), prettyJSON({{"backing", Node::live().backingPath(E)},
-                                                          {"size", 64},
-                                                          {"data", {{"x", "a guest's"}}}}));
-         }},
-        {"a large image set aside", [&] { truncateFile(discarded(), (16 << 20) + 1); }},
+    constexpr auto large = (16 << 20) + 1;
+    const State states[] = {
+        {"the live disk is gone", {[&] { fs::remove(live()); }}},
+        {"another live disk", {[&] { store.restore(bundle, E); }, [&] { touch(mark(C, ".capturing")); }}},
+        {"a large unfinished overlay", {freeze, rewriteHeader, [&] { truncateFile(live(), large); }}},
+        {"something set aside beside a live disk", {[&] {
+             discard(E, {{"x", "a guest's"}});
+         }}},
+        {"a large image set aside", {[&] { truncateFile(discarded(), large); }}},
     };
     for (const auto& state : states) {
         SCOPED_TRACE(state.name);
@@ -251,7 +198,7 @@ TEST_F(SnapshotChainRepairs, WithoutAToolNoDiskLooksUnfinished) {
     const SnapshotChainRepair without{
         SnapshotChainStore(std::make_shared<QEMUImageChainTool>("/nonexistent"))};
     touch(mark(C, ".capturing"));
-    halfOverlay(discarded());
+    halfOverlay(discarded())();
     auto before = files();
     EXPECT_FALSE(without.run(bundle));
     EXPECT_EQ(files(), before);

@@ -41,20 +41,11 @@ class SnapshotChain : public test::FakeChainScene {
     }
 };
 
-TEST_F(SnapshotChain, TheFirstCaptureStandsOnNothing) {
-    guestWrites("guest");
-    const auto before = test::FakeChainTool::content(live());
-    EXPECT_EQ(store.depth(bundle), 0);
-    EXPECT_EQ(store.capture(bundle, A), std::nullopt);
+TEST_F(SnapshotChain, ACaptureRewritesTheHeaderOfTheMovedDiskIfThereIsOneBelow) {
+    EXPECT_EQ(store.capture(bundle, N), std::nullopt);
     EXPECT_THAT(tool->calls, testing::Not(testing::Contains(HasSubstr("retarget"))));
-    EXPECT_EQ(backing(live()), "Snapshots/" + A.text() + "/disk.qcow2");
-    EXPECT_EQ(test::FakeChainTool::content(live()), before);
-    EXPECT_EQ(test::FakeChainTool::content(disk(A)), before);
-    EXPECT_TRUE(log.contains("Captured chain snapshot " + A.text() + ", parent (root)"));
-    EXPECT_EQ(store.depth(bundle), 1);
-}
-
-TEST_F(SnapshotChain, ALaterCaptureRewritesTheHeaderOfTheMovedDisk) {
+    EXPECT_TRUE(log.contains("Captured chain snapshot " + N.text() + ", parent (root)"));
+    store.uncapture(bundle, N, std::nullopt);
     buildTree();
     const auto before = contents();
     EXPECT_EQ(store.capture(bundle, N), C);
@@ -64,10 +55,6 @@ TEST_F(SnapshotChain, ALaterCaptureRewritesTheHeaderOfTheMovedDisk) {
     auto after = contents();
     EXPECT_EQ(after.extract(N.text()).mapped(), before.at("live"));
     EXPECT_EQ(after, before);
-
-    store.uncapture(bundle, N, C);
-    EXPECT_EQ(contents(), before);
-    EXPECT_TRUE(log.contains("Rolled back chain snapshot " + N.text()));
 }
 
 TEST_F(SnapshotChain, ARunningCaptureLeavesTheHeaderToTheEmulator) {
@@ -91,7 +78,7 @@ TEST_F(SnapshotChain, DerivesTheTreeFromTheHeaders) {
     EXPECT_THAT(store.snapshotIDsOnDisk(bundle), IsEmpty());
     buildTree();
     fs::create_directory(bundle.snapshotsDirectory() / "not a snapshot");
-    writeFileAtomically(bundle.snapshotsDirectory() / N.text(), std::string_view("a file"));
+    writeFileAtomically(bundle.snapshotsDirectory() / N.text(), "a file");
     EXPECT_THAT(store.snapshotIDsOnDisk(bundle), ElementsAre(A, B, C, D, E, F));
     EXPECT_THAT(store.children(bundle, Node::snapshot(A)), ElementsAre(Node::snapshot(B), Node::snapshot(D)));
     EXPECT_THAT(store.children(bundle, Node::snapshot(C)), ElementsAre(Node::live()));
@@ -99,7 +86,7 @@ TEST_F(SnapshotChain, DerivesTheTreeFromTheHeaders) {
     EXPECT_THAT(store.children(bundle, Node::live()), IsEmpty());
     EXPECT_EQ(store.depth(bundle), 3);
     // A layer that can't be read might be a child.
-    writeFileAtomically(disk(F), std::string_view("no image"));
+    writeFileAtomically(disk(F), "no image");
     EXPECT_THROW(store.children(bundle, Node::snapshot(D)), DorvaneError);
 
     tool->retargetBackingUnsafe(disk(A), "../" + C.text() + "/disk.qcow2");
@@ -125,25 +112,11 @@ TEST_F(SnapshotChain, ADeletedSnapshotTakesNothingElseWithIt) {
         EXPECT_FALSE(fs::exists(Node::directory(bundle, deleted))) << deleted.text();
         store.deleteSnapshot(bundle, deleted);
     }
-    EXPECT_EQ(backing(live()), "Snapshots/" + C.text() + "/disk.qcow2");
-    store.deleteSnapshot(bundle, C);
-    EXPECT_EQ(backing(live()), "Snapshots/" + B.text() + "/disk.qcow2");
-    store.deleteSnapshot(bundle, B);
-    store.deleteSnapshot(bundle, D);
-    store.deleteSnapshot(bundle, E);
-    store.deleteSnapshot(bundle, A);
-    EXPECT_EQ(backing(live()), "(none)");
 }
 
-TEST_F(SnapshotChain, RestoreGivesAFreshOverlayEachTime) {
+TEST_F(SnapshotChain, ALiveDiskThatIsGoneIsRestored) {
     buildTree();
     const auto before = contents();
-    for (int time = 0; time < 2; ++time) {
-        store.restore(bundle, E);
-        EXPECT_EQ(contents().at("live"), before.at(E.text()));
-        guestWrites("another");
-        EXPECT_NE(contents().at("live"), before.at(E.text()));
-    }
     fs::remove(live());
     store.restore(bundle, E);
     EXPECT_EQ(contents().at("live"), before.at(E.text()));
@@ -153,59 +126,40 @@ TEST_F(SnapshotChain, RestoreGivesAFreshOverlayEachTime) {
         DorvaneError(DorvaneError::Case::vmSnapshotRestoreFailed, "The snapshot's disk image is missing."));
 }
 
-TEST_F(SnapshotChain, AMovedBundleWorksUnchanged) {
-    buildTree();
-    const auto before = contents();
-    const VMBundle moved(storage / "Elsewhere");
-    fs::rename(bundle.directoryURL, moved.directoryURL);
-    store.deleteSnapshot(moved, C);
-    store.flattenLiveDisk(moved);
-    EXPECT_EQ(test::FakeChainTool::content(moved.qcow2Disk()), before.at("live"));
-    EXPECT_EQ(store.depth(moved), 0);
-}
-
 /// Every call of the tool, in every operation, fails once before it does anything and once in its middle.
 TEST_F(SnapshotChain, AFailingToolLosesNothing) {
     int cases = 0;
     for (const auto how : {Failure::before, Failure::midway}) {
-        for (std::size_t index = 0; index < operations().size(); ++index) {
+        for (const auto& operation : operations()) {
             for (int call = 1;; ++call) {
                 buildTree();
-                const auto operation = operations().at(index);
                 SCOPED_TRACE(std::string(operation.name) + ", call " + std::to_string(call));
                 auto expected = contents();
                 const auto before = files();
-                std::exception_ptr failure;
                 tool->startCounting(call, how);
-                try {
-                    operation.run();
-                } catch (const DorvaneError& error) {
-                    failure = std::current_exception();
-                    EXPECT_EQ(error.which(), DorvaneError::Case::vmSnapshotFailed);
-                }
+                const auto failure = test::errorOf(operation.run);
                 if (!tool->hasFailed()) {
-                    EXPECT_EQ(failure, nullptr);
+                    EXPECT_EQ(failure.text(), "nothing was thrown");
                     break;
                 }
                 ++cases;
                 tool->startCounting();
-                EXPECT_NE(failure, nullptr);
+                EXPECT_EQ(failure.which(), DorvaneError::Case::vmSnapshotFailed);
                 if (operation.isCapture) {
                     EXPECT_EQ(files(), before);
                 }
-                auto after = contents();
-                if (operation.subject && !after.contains(operation.subject->text()))
-                    expected.erase(operation.subject->text());
-                EXPECT_EQ(after, expected);
+                const auto expectNothingElseLost = [&] {
+                    if (operation.subject && !contents().contains(operation.subject->text()))
+                        expected.erase(operation.subject->text());
+                    EXPECT_EQ(contents(), expected);
+                };
+                expectNothingElseLost();
                 EXPECT_TRUE(repair.run(bundle));
-                if (operation.subject && !contents().contains(operation.subject->text()))
-                    expected.erase(operation.subject->text());
-                EXPECT_EQ(contents(), expected);
+                expectNothingElseLost();
                 operation.run();
             }
         }
     }
-    std::cout << cases << " failures of the tool, no data lost\n";
     EXPECT_GT(cases, 100);
 }
 
@@ -246,7 +200,7 @@ TEST_F(SnapshotChain, AnUndoThatCannotGoOnSaysWhereTheDiskIs) {
 
     store.capture(bundle, N);
     const auto captured = contents();
-    writeFileAtomically(discarded(), std::string_view("in the way"));
+    writeFileAtomically(discarded(), "in the way");
     store.uncapture(bundle, N, C);
     EXPECT_TRUE(log.contains("Rollback of " + N.text() +
                              " could not move the new overlay aside; leaving the snapshot in place: "));
@@ -254,6 +208,7 @@ TEST_F(SnapshotChain, AnUndoThatCannotGoOnSaysWhereTheDiskIs) {
     fs::remove(discarded());
     store.uncapture(bundle, N, C);
     EXPECT_EQ(contents(), before);
+    EXPECT_TRUE(log.contains("Rolled back chain snapshot " + N.text()));
 }
 
 TEST_F(SnapshotChain, ADirectoryWithADiskIsNotRemovedBlindly) {

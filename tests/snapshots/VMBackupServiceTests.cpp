@@ -14,12 +14,6 @@ using testing::HasSubstr;
 
 class VMBackupServiceTest : public testing::Test, protected VMBackupScene<TestRuntime> {
   protected:
-    /// What stays when the disposable parts have gone.
-    std::map<std::string, std::string> restoredContents(const Path& directory) {
-        auto contents = everythingIn(directory);
-        contents.erase("config.json");
-        return contents;
-    }
     Path craft(const std::vector<CraftedEntry>& entries) {
         writeFileAtomically(archive, craftedArchive(entries));
         return archive;
@@ -50,7 +44,9 @@ TEST_F(VMBackupServiceTest, RestoresAMachineOfItsOwnThatRunsBesideItsSource) {
     for (const auto* gone :
          {"state.vzvmsave", "state.vzvmsave.hash", "state.vzvmsave.devices", "ephemeral.json", "config.json"})
         EXPECT_EQ(expected.erase(gone), 1u) << gone;
-    EXPECT_EQ(restoredContents(bundle.directoryURL), expected);
+    auto restored = everythingIn(bundle.directoryURL);
+    EXPECT_EQ(restored.erase("config.json"), 1u);
+    EXPECT_EQ(restored, expected);
     EXPECT_NE(vm->id, source->id);
     EXPECT_EQ(vm->name, "copy");
     EXPECT_EQ(vm->sharedFolders, source->sharedFolders);
@@ -141,6 +137,9 @@ TEST_F(VMBackupServiceTest, RefusesInPlainWordsBeforeAnythingIsWritten) {
                 HasSubstr("outside of the VM"));
     EXPECT_THAT(exportFailure(backups).text(), HasSubstr("There is a folder at"));
     EXPECT_THAT(exportFailure(backups / "none" / "b.zip").text(), HasSubstr("No such file or directory"));
+    fs::create_symlink("/mnt/large/disk.img", storage / "source" / "second.img");
+    EXPECT_THAT(exportFailure(archive).text(), HasSubstr("is a link to a place outside of the VM"));
+    fs::remove(storage / "source" / "second.img");
     EXPECT_TRUE(fs::is_empty(backups));
 
     run(service.exportBackup(source, archive, {}));
@@ -160,23 +159,13 @@ TEST_F(VMBackupServiceTest, RefusesInPlainWordsBeforeAnythingIsWritten) {
     EXPECT_TRUE(isIdle());
 }
 
-TEST_F(VMBackupServiceTest, RefusesLinksThatTakeTheDiskElsewhere) {
-    const auto source = addVM("source");
-    fs::create_symlink("/mnt/large/disk.img", storage / "source" / "second.img");
-    writeFileAtomically(archive, "old");
-    EXPECT_THAT(failureOf(service.exportBackup(source, archive, {})).text(), HasSubstr("outside of the VM"));
-    EXPECT_EQ(everythingIn(backups), (std::map<std::string, std::string>{{"backup.zip", "old"}}));
-}
-
 TEST_F(VMBackupServiceTest, RestoresWhatOtherProgramsPack) {
     auto entries = craftedBackup();
-    entries.push_back({"__MACOSX/._source", "companion"});
-    entries.push_back({"._manifest.json", "companion"});
-    entries.push_back({".DS_Store", "companion"});
-    entries.push_back({"Read me.txt", "by a user"});
-    auto folder = craftedFolder("source/Snapshots/");
-    folder.mode = std::nullopt;
-    entries.push_back(folder);
+    entries.insert(entries.end(), {{"__MACOSX/._source", "companion"},
+                                   {"._manifest.json", "companion"},
+                                   {".DS_Store", "companion"},
+                                   {"Read me.txt", "by a user"},
+                                   {.name = "source/Snapshots/", .mode = std::nullopt}});
     for (auto& entry : entries) entry.isDeflated = !entry.name.ends_with('/');
     const auto vm = run(service.restoreBackup(craft(entries), std::nullopt, {}));
     EXPECT_EQ(vm->name, "source");
@@ -186,33 +175,32 @@ TEST_F(VMBackupServiceTest, RestoresWhatOtherProgramsPack) {
 
 TEST_F(VMBackupServiceTest, RefusesWhatIsNoBackupAndLeavesNothingBehind) {
     enum Entry { manifest, record, config, disk };
-    struct Fault {
-        std::string what;
-        std::function<void(std::vector<CraftedEntry>&)> change;
-        std::string words;
-    };
+    using Entries = std::vector<CraftedEntry>;
     const auto drop = [](Entry which) {
-        return [which](std::vector<CraftedEntry>& entries) { entries.erase(entries.begin() + which); };
+        return [which](Entries& entries) { entries.erase(entries.begin() + which); };
     };
     const auto add = [](CraftedEntry entry) {
-        return [entry](std::vector<CraftedEntry>& entries) { entries.push_back(entry); };
+        return [entry](Entries& entries) { entries.push_back(entry); };
     };
     const auto replace = [](Entry which, std::string content) {
-        return [which, content](std::vector<CraftedEntry>& entries) { entries[which].content = content; };
+        return [which, content](Entries& entries) { entries[which].content = content; };
     };
     const auto setManifest = [](const char* key, const JSON& value) {
-        return [key, value](std::vector<CraftedEntry>& entries) {
+        return [key, value](Entries& entries) {
             auto changed = parseJSON(entries[manifest].content);
             changed[key] = value;
             entries[manifest].content = changed.dump();
         };
     };
     const auto toLink = [](Entry which, std::string target) {
-        return [which, target](std::vector<CraftedEntry>& entries) {
-            entries[which] = craftedLink(entries[which].name, target);
-        };
+        return
+            [which, target](Entries& entries) { entries[which] = craftedLink(entries[which].name, target); };
     };
-    const std::vector<Fault> faults{
+    const struct {
+        std::string what;
+        std::function<void(Entries&)> change;
+        std::string words;
+    } faults[]{
         {"no manifest", drop(manifest), "it holds no \"manifest.json\""},
         {"no record", drop(record), "it holds no \"vm-record.json\""},
         {"no config", drop(config), "no complete VM"},
@@ -254,7 +242,6 @@ TEST_F(VMBackupServiceTest, RefusesWhatIsNoBackupAndLeavesNothingBehind) {
     }
     EXPECT_EQ(everythingIn(backups).size(), 1u) << "nothing climbed";
     EXPECT_NO_THROW(run(service.restoreBackup(craft(craftedBackup()), "new", {})));
-    std::printf("%zu faulty backups refused\n", faults.size());
 }
 
 TEST_F(VMBackupServiceTest, StopsWhereTheDiskHasNoRoom) {
@@ -308,7 +295,6 @@ TEST_F(VMBackupServiceTest, WhicheverStepFailsTheSourceAndTheOldArchiveAreUntouc
     expectUntouched();
     failing.clear();
     EXPECT_NO_THROW(run(service.restoreBackup(archive, "copy", {})));
-    std::printf("%zu failing steps undone\n", exportSteps.size() + restoreSteps.size() + 1);
 }
 
 TEST_F(VMBackupServiceTest, ADestinationTakenMeanwhileIsSomebodyElses) {
@@ -324,23 +310,16 @@ TEST_F(VMBackupServiceTest, ADestinationTakenMeanwhileIsSomebodyElses) {
 
 TEST_F(VMBackupServiceTest, ASecondRestoreToTheSamePlaceIsRefusedWhileTheFirstRuns) {
     craft(craftedBackup());
-    std::vector<std::string> outcomes;
-    const auto restore = [](VMBackupService& restoring, Path from,
-                            std::vector<std::string>& results) -> Task<void> {
-        const VMBackupProgressHandler silent;
-        const std::optional<std::string> name = "new";
-        try {
-            co_await restoring.restoreBackup(from, name, silent);
-            results.emplace_back("restored");
-        } catch (const DorvaneError& error) {
-            results.push_back(error.text());
-        }
+    const OneShot<VMRecordPointer> outcomes[2];
+    const auto restore = [&](const auto& outcome) {
+        return spawn(host.runtime().main.executor(),
+                     deliver(service.restoreBackup(archive, "new", {}), outcome), "restore");
     };
-    const auto executor = host.runtime().main.executor();
-    const auto first = spawn(executor, restore(service, archive, outcomes), "first");
-    const auto second = spawn(executor, restore(service, archive, outcomes), "second");
+    const auto first = restore(outcomes[0]), second = restore(outcomes[1]);
     host.driveUntil([&] { return first.isFinished() && second.isFinished(); });
-    EXPECT_THAT(outcomes, testing::UnorderedElementsAre("restored", HasSubstr("already exists")));
+    const auto ending = [](const auto& outcome) { return errorOf([&] { outcome.take(); }).text(); };
+    EXPECT_THAT((std::vector{ending(outcomes[0]), ending(outcomes[1])}),
+                testing::UnorderedElementsAre("nothing was thrown", HasSubstr("already exists")));
     EXPECT_EQ(everythingIn(storage).size(), 3u);
 }
 

@@ -57,6 +57,9 @@ class VMSnapshotScene : public testing::Test {
         const auto error = errorOf([&] { host.run(std::move(operation)); });
         return error.text().empty() ? error.what() : error.text();
     }
+    std::string refusalToTake(const VMRecordPointer& vm, const std::string& name, bool memory = false) {
+        return refusalOf(service.takeSnapshot(vm, name, memory, VMSnapshotKind::manual));
+    }
     std::vector<std::string> names(const VMRecordPointer& vm) {
         std::vector<std::string> all;
         for (const auto& row : host.run(service.listSnapshots(vm))) all.push_back(row->name);

@@ -20,26 +20,23 @@ class VMSnapshotServiceTest : public test::VMSnapshotScene {};
 TEST_F(VMSnapshotServiceTest, RefusesBeforeAnythingIsTouched) {
     const auto windows = machine(VMOSType::windows);
     const auto linux = machine(VMOSType::linux, "Native");
-    const auto takeText = [&](const VMRecordPointer& vm, const char* name, bool memory) {
-        return refusalOf(service.takeSnapshot(vm, name, memory, VMSnapshotKind::manual));
-    };
-    EXPECT_EQ(takeText(windows, " \n\t", false), "Enter a name for the snapshot.");
+    EXPECT_EQ(refusalToTake(windows, " \n\t"), "Enter a name for the snapshot.");
     setStatus(linux, VMStatus::running);
-    EXPECT_EQ(takeText(linux, "x", false), "Shut down the VM before taking a disk-only snapshot.");
+    EXPECT_EQ(refusalToTake(linux, "x"), "Shut down the VM before taking a disk-only snapshot.");
     windows->usbStorageDevices = {"/dev/usb"};
     setStatus(windows, VMStatus::running);
-    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while a USB storage device is attached"));
+    EXPECT_THAT(refusalToTake(windows, "x", true), HasSubstr("while a USB storage device is attached"));
     windows->usbStorageDevices.reset();
     engine.canSave = false;
-    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while this Mac is unlocked. Unlock it, or"));
+    EXPECT_THAT(refusalToTake(windows, "x", true), HasSubstr("while this Mac is unlocked. Unlock it, or"));
     config.os = VMOSType::windows;
     config.windowsGraphics = WindowsGraphicsMode::accelerated;
     config.write(windows->bundle().configFile());
-    EXPECT_THAT(takeText(windows, "x", true), HasSubstr("while graphics acceleration is on"));
+    EXPECT_THAT(refusalToTake(windows, "x", true), HasSubstr("while graphics acceleration is on"));
     writeFileAtomically(windows->bundle().configFile(), "{");
-    EXPECT_EQ(takeText(windows, "x", false), "Could not read the VM configuration.");
+    EXPECT_EQ(refusalToTake(windows, "x"), "Could not read the VM configuration.");
     fs::remove(windows->bundle().configFile());
-    EXPECT_EQ(takeText(windows, "x", false), "The VM bundle is incomplete at " + windows->vmPath + ".");
+    EXPECT_EQ(refusalToTake(windows, "x"), "The VM bundle is incomplete at " + windows->vmPath + ".");
     EXPECT_THAT(engine.calls, IsEmpty());
     EXPECT_THAT(names(windows), IsEmpty());
     EXPECT_THAT(directories(windows), IsEmpty());
@@ -51,12 +48,12 @@ TEST_F(VMSnapshotServiceTest, OneOperationAtATime) {
     const auto row = take(vm, "x");
     {
         const VMOperationGate::Hold hold(gate, vm->id, vm->name);
-        EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "y", false, VMSnapshotKind::manual)), vm->name);
+        EXPECT_EQ(refusalToTake(vm, "y"), vm->name);
         EXPECT_EQ(refusalOf(service.restoreSnapshot(row, vm)), vm->name);
         EXPECT_EQ(refusalOf(service.deleteSnapshot(row, vm)), vm->name);
     }
     starting.insert(vm->id);
-    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "y", false, VMSnapshotKind::manual)), vm->name);
+    EXPECT_EQ(refusalToTake(vm, "y"), vm->name);
     EXPECT_THAT(names(vm), ElementsAre("x"));
 }
 
@@ -118,14 +115,13 @@ TEST_F(VMSnapshotServiceTest, AFailedCaptureLeavesNothingAndTheGuestGoesOn) {
         SCOPED_TRACE(step);
         engine.calls.clear();
         engine.failNext(step);
-        EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "x", true, VMSnapshotKind::manual)),
-                  "the engine failed");
+        EXPECT_EQ(refusalToTake(vm, "x", true), "the engine failed");
         EXPECT_THAT(directories(vm), IsEmpty());
         EXPECT_EQ(tool->backingPath(vm->bundle().qcow2Disk()), std::nullopt);
     }
     EXPECT_EQ(engine.calls.back(), "resume");
     engine.failNext("save", "no room");
-    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "half", true, VMSnapshotKind::manual)),
+    EXPECT_EQ(refusalToTake(vm, "half", true),
               "The disk was captured, but the memory could not be saved (no room). A disk-only snapshot was "
               "kept.");
     const auto kept = host.run(service.listSnapshots(vm)).front();
@@ -138,8 +134,7 @@ TEST_F(VMSnapshotServiceTest, AFailedCaptureLeavesNothingAndTheGuestGoesOn) {
 
     const auto stopped = machine(VMOSType::windows, "Stopped");
     context.failNextSave = true;
-    EXPECT_EQ(refusalOf(service.takeSnapshot(stopped, "x", false, VMSnapshotKind::manual)),
-              "the store can't be written");
+    EXPECT_EQ(refusalToTake(stopped, "x"), "the store can't be written");
     EXPECT_THAT(directories(stopped), IsEmpty());
     EXPECT_THAT(names(stopped), IsEmpty());
 }
@@ -207,8 +202,7 @@ TEST_F(VMSnapshotServiceTest, ALayerWithoutARowIsMergedOnceTheMachineIsDown) {
     setStatus(vm, VMStatus::running);
     FakeChainTool::guestWrites(vm->bundle().qcow2Disk(), "1", "before");
     context.failNextSave = true;
-    EXPECT_EQ(refusalOf(service.takeSnapshot(vm, "x", false, VMSnapshotKind::manual)),
-              "the store can't be written");
+    EXPECT_EQ(refusalToTake(vm, "x"), "the store can't be written");
     EXPECT_EQ(directories(vm).size(), 1U) << "the guest runs on it";
     engine.vanish(vm->id, VMStopReason::requested());
     vm->status = VMStatus::stopped;

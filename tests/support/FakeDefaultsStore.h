@@ -21,10 +21,8 @@ class FakeDefaultsStore : public DefaultsStore {
         if (failSets) throw FileError("write", "settings.json", ENOSPC);
         {
             const std::lock_guard lock(mutex_);
-            if (value.is_null())
-                values_.erase(key);
-            else
-                values_[key] = std::move(value);
+            values_.erase(key);
+            if (!value.is_null()) values_.emplace(key, std::move(value));
         }
         changed(key);
     }

@@ -2,7 +2,8 @@
 // A guest's screen whose events the test makes.
 #pragma once
 
-#include <algorithm>
+#include <fmt/format.h>
+
 #include <vector>
 
 #include "display/GuestDisplayTransport.h"
@@ -19,13 +20,10 @@ class FakeDisplayTransport : public GuestDisplayTransport {
         co_await outcome.wait();
     }
     void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) override {
-        events.push_back("pointer " + std::to_string(buttonMask) + " " + std::to_string(x) + "," +
-                         std::to_string(y));
+        events.push_back(fmt::format("pointer {} {},{}", buttonMask, x, y));
     }
     void sendKey(const GuestKey& key, bool down) override {
-        char text[32];
-        std::snprintf(text, sizeof text, "key %x %s", key.keysym, down ? "down" : "up");
-        events.emplace_back(text);
+        events.push_back(fmt::format("key {:x} {}", key.keysym, down ? "down" : "up"));
     }
     void close() override {
         isClosed = true;

@@ -3,24 +3,14 @@
 
 namespace dorvane::test {
 
-void FakeEngine::failNext(const std::string& operation, std::exception_ptr error) {
-    failures_[operation] = error;
+void FakeEngine::report(const UUID& id, VMStatus status) {
+    machines_[id].status = status;
+    machines_[id].updates->yield(status);
 }
-
-void FakeEngine::failNext(const std::string& operation, const std::string& words) {
-    failNext(operation, std::make_exception_ptr(std::runtime_error(words)));
-}
-
-Event FakeEngine::hold(const std::string& operation) { return holds_[operation] = Event(); }
-
-void FakeEngine::adopt(const UUID& id, VMStatus status) { machine(id).status = status; }
-
-void FakeEngine::report(const UUID& id, VMStatus status) { change(id, status); }
 
 void FakeEngine::vanish(const UUID& id, VMStopReason reason) {
     reasons_[id] = std::move(reason);
-    const auto found = machines_.extract(id);
-    if (found) found.mapped().updates->finish();
+    if (const auto found = machines_.extract(id)) found.mapped().updates->finish();
 }
 
 Task<void> FakeEngine::launch(UUID id, VMBundle bundle, VMAttachments attachments) {
@@ -28,24 +18,14 @@ Task<void> FakeEngine::launch(UUID id, VMBundle bundle, VMAttachments attachment
     if (machines_.contains(id)) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, bundle.name());
     lastAttachments = attachments;
     if (bundle.hasSavedState() && consumesSavedState) bundle.discardSavedState();
-    change(id, VMStatus::running);
+    report(id, VMStatus::running);
 }
 
 Task<void> FakeEngine::stop(UUID id, bool force) {
     co_await begin(force ? "forced stop" : "stop");
     if (!machines_.contains(id)) co_return;
-    change(id, VMStatus::stopped);
+    report(id, VMStatus::stopped);
     vanish(id, force ? VMStopReason::forced() : VMStopReason::requested());
-}
-
-Task<void> FakeEngine::pause(UUID id) {
-    co_await begin("pause");
-    change(id, VMStatus::paused);
-}
-
-Task<void> FakeEngine::resume(UUID id) {
-    co_await begin("resume");
-    change(id, VMStatus::running);
 }
 
 Task<void> FakeEngine::saveState(UUID, Path to) {
@@ -54,31 +34,14 @@ Task<void> FakeEngine::saveState(UUID, Path to) {
     writeFileAtomically(to, "memory");
 }
 
-bool FakeEngine::canSaveStateNow(VMOSType) const { return canSave; }
-
-Task<void> FakeEngine::attachSystemDiskOverlay(UUID, Path, Path, std::optional<SnapshotParentRewrite>) {
-    co_await begin("overlay");
-}
-
 std::optional<VMStatus> FakeEngine::status(const UUID& id) const {
-    const auto found = machines_.find(id);
-    return found == machines_.end() ? std::nullopt : std::optional(found->second.status);
+    const auto machine = valueOf(machines_, id);
+    return machine ? std::optional(machine->status) : std::nullopt;
 }
 
 std::optional<AsyncStream<VMStatus>> FakeEngine::statusUpdates(const UUID& id) {
-    const auto found = machines_.find(id);
-    if (found == machines_.end()) return std::nullopt;
-    return found->second.updates->subscribe(found->second.status);
-}
-
-std::optional<VMStopReason> FakeEngine::stopReason(const UUID& id) const {
-    const auto found = reasons_.find(id);
-    return found == reasons_.end() ? std::nullopt : std::optional(found->second);
-}
-
-std::optional<std::string> FakeEngine::macAddress(const UUID& id) const {
-    const auto found = macAddresses.find(id);
-    return found == macAddresses.end() ? std::nullopt : std::optional(found->second);
+    const auto machine = valueOf(machines_, id);
+    return machine ? std::optional(machine->updates->subscribe(machine->status)) : std::nullopt;
 }
 
 Task<std::shared_ptr<GuestAgentChannel>> FakeEngine::connectToGuestAgent(UUID) {
@@ -99,8 +62,6 @@ std::vector<UUID> FakeEngine::runningVMIDs() const {
     return ids;
 }
 
-bool FakeEngine::hasRunningVMs() const { return !machines_.empty(); }
-
 Task<void> FakeEngine::shutdownAll(Duration timeout) {
     shutdowns.push_back(timeout);
     for (const auto& id : runningVMIDs()) co_await stop(id, false);
@@ -112,11 +73,9 @@ Task<void> FakeEngine::begin(std::string operation) {
     if (const auto failure = failures_.extract(operation)) std::rethrow_exception(failure.mapped());
 }
 
-FakeEngine::Machine& FakeEngine::machine(const UUID& id) { return machines_[id]; }
-
-void FakeEngine::change(const UUID& id, VMStatus status) {
-    machine(id).status = status;
-    machine(id).updates->yield(status);
+Task<void> FakeEngine::change(std::string operation, UUID id, VMStatus status) {
+    co_await begin(std::move(operation));
+    report(id, status);
 }
 
 }  // namespace dorvane::test

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <map>
-#include <set>
 
 #include "core/DorvaneError.h"
 #include "core/VMEngineProtocol.h"
@@ -17,18 +16,21 @@ class FakeEngine : public VMEngineProtocol {
     std::vector<std::string> calls;
     std::optional<VMAttachments> lastAttachments;
     bool canSave = true;
+    bool consumesSavedState = true;
     std::optional<GuestDisplaySource::Kind> screen;
     std::map<UUID, std::string> macAddresses;
     std::vector<Duration> shutdowns;
 
     /// The next call of this operation fails, once.
-    void failNext(const std::string& operation, std::exception_ptr error);
-    void failNext(const std::string& operation, const std::string& words = "the engine failed");
+    void failNext(const std::string& operation, std::exception_ptr error) { failures_[operation] = error; }
+    void failNext(const std::string& operation, const std::string& words = "the engine failed") {
+        failNext(operation, std::make_exception_ptr(std::runtime_error(words)));
+    }
     /// Calls of this operation wait until the event is set.
-    Event hold(const std::string& operation);
+    Event hold(const std::string& operation) { return holds_[operation] = Event(); }
 
     /// A machine that runs without anybody having launched it here.
-    void adopt(const UUID& id, VMStatus status = VMStatus::running);
+    void adopt(const UUID& id, VMStatus status = VMStatus::running) { machines_[id].status = status; }
     /// What the guest or the host's hypervisor does by itself.
     void report(const UUID& id, VMStatus status);
     /// The machine is gone: its streams end without a last value.
@@ -36,22 +38,22 @@ class FakeEngine : public VMEngineProtocol {
 
     Task<void> launch(UUID id, VMBundle bundle, VMAttachments attachments) override;
     Task<void> stop(UUID id, bool force) override;
-    Task<void> pause(UUID id) override;
-    Task<void> resume(UUID id) override;
+    Task<void> pause(UUID id) override { return change("pause", id, VMStatus::paused); }
+    Task<void> resume(UUID id) override { return change("resume", id, VMStatus::running); }
     Task<void> saveState(UUID, Path to) override;
-    bool canSaveStateNow(VMOSType) const override;
-    Task<void> attachSystemDiskOverlay(UUID, Path, Path, std::optional<SnapshotParentRewrite>) override;
+    bool canSaveStateNow(VMOSType) const override { return canSave; }
+    Task<void> attachSystemDiskOverlay(UUID, Path, Path, std::optional<SnapshotParentRewrite>) override {
+        return begin("overlay");
+    }
     std::optional<VMStatus> status(const UUID& id) const override;
     std::optional<AsyncStream<VMStatus>> statusUpdates(const UUID& id) override;
-    std::optional<VMStopReason> stopReason(const UUID& id) const override;
-    std::optional<std::string> macAddress(const UUID& id) const override;
+    std::optional<VMStopReason> stopReason(const UUID& id) const override { return valueOf(reasons_, id); }
+    std::optional<std::string> macAddress(const UUID& id) const override { return valueOf(macAddresses, id); }
     Task<std::shared_ptr<GuestAgentChannel>> connectToGuestAgent(UUID) override;
     std::optional<GuestDisplayHandle> displayHandle(const UUID& id) override;
     std::vector<UUID> runningVMIDs() const override;
-    bool hasRunningVMs() const override;
+    bool hasRunningVMs() const override { return !machines_.empty(); }
     Task<void> shutdownAll(Duration timeout) override;
-
-    bool consumesSavedState = true;
 
   private:
     struct Machine {
@@ -59,9 +61,13 @@ class FakeEngine : public VMEngineProtocol {
         std::shared_ptr<StreamSource<VMStatus>> updates = std::make_shared<StreamSource<VMStatus>>();
     };
 
+    template <typename Value>
+    static std::optional<Value> valueOf(const std::map<UUID, Value>& values, const UUID& id) {
+        const auto found = values.find(id);
+        return found == values.end() ? std::nullopt : std::optional(found->second);
+    }
     Task<void> begin(std::string operation);
-    Machine& machine(const UUID& id);
-    void change(const UUID& id, VMStatus status);
+    Task<void> change(std::string operation, UUID id, VMStatus status);
 
     std::map<UUID, Machine> machines_;
     std::map<UUID, VMStopReason> reasons_;

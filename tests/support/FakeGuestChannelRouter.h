@@ -23,17 +23,41 @@ class FakeGuestChannelRouter : public GuestChannelRouting {
     std::vector<GuestAgentCommand> agentCommands;
     std::vector<Duration> agentLimits;
     std::vector<SSHCommand> sshCommands;
-    /// Called when a screenshot falls back to SSH, before the endpoint is asked for.
-    std::function<void()> beforeFallback;
 
     Task<GuestCommandResult> executeByAgent(VMRecordPointer, GuestAgentCommand command,
-                                            Duration limit) override;
-    bool isChannelUnavailable(const std::exception_ptr& error, bool idempotent) const override;
+                                            Duration limit) override {
+        agentCommands.push_back(std::move(command));
+        agentLimits.push_back(limit);
+        if (!agentAnswer) throw agentFailure;
+        co_return *agentAnswer;
+    }
+    bool isChannelUnavailable(const std::exception_ptr& error, bool idempotent) const override {
+        try {
+            std::rethrow_exception(error);
+        } catch (const DorvaneError& known) {
+            using Case = DorvaneError::Case;
+            if (known.which() == Case::guestAgentNoReply) return idempotent;
+            return known.which() == Case::guestAgentNotEnabled ||
+                   known.which() == Case::guestAgentUnavailable || known.which() == Case::guestAgentTimedOut;
+        } catch (...) {
+            return false;
+        }
+    }
     Task<GuestCommandResult> executeBySSH(VMRecordPointer, GuestSSHEndpoint endpoint, std::string command,
-                                          std::optional<std::string> username, Duration timeout) override;
+                                          std::optional<std::string> username, Duration timeout) override {
+        sshCommands.push_back({std::move(endpoint), std::move(command), std::move(username), timeout});
+        if (!sshAnswer) throw DorvaneError(DorvaneError::Case::guestSSHNotConfigured);
+        co_return *sshAnswer;
+    }
     Task<GuestScreenshot> screenshot(VMRecordPointer vm, std::optional<std::string> username,
                                      std::string sshCommand,
-                                     std::function<Task<GuestSSHEndpoint>()> endpoint) override;
+                                     std::function<Task<GuestSSHEndpoint>()> endpoint) override {
+        if (agentScreen) co_return *agentScreen;
+        const auto where = co_await endpoint();
+        sshCommands.push_back({where, std::move(sshCommand), std::move(username), seconds(60)});
+        if (!sshScreen) throw DorvaneError(DorvaneError::Case::guestAgentFailed, vm->name);
+        co_return *sshScreen;
+    }
 };
 
 }  // namespace dorvane::test

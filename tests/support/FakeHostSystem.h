@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A host whose every fact a test can set; identities are new each time and tell their number.
+// A host whose version and networks a test can set; identities are new each time and tell their number.
 #pragma once
 
 #include <fmt/format.h>
@@ -13,10 +13,10 @@ namespace dorvane::test {
 class FakeHostSystem : public HostSystem {
   public:
     OperatingSystemVersion version() const override { return osVersion; }
-    int coreCount() const override { return cores; }
-    std::uint64_t memoryBytes() const override { return memory; }
-    std::string userName() const override { return user; }
-    bool isVirtualizationSupported() const override { return virtualizationSupported; }
+    int coreCount() const override { return 8; }
+    std::uint64_t memoryBytes() const override { return std::uint64_t{16} << 30; }
+    std::string userName() const override { return "tester"; }
+    bool isVirtualizationSupported() const override { return true; }
     std::vector<NetworkInterface> networkInterfaces() const override { return interfaces; }
 
     std::string randomMACAddress() const override {
@@ -27,10 +27,6 @@ class FakeHostSystem : public HostSystem {
     Bytes newGenericMachineIdentifier() const override { return toBytes(fmt::format("generic-{}", next())); }
 
     OperatingSystemVersion osVersion{27, 0, 0};
-    int cores = 8;
-    std::uint64_t memory = std::uint64_t{16} << 30;
-    std::string user = "tester";
-    bool virtualizationSupported = true;
     std::vector<NetworkInterface> interfaces;
 
   private:

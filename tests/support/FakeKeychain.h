@@ -14,12 +14,10 @@ class FakeKeychain : public KeychainHelper {
     std::optional<Bytes> read(const std::string& service, const std::string& account) override {
         const std::lock_guard lock(mutex_);
         const auto found = items_.find({service, account});
-        if (failReads || found == items_.end()) return std::nullopt;
-        return found->second;
+        return found == items_.end() ? std::nullopt : std::optional(found->second);
     }
     bool save(const std::string& service, const std::string& account, ByteView secret) override {
         const std::lock_guard lock(mutex_);
-        if (failSaves) return false;
         items_[{service, account}] = Bytes(secret.begin(), secret.end());
         return true;
     }
@@ -27,9 +25,6 @@ class FakeKeychain : public KeychainHelper {
         const std::lock_guard lock(mutex_);
         items_.erase({service, account});
     }
-
-    bool failReads = false;
-    bool failSaves = false;
 
   private:
     std::mutex mutex_;

@@ -21,28 +21,18 @@ class FakeProcesses : public Processes {
         Path path = {};
     };
 
-    std::optional<std::string> name(int pid) const override {
-        const auto* entry = find(pid);
-        return entry == nullptr ? std::nullopt : std::optional(entry->name);
-    }
-    std::optional<std::vector<int>> childPIDs(int pid) const override {
-        const auto* entry = find(pid);
-        return entry == nullptr ? std::nullopt : std::optional(entry->children);
-    }
-    std::optional<Path> executablePath(int pid) const override {
-        const auto* entry = find(pid);
-        return entry == nullptr ? std::nullopt : std::optional(entry->path);
-    }
+    std::optional<std::string> name(int pid) const override { return fact(pid, &Entry::name); }
+    std::optional<std::vector<int>> childPIDs(int pid) const override { return fact(pid, &Entry::children); }
+    std::optional<Path> executablePath(int pid) const override { return fact(pid, &Entry::path); }
     std::optional<int> peerPID(int) const override { return peer; }
     std::string shortened(const std::string& program) const override { return program.substr(0, 15); }
 
     /// As the system's: 0 only asks. Returns whether the process was there.
     bool signal(int pid, int number) {
-        if (number != 0 && table.contains(pid)) signals.emplace_back(pid, number);
-        const bool wasThere = table.contains(pid);
-        if (wasThere && (number == SIGKILL || (number == SIGTERM && !table[pid].ignoresSIGTERM)))
-            table.erase(pid);
-        return wasThere;
+        if (!table.contains(pid)) return false;
+        if (number != 0) signals.emplace_back(pid, number);
+        if (number == SIGKILL || (number == SIGTERM && !table[pid].ignoresSIGTERM)) table.erase(pid);
+        return true;
     }
 
     std::map<int, Entry> table;
@@ -52,9 +42,10 @@ class FakeProcesses : public Processes {
     std::vector<std::pair<int, int>> signals;
 
   private:
-    const Entry* find(int pid) const {
+    template <typename Fact>
+    std::optional<Fact> fact(int pid, Fact Entry::*member) const {
         const auto found = table.find(pid);
-        return found == table.end() ? nullptr : &found->second;
+        return found == table.end() ? std::nullopt : std::optional(found->second.*member);
     }
 };
 

@@ -37,9 +37,7 @@ class FakeQEMUInstallation {
 
     std::string log() const {
         std::ifstream file(helpers() / "log");
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
+        return {std::istreambuf_iterator<char>(file), {}};
     }
     /// How often `part` stands in the log.
     int count(const std::string& part) const {

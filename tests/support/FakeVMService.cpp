@@ -14,10 +14,6 @@ VMRecordPointer FakeVMService::add(std::string name, VMOSType os, VMStatus statu
     return record;
 }
 
-FakeVMService::Guest& FakeVMService::guest(const VMRecordPointer& vm) { return guests_[vm->id]; }
-
-const std::vector<VMRecordPointer>& FakeVMService::vms() const { return listed_; }
-
 Task<void> FakeVMService::refreshVMList() {
     listed_ = stored_;
     vmsChanged();
@@ -55,8 +51,6 @@ Task<void> FakeVMService::deleteVM(VMRecordPointer vm, bool permanently) {
     co_return;
 }
 
-Task<void> FakeVMService::completeInstallation(VMRecordPointer) { co_return; }
-
 Task<void> FakeVMService::startVM(VMRecordPointer vm) {
     fail();
     if (vm->status == VMStatus::running) throw DorvaneError(DorvaneError::Case::vmAlreadyRunning, vm->name);
@@ -68,7 +62,8 @@ Task<void> FakeVMService::stopVM(VMRecordPointer vm, bool force) {
     fail();
     if (vm->status != VMStatus::running) throw DorvaneError(DorvaneError::Case::vmNotRunning, vm->name);
     vm->status = VMStatus::stopped;
-    wasForced_[vm->id] = force || guests_[vm->id].ignoresShutdown;
+    wasForced_.erase(vm->id);
+    if (force || guest(vm).ignoresShutdown) wasForced_.insert(vm->id);
     co_return;
 }
 
@@ -77,39 +72,10 @@ Task<void> FakeVMService::restartVM(VMRecordPointer vm) {
     co_await startVM(vm);
 }
 
-Task<void> FakeVMService::pauseVM(VMRecordPointer vm) {
-    fail();
-    vm->status = VMStatus::paused;
-    co_return;
-}
-
-Task<void> FakeVMService::resumeVM(VMRecordPointer vm) {
-    fail();
-    vm->status = VMStatus::running;
-    co_return;
-}
-
-Task<void> FakeVMService::suspendVM(VMRecordPointer vm) {
-    fail();
-    vm->status = VMStatus::stopped;
-    co_return;
-}
-
-Task<void> FakeVMService::discardSuspendedState(VMRecordPointer) { co_return; }
-
-Task<void> FakeVMService::refreshVMState(VMRecordPointer) { co_return; }
-
-std::optional<std::string> FakeVMService::lastFailureReason(const VMRecord&) const { return std::nullopt; }
-
-bool FakeVMService::lastStopWasForced(const VMRecord& vm) const {
-    const auto found = wasForced_.find(vm.id);
-    return found != wasForced_.end() && found->second;
-}
-
 Task<std::optional<VMDisplayInfo>> FakeVMService::getVMDisplayInfo(VMRecordPointer vm) {
     std::optional<VMDisplayInfo> info;
     if (vm->status != VMStatus::running) co_return info;
-    const auto& known = guests_[vm->id];
+    const auto& known = guest(vm);
     info.emplace();
     info->ipAddress = known.ipAddress;
     info->resolution = known.resolution;
@@ -117,18 +83,14 @@ Task<std::optional<VMDisplayInfo>> FakeVMService::getVMDisplayInfo(VMRecordPoint
     co_return info;
 }
 
-Task<std::optional<int>> FakeVMService::sshForwardedPort(VMRecordPointer vm) {
-    co_return guests_[vm->id].sshPort;
-}
-
-Task<std::optional<Bytes>> FakeVMService::captureHostFramebuffer(VMRecordPointer vm) {
-    co_return guests_[vm->id].screen;
-}
-
-Task<std::string> FakeVMService::getVMLogs(VMRecordPointer) { co_return ""; }
-
 void FakeVMService::fail() {
     if (auto failure = std::exchange(nextFailure, nullptr)) std::rethrow_exception(failure);
+}
+
+Task<void> FakeVMService::change(VMRecordPointer vm, VMStatus status) {
+    fail();
+    vm->status = status;
+    co_return;
 }
 
 }  // namespace dorvane::test

@@ -11,23 +11,28 @@ namespace dorvane::test {
 
 class InMemoryModelContext : public ModelContext {
   public:
-    std::vector<VMRecordPointer> fetchRecords() override;
-    std::vector<VMSnapshotPointer> fetchSnapshots(const UUID& vmID) override;
-    void insert(VMRecordPointer record) override;
-    void insert(VMSnapshotPointer snapshot) override;
-    void remove(const VMRecordPointer& record) override;
-    void remove(const VMSnapshotPointer& snapshot) override;
-    void save() override;
+    std::vector<VMRecordPointer> fetchRecords() override { return sorted(records_); }
+    std::vector<VMSnapshotPointer> fetchSnapshots(const UUID& vmID) override {
+        auto snapshots = sorted(snapshots_);
+        std::erase_if(snapshots, [&](const auto& snapshot) { return snapshot->vmID != vmID; });
+        return snapshots;
+    }
+    void insert(VMRecordPointer record) override { add(records_, std::move(record)); }
+    void insert(VMSnapshotPointer snapshot) override { add(snapshots_, std::move(snapshot)); }
+    void remove(const VMRecordPointer& record) override { take(records_, record); }
+    void remove(const VMSnapshotPointer& snapshot) override { take(snapshots_, snapshot); }
+    void save() override {
+        if (std::exchange(failNextSave, false)) throw std::runtime_error("the store can't be written");
+        ++saveCount;
+    }
 
     bool failNextSave = false;
-    bool failFetches = false;
     int saveCount = 0;
 
   private:
     template <typename Row>
     static std::vector<Row> sorted(std::vector<Row> rows) {
-        std::stable_sort(rows.begin(), rows.end(),
-                         [](const auto& a, const auto& b) { return a->createdAt < b->createdAt; });
+        std::ranges::stable_sort(rows, {}, [](const auto& row) { return row->createdAt; });
         return rows;
     }
     template <typename Row>

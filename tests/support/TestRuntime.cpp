@@ -9,8 +9,6 @@ constexpr auto idleWait = std::chrono::milliseconds(2);
 
 }  // namespace
 
-TestRuntime::~TestRuntime() { settle(); }
-
 void TestRuntime::run(Task<void> task) { run<void>(std::move(task)); }
 
 void TestRuntime::settle() {

@@ -18,7 +18,7 @@ class TestRuntime {
     enum class TimeMode { automatic, manual };
 
     explicit TestRuntime(TimeMode mode = TimeMode::automatic) : mode_(mode) {}
-    ~TestRuntime();
+    ~TestRuntime() { settle(); }
 
     const Runtime& runtime() const { return runtime_; }
     VirtualClock& clock() { return clock_; }

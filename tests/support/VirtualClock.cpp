@@ -7,11 +7,6 @@
 
 namespace dorvane::test {
 
-Instant VirtualClock::now() const {
-    const std::lock_guard lock(mutex_);
-    return now_;
-}
-
 Date VirtualClock::date() const {
     return *parseISO8601("2026-01-01T00:00:00Z") +
            std::chrono::duration_cast<Date::duration>(now().time_since_epoch());
@@ -43,19 +38,12 @@ bool VirtualClock::fireBefore(Instant limit) {
     return true;
 }
 
-bool VirtualClock::advanceToNext() { return fireBefore(Instant::max()); }
-
 void VirtualClock::advance(Duration duration) {
     const auto limit = now() + duration;
     while (fireBefore(limit)) {
     }
     const std::lock_guard lock(mutex_);
     now_ = limit;
-}
-
-std::size_t VirtualClock::pendingTimers() const {
-    const std::lock_guard lock(mutex_);
-    return entries_.size();
 }
 
 }  // namespace dorvane::test

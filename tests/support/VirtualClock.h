@@ -13,17 +13,23 @@ class VirtualClock : public Clock {
   public:
     explicit VirtualClock(Executor executor) : executor_(std::move(executor)) {}
 
-    Instant now() const override;
+    Instant now() const override {
+        const std::lock_guard lock(mutex_);
+        return now_;
+    }
     /// Starts at 2026-01-01T00:00:00Z and moves with `now`.
     Date date() const override;
     Task<void> sleep(Duration duration) override;
     Timer schedule(Executor executor, Duration delay, std::function<void()> action) override;
 
     /// Moves to the earliest pending timer and fires it; false when none is pending.
-    bool advanceToNext();
+    bool advanceToNext() { return fireBefore(Instant::max()); }
     /// Moves by `duration`; timers due by then fire in order.
     void advance(Duration duration);
-    std::size_t pendingTimers() const;
+    std::size_t pendingTimers() const {
+        const std::lock_guard lock(mutex_);
+        return entries_.size();
+    }
 
   private:
     struct Entry {

@@ -30,16 +30,13 @@ class AppStateTest : public testing::Test {
         DorvaneVMConfig config;
         config.os = os;
         config.cpuCount = 2;
-        const bool isWindows = os == VMOSType::windows;
-        if (isWindows) {
-            config.memoryBytes = 1ULL << 30;
-            config.macAddress = "02:00:00:00:00:01";
-            config.display = {1280, 800, 96};
-            config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
-            config.windowsSSH = WindowsSSHConfig{false, 0};
-        }
+        config.memoryBytes = 1ULL << 30;
+        config.macAddress = "02:00:00:00:00:01";
+        config.display = {1280, 800, 96};
+        config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
+        config.windowsSSH = WindowsSSHConfig{false, 0};
         config.write(bundle.configFile());
-        writeFileAtomically(isWindows ? bundle.qcow2Disk() : bundle.rawDisk(), "disk");
+        writeFileAtomically(bundle.systemDisk(os), "disk");
         auto vm = std::make_shared<VMRecord>();
         vm->name = name;
         vm->osType = os;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "display/rfb/RFBClientMessage.h"
@@ -19,23 +20,10 @@ TEST(RFBClientMessage, hasTheBytesOfTheProtocol) {
          {2, 0, 0, 2, 0, 0, 0, 16, 0xFF, 0xFF, 0xFE, 0xCC}},
         {{Message::FramebufferUpdateRequest{true, -1, 70'000, 1'440, 900}},
          {3, 1, 0, 0, 0xFF, 0xFF, 0x05, 0xA0, 0x03, 0x84}},
-        {{Message::KeyEvent{true, 0xFF0D}}, {4, 1, 0, 0, 0, 0, 0xFF, 0x0D}},
-        {{Message::QEMUExtendedKeyEvent{false, 0x61, 219}}, {255, 0, 0, 0, 0, 0, 0, 0x61, 0, 0, 0, 219}},
         {{Message::PointerEvent{5, -5, 70'000}}, {5, 5, 0, 0, 0xFF, 0xFF}},
         {{Message::ClientCutText{"aé€"}}, {6, 0, 0, 0, 0, 0, 0, 3, 'a', 233, '?'}},
     };
     for (const auto& [message, bytes] : table) EXPECT_EQ(message.encoded(), bytes) << message.content.index();
-}
-
-TEST(RFBPixelFormat, readsWhatItWrites) {
-    const RFBPixelFormat other{16, 15, true, true, 31, 63, 30, 11, 5, 1};
-    const auto bytes = other.encoded();
-    RFBByteReader reader(bytes);
-    EXPECT_EQ(RFBPixelFormat::read(reader), other);
-    EXPECT_EQ(reader.remaining(), 0u);
-    RFBByteReader tooShort(ByteView(bytes).first(15));
-    EXPECT_EQ(RFBPixelFormat::read(tooShort), std::nullopt);
-    EXPECT_EQ(tooShort.position(), 0u);
 }
 
 const auto tightCopy11 = Bytes{0x40, 1, 2} + Bytes(9) + Bytes(11);  // palette of 3, 11 indices: stored
@@ -78,20 +66,6 @@ TEST(RFBRectangle, isParsedOnlyWhenWhole) {
     }
 }
 
-TEST(RFBRectangle, givesFieldsAndRangesWithoutCopying) {
-    const auto bytes = rectangle(5, 6, 2, 1, -239, Bytes{1, 2, 3, 4, 5, 6, 7, 8, 0xC0});
-    RFBByteReader reader(bytes);
-    const auto cursor = std::get<RFBRectangle::Cursor>(RFBRectangle::parse(reader, format)->content);
-    EXPECT_EQ(cursor.header, (RFBRectangleHeader{5, 6, 2, 1, -239}));
-    EXPECT_EQ(cursor.pixels.data(), bytes.data() + 12);
-    EXPECT_EQ(cursor.mask.data(), bytes.data() + 20);
-
-    const auto size = rectangle(1, 3, 640, 480, -308, Bytes{2, 0, 0, 0} + Bytes(32));
-    RFBByteReader sizeReader(size);
-    EXPECT_EQ(std::get<RFBExtendedDesktopSize>(RFBRectangle::parse(sizeReader, format)->content),
-              (RFBExtendedDesktopSize{1, 3, 640, 480, 2}));
-}
-
 TEST(RFBRectangle, refusesWhatWasNotAskedFor) {
     const std::vector<std::pair<Bytes, std::string>> table{
         {rectangle(0, 0, 1, 1, 5), "The VM display sent an unsupported encoding (5)."},
@@ -109,12 +83,8 @@ TEST(RFBRectangle, refusesWhatWasNotAskedFor) {
     };
     for (const auto& [bytes, text] : table) {
         RFBByteReader reader(bytes);
-        try {
-            RFBRectangle::parse(reader, format);
-            ADD_FAILURE() << text;
-        } catch (const RFBRectangle::ParseError& error) {
-            EXPECT_EQ(error.what(), text);
-        }
+        const auto parse = [&] { RFBRectangle::parse(reader, format); };
+        EXPECT_THAT(parse, testing::ThrowsMessage<RFBRectangle::ParseError>(text));
     }
 }
 

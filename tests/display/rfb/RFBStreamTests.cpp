@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "display/rfb/RFBStream.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "display/rfb/RFBConnectionError.h"
@@ -144,12 +145,8 @@ TEST(RFBStream, endsAtWhatItCannotRead) {
     };
     for (const auto& [bytes, text] : table) {
         Client client(16, 16);
-        try {
-            client.stream.feed(bytes);
-            ADD_FAILURE() << text;
-        } catch (const std::exception& error) {
-            EXPECT_EQ(error.what(), text);
-        }
+        const auto feed = [&, &bytes = bytes] { client.stream.feed(bytes); };
+        EXPECT_THAT(feed, testing::ThrowsMessage<std::exception>(text));
     }
 }
 

@@ -9,26 +9,18 @@
 
 namespace dorvane::test {
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 inline Bytes& operator+=(Bytes& left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
+inline Bytes operator+(Bytes left, const Bytes& right) { return std::move(left += right); }
 
 inline Bytes be16(unsigned value) {
     Bytes out;
     appendBE16(out, static_cast<std::uint16_t>(value));
     return out;
 }
-inline Bytes be32(std::uint32_t value) {
-    Bytes out;
-    appendBE32(out, value);
-    return out;
-}
+inline Bytes be32(std::uint32_t value) { return be16(value >> 16) + be16(value & 0xFFFF); }
 
 inline Bytes rectangle(int x, int y, int width, int height, std::int32_t encoding, const Bytes& body = {}) {
     return be16(unsigned(x)) + be16(unsigned(y)) + be16(unsigned(width)) + be16(unsigned(height)) +
@@ -39,13 +31,13 @@ inline Bytes update(std::initializer_list<Bytes> rectangles) {
     for (const auto& one : rectangles) out += one;
     return out;
 }
+/// Seven bits a byte, the least significant first; a third byte has eight.
 inline Bytes compactLength(std::size_t length) {
-    if (length < 128) return {static_cast<std::uint8_t>(length)};
-    if (length < 16'384)
-        return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)), static_cast<std::uint8_t>(length >> 7)};
-    return {static_cast<std::uint8_t>(0x80 | (length & 0x7F)),
-            static_cast<std::uint8_t>(0x80 | ((length >> 7) & 0x7F)),
-            static_cast<std::uint8_t>(length >> 14)};
+    Bytes out;
+    for (; length >= 128 && out.size() < 2; length >>= 7)
+        out.push_back(static_cast<std::uint8_t>(length | 0x80));
+    out.push_back(static_cast<std::uint8_t>(length));
+    return out;
 }
 
 /// Pixels without padding, each by its place.

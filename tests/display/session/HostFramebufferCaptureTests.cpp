@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "display/session/HostFramebufferCapture.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <png.h>
 
@@ -56,19 +57,22 @@ TEST(PNGEncoder, refusesPicturesThatAreNone) {
 
 class HostFramebufferCaptureTest : public testing::Test {
   protected:
+    TaskHandle begin() {
+        outcome_ = {};
+        GuestDisplaySource::Kind source = GuestDisplaySource::VNC{"/v", std::nullopt};
+        auto handle = spawn(host_.runtime().main.executor(),
+                            deliver(capture_.capturePNG(source, seconds(3)), outcome_), "capture");
+        host_.settle();
+        return handle;
+    }
     /// Captures while `script` plays the guest.
     Bytes capture(const std::function<void(FakeDisplayTransport&)>& script) {
-        OneShot<Bytes> outcome;
-        const auto handle =
-            spawn(host_.runtime().main.executor(),
-                  deliver(capture_.capturePNG(GuestDisplayChannel(VNCChannel{"/v"}), seconds(3)), outcome),
-                  "capture");
-        host_.settle();
+        const auto handle = begin();
         script(transports_.latest());
         host_.settle();
-        EXPECT_TRUE(outcome.isDecided());
+        EXPECT_TRUE(outcome_.isDecided());
         EXPECT_TRUE(transports_.latest().isClosed);
-        return outcome.take();
+        return outcome_.take();
     }
     void passTime() {
         host_.clock().advance(seconds(3));
@@ -78,6 +82,7 @@ class HostFramebufferCaptureTest : public testing::Test {
     TestRuntime host_{TestRuntime::TimeMode::manual};
     FakeDisplayTransportMaker transports_;
     HostFramebufferCapture capture_{host_.runtime(), transports_};
+    OneShot<Bytes> outcome_;
 };
 
 TEST_F(HostFramebufferCaptureTest, firstFrameDecidesAndLaterEventsChangeNothing) {
@@ -96,12 +101,8 @@ TEST_F(HostFramebufferCaptureTest, errorsOfTheTransportComeThroughUnchanged) {
                      guest.onDisconnect(std::make_exception_ptr(std::domain_error("broken")));
                  }),
                  std::domain_error);
-    try {
-        capture([](FakeDisplayTransport& guest) { guest.onDisconnect(nullptr); });
-        FAIL();
-    } catch (const RFBConnectionError& error) {
-        EXPECT_EQ(error.which(), RFBConnectionError::Case::connectionClosed);
-    }
+    EXPECT_THAT([this] { capture([](FakeDisplayTransport& guest) { guest.onDisconnect(nullptr); }); },
+                testing::ThrowsMessage<RFBConnectionError>("The VM display connection was closed."));
 }
 
 TEST_F(HostFramebufferCaptureTest, timeIsTheReasonWhateverElseFailsAtTheDeadline) {
@@ -116,34 +117,21 @@ TEST_F(HostFramebufferCaptureTest, timeIsTheReasonWhateverElseFailsAtTheDeadline
             guest.connected.fail(std::runtime_error("socket unavailable"));
         },
     };
-    for (const auto& script : scripts) {
-        try {
-            capture(script);
-            FAIL();
-        } catch (const HostFramebufferCapture::CaptureError& error) {
-            EXPECT_STREQ(error.what(), "The VM display did not produce a frame in time.");
-        }
-    }
+    for (const auto& script : scripts)
+        EXPECT_THAT([&] { capture(script); }, testing::ThrowsMessage<HostFramebufferCapture::CaptureError>(
+                                                  "The VM display did not produce a frame in time."));
 }
 
 TEST_F(HostFramebufferCaptureTest, frameWithoutPixelsCanNotBeEncoded) {
-    try {
+    const auto captureNothing = [this] {
         capture([](FakeDisplayTransport& guest) { guest.onFrame(FakeDisplayTransport::makeFrame(0, 0)); });
-        FAIL();
-    } catch (const HostFramebufferCapture::CaptureError& error) {
-        EXPECT_STREQ(error.what(), "The captured frame could not be encoded as PNG.");
-    }
+    };
+    EXPECT_THAT(captureNothing, testing::ThrowsMessage<HostFramebufferCapture::CaptureError>(
+                                    "The captured frame could not be encoded as PNG."));
 }
 
 TEST_F(HostFramebufferCaptureTest, cancelledCaptureClosesItsTransport) {
-    auto handle = spawn(
-        host_.runtime().main.executor(),
-        [](HostFramebufferCapture& capture) -> Task<void> {
-            GuestDisplaySource::Kind source = GuestDisplaySource::VNC{"/v", std::nullopt};
-            co_await capture.capturePNG(std::move(source), seconds(3));
-        }(capture_),
-        "capture");
-    host_.settle();
+    auto handle = begin();
     handle = TaskHandle();
     host_.settle();
     EXPECT_TRUE(transports_.latest().isClosed);

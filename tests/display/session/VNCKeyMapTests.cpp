@@ -12,27 +12,15 @@ TEST(VNCKeyMap, namesKeysByPositionAndElseByWhatTheyType) {
         std::optional<std::string_view> typed;
         std::optional<std::uint32_t> keysym;
     } cases[] = {
-        {36, "\r", 0xFF0D},
-        {123, "x", 0xFF51},
-        {54, std::nullopt, 0xFFEC},
-        {0, "a", 0x61},
-        {0, "A", 0x41},
-        {52, "x", 0x78},
-        {52, std::nullopt, std::nullopt},
-        {0, "", std::nullopt},
-        {0, "\u20AC", 0x10020AC},
-        {0, "\u00FF", 0xFF},
-        {0, "\u0100", 0x1000100},
-        {0, "\x1F", 0x100001F},
-        {0, " ", 0x20},
-        {0, "\u00E4b", 0xE4},
-        {0, "\U0001F600", 0x101F600},
+        {36, "\r", 0xFF0D},     {54, std::nullopt, 0xFFEC},
+        {0, "a", 0x61},         {52, std::nullopt, std::nullopt},
+        {0, "", std::nullopt},  {0, "\u20AC", 0x10020AC},
+        {0, "\u00FF", 0xFF},    {0, "\u0100", 0x1000100},
+        {0, "\x1F", 0x100001F}, {0, " ", 0x20},
+        {0, "\u00E4b", 0xE4},   {0, "\U0001F600", 0x101F600},
     };
     for (const auto& each : cases)
         EXPECT_EQ(VNCKeyMap::keysym(each.keyCode, each.typed), each.keysym) << each.typed.value_or("-");
-    EXPECT_EQ(VNCKeyMap::modifierFlag(60), 0x20000U);
-    EXPECT_EQ(VNCKeyMap::modifierFlag(57), 0x10000U);
-    EXPECT_EQ(VNCKeyMap::modifierFlag(36), std::nullopt);
 }
 
 }  // namespace

@@ -26,10 +26,4 @@ class Pieces {
     ByteView bytes_;
 };
 
-inline void appendCompactLength(Bytes& out, std::size_t length) {
-    out.push_back(static_cast<std::uint8_t>(0x80 | (length & 0x7F)));
-    out.push_back(static_cast<std::uint8_t>(0x80 | ((length >> 7) & 0x7F)));
-    out.push_back(static_cast<std::uint8_t>((length >> 14) & 0x7F));
-}
-
 }  // namespace dorvane::fuzz

@@ -6,11 +6,12 @@
 
 #include "Pieces.h"
 #include "display/rfb/TightDecoder.h"
-#include "support/Deflater.h"
+#include "display/rfb/WireBuilder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace dorvane;
     using namespace dorvane::fuzz;
+    using test::operator+, test::operator+=;
     TightDecoder decoder;
     test::Deflater deflater;
     Pieces pieces({data, size});
@@ -23,8 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (headBytes > 0 && headBytes <= body.size()) {
             const auto compressed = deflater.piece(body.subspan(headBytes));
             payload.resize(headBytes);
-            appendCompactLength(payload, compressed.size());
-            payload.insert(payload.end(), compressed.begin(), compressed.end());
+            payload += test::compactLength(compressed.size()) + compressed;
         }
         try {
             const auto pixels = decoder.decode(width, height, payload);

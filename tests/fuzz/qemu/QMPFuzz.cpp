@@ -10,14 +10,11 @@ using namespace dorvane;
 
 namespace {
 
-void use(const QMPMessage& message) {
-    if (const auto* event = message.event()) QMPStateMapper::stopReason(event->data, false);
-}
-
 void decode(const std::string& line) {
     if (line.empty() || line.find('\n') != std::string::npos) std::abort();
     try {
-        use(QMPCodec::decode(line));
+        const auto message = QMPCodec::decode(line);
+        if (const auto* event = message.event()) QMPStateMapper::stopReason(event->data, false);
     } catch (const QMPCodec::DecodeError&) {
         // What the connection drops.
     }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <regex>
@@ -59,22 +57,17 @@ TEST(LinuxApplicationDirectories, socketsAlwaysFitAndLieWhereNobodyElseCanEnter)
     const auto own = "dorvane-" + std::to_string(::geteuid());
     const auto fits = makeFolder(75, 0700), tooLong = makeFolder(76, 0700), isPublic = makeFolder(40, 0755);
     const auto shortTemporary = makeFolder(42, 01777);
-    const struct {
-        std::string session, temporary;
-        Path expected;
-    } cases[] = {
-        {fits, "", Path(fits) / "dorvane"},
-        {tooLong, "", Path("/tmp") / own},
-        {isPublic, shortTemporary, Path(shortTemporary) / own},
-        {tooLong, tooLong, Path("/tmp") / own},
-        {"", "/does/not/exist", Path("/tmp") / own},
+    const std::pair<Environment, Path> cases[] = {
+        {{{"XDG_RUNTIME_DIR", fits}}, Path(fits) / "dorvane"},
+        {{{"XDG_RUNTIME_DIR", tooLong}}, Path("/tmp") / own},
+        {{{"XDG_RUNTIME_DIR", isPublic}, {"TMPDIR", shortTemporary}}, Path(shortTemporary) / own},
+        {{{"XDG_RUNTIME_DIR", tooLong}, {"TMPDIR", tooLong}}, Path("/tmp") / own},
+        {{{"TMPDIR", "/does/not/exist"}}, Path("/tmp") / own},
     };
-    for (const auto& each : cases) {
-        Environment environment{{"HOME", folder.path()}};
-        if (!each.session.empty()) environment["XDG_RUNTIME_DIR"] = each.session;
-        if (!each.temporary.empty()) environment["TMPDIR"] = each.temporary;
+    for (auto [environment, expected] : cases) {
+        environment["HOME"] = folder.path();
         const auto directories = linuxApplicationDirectories(environment);
-        EXPECT_EQ(directories.temporary, each.expected);
+        EXPECT_EQ(directories.temporary, expected);
         const auto launch = QEMURuntimeDirectory::make(UUID::random(), directories.temporary);
         EXPECT_LE(launch.qmpSocket().native().size(), maximumSocketPathBytes);
         launch.remove();
@@ -86,43 +79,26 @@ TEST(LinuxApplicationDirectories, socketsAlwaysFitAndLieWhereNobodyElseCanEnter)
     EXPECT_EQ(std::filesystem::status(taken.temporary).permissions(), std::filesystem::perms(0700));
 }
 
-TEST(LinuxProcesses, knowsAChildByNamePathAndParent) {
+TEST(LinuxProcesses, knowsAChildByItsShortenedNamePathAndParent) {
+    const TemporaryDirectory folder;
     const LinuxProcesses processes;
-    ProcessCommand command{"/bin/sleep", {"60"}};
-    const auto child = ChildProcess::start(command);
+    const auto program = folder / "qemu-system-aarch64";
+    std::filesystem::copy_file("/bin/sleep", program);
+    const auto child = ChildProcess::start({program, {"60"}});
     const auto children = processes.childPIDs(::getpid());
     ASSERT_TRUE(children);
     EXPECT_NE(std::find(children->begin(), children->end(), child->pid()), children->end());
     EXPECT_EQ(processes.childPIDs(child->pid()), std::vector<int>{});
-    EXPECT_EQ(processes.name(child->pid()), "sleep");
-    EXPECT_EQ(processes.executablePath(child->pid()), std::filesystem::canonical("/bin/sleep"));
+    EXPECT_EQ(processes.name(child->pid()), "qemu-system-aar");
+    EXPECT_EQ(processes.shortened("qemu-system-aarch64"), "qemu-system-aar");
+    EXPECT_EQ(processes.executablePath(child->pid()), program);
+    std::filesystem::remove(program);
+    EXPECT_EQ(processes.executablePath(child->pid()), program);
     child->kill();
     child->waitBlocking();
     EXPECT_EQ(processes.name(child->pid()), std::nullopt);
     EXPECT_EQ(processes.childPIDs(child->pid()), std::nullopt);
     EXPECT_EQ(processes.executablePath(child->pid()), std::nullopt);
-}
-
-TEST(LinuxProcesses, shortensAProgramsNameAsTheKernelDoes) {
-    const TemporaryDirectory folder;
-    const LinuxProcesses processes;
-    const auto program = folder / "qemu-system-aarch64";
-    std::filesystem::copy_file("/bin/sleep", program);
-    ProcessCommand command{program, {"60"}};
-    const auto child = ChildProcess::start(command);
-    EXPECT_EQ(processes.name(child->pid()), processes.shortened("qemu-system-aarch64"));
-    std::filesystem::remove(program);
-    EXPECT_EQ(processes.executablePath(child->pid()), program);
-    child->kill();
-    child->waitBlocking();
-}
-
-TEST(LinuxProcesses, tellsWhoIsAtTheOtherEndOfASocket) {
-    const TemporaryDirectory folder;
-    const auto listener = listenUnixSocket((folder / "s").string());
-    const auto client = connectUnixSocket((folder / "s").string());
-    EXPECT_EQ(LinuxProcesses().peerPID(client.get()), ::getpid());
-    EXPECT_EQ(LinuxProcesses().peerPID(-1), std::nullopt);
 }
 
 TEST(LinuxHostSystem, makesAddressesThatNoMakerOwns) {
@@ -138,12 +114,9 @@ TEST(LinuxHostSystem, makesAddressesThatNoMakerOwns) {
     EXPECT_NE(host.newMacMachineIdentifier(), host.newMacMachineIdentifier());
 }
 
-TEST(LinuxHostSystem, readsThePlainFactsOfThisMachine) {
+TEST(LinuxHostSystem, readsVersionAndUserAndLeavesTheLoopbackOut) {
     const LinuxHostSystem host;
     EXPECT_GE(host.version(), (OperatingSystemVersion{3, 0, 0}));
-    EXPECT_GE(host.coreCount(), 1);
-    EXPECT_LE(host.coreCount(), ::sysconf(_SC_NPROCESSORS_ONLN));
-    EXPECT_GT(host.memoryBytes(), 64U << 20);
     EXPECT_FALSE(host.userName().empty());
     for (const auto& interface : host.networkInterfaces()) EXPECT_NE(interface.identifier, "lo");
 }

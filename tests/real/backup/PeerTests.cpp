@@ -19,14 +19,10 @@ class BackupPeers : public testing::Test, protected RealBackupScene {
     Path work = backups / "work";
     BackupPeers() { fs::create_directories(work); }
 
-    /// More than 4 GiB with data at both ends, so that sizes need ZIP64.
-    void makeLarge(const VMBundle& bundle) const {
-        const auto random = randomBytes(3 << 20);
-        const FileDescriptor fd(::open(bundle.rawDisk().c_str(), O_WRONLY | O_CLOEXEC));
-        ASSERT_EQ(::ftruncate(fd.get(), (std::int64_t{4} << 30) + (700 << 20) + 12345), 0);
-        for (const auto at : {std::int64_t{0}, (std::int64_t{4} << 30) + (600 << 20) + 77})
-            ASSERT_EQ(::pwrite(fd.get(), random.data(), random.size(), at),
-                      static_cast<ssize_t>(random.size()));
+    /// In the work folder, with the archive as $A and the source's bundle as $S.
+    bool runs(const std::string& command, const Path& packed = {}) {
+        return shell(fmt::format("A='{}' S='{}'; cd '{}'; {}", (packed.empty() ? archive : packed).string(),
+                                 (storage / "source").string(), work.string(), command));
     }
 };
 
@@ -35,38 +31,37 @@ TEST_F(BackupPeers, OthersReadWhatThisProgramPacks) {
     fs::create_directories(source->bundle().directoryURL / "leer");
     writeFileAtomically(source->bundle().directoryURL / "größe (1).txt", "umlauts");
     run(service.exportBackup(source, archive, {}));
-    const auto at = " '" + archive.string() + "' ", below = " '" + work.string() + "' ";
-    const auto theirs = " '" + (work / "source").string() + "' ", ours = " '" + source->vmPath + "' ";
-
-    EXPECT_TRUE(shell("unzip -tqq" + at));
+    EXPECT_TRUE(runs("unzip -tqq \"$A\""));
     EXPECT_TRUE(
-        shell("python3 -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
-              "sys.exit(z.testzip() is not None)'" +
-              at));
-    EXPECT_TRUE(shell("bsdtar -xSf" + at + "-C" + below + "&& diff -r --no-dereference" + theirs + ours));
-    EXPECT_TRUE(shell("cat" + at + "| bsdtar -tf - | grep -q '^source/leer/$'"))
-        << "also without its directory";
-    const auto roots = "unzip -Z1" + at + "| cut -d/ -f1 | sort -u | tr '\\n' ' '";
-    EXPECT_TRUE(shell("test \"$(" + roots + ")\" = 'manifest.json source vm-record.json '"));
+        runs("python3 -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
+             "sys.exit(z.testzip() is not None)' \"$A\""));
+    EXPECT_TRUE(runs("bsdtar -xSf \"$A\" && diff -r --no-dereference source \"$S\""));
+    EXPECT_TRUE(runs("cat \"$A\" | bsdtar -tf - | grep -q '^source/leer/$'")) << "also without its directory";
+    EXPECT_TRUE(
+        runs("test \"$(unzip -Z1 \"$A\" | cut -d/ -f1 | sort -u | tr '\\n' ' ')\" = "
+             "'manifest.json source vm-record.json '"));
 }
 
 TEST_F(BackupPeers, ADiskAboveFourGigabytesIsReadByOthersAndComesBackWithItsHoles) {
     const auto source = addVM("source");
-    makeLarge(source->bundle());
+    // Data at both ends, so that sizes need ZIP64.
+    const auto random = randomBytes(3 << 20);
+    const FileDescriptor fd(::open(source->bundle().rawDisk().c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(::ftruncate(fd.get(), (std::int64_t{4} << 30) + (700 << 20) + 12345), 0);
+    for (const auto at : {std::int64_t{0}, (std::int64_t{4} << 30) + (600 << 20) + 77})
+        ASSERT_EQ(::pwrite(fd.get(), random.data(), random.size(), at), static_cast<ssize_t>(random.size()));
     run(service.exportBackup(source, archive, {}));
     EXPECT_LT(fs::file_size(archive), std::uint64_t{16} << 20);
-    const auto at = " '" + archive.string() + "' ";
-    EXPECT_TRUE(shell("unzip -tqq" + at));
-    EXPECT_TRUE(shell("bsdtar -tvf" + at +
-                      fmt::format("| grep -q ' {} .*disk.img'", source->bundle().diskImageLogicalSize())));
-    EXPECT_TRUE(
-        shell(fmt::format("test \"$(zipinfo -t{} | sed -E 's/.* ([0-9]+) bytes uncompressed.*/\\1/')\" = {}",
-                          at, *zipUncompressedBytes(archive))));
+    EXPECT_TRUE(runs("unzip -tqq \"$A\""));
+    EXPECT_TRUE(runs(fmt::format("bsdtar -tvf \"$A\" | grep -q ' {} .*disk.img'",
+                                 source->bundle().diskImageLogicalSize())));
+    EXPECT_TRUE(runs(
+        fmt::format("test \"$(zipinfo -t \"$A\" | sed -E 's/.* ([0-9]+) bytes uncompressed.*/\\1/')\" = {}",
+                    *zipUncompressedBytes(archive))));
 
-    const auto vm = run(service.restoreBackup(archive, "copy", {}));
-    const auto copy = " '" + vm->bundle().rawDisk().string() + "' ";
-    EXPECT_TRUE(shell("cmp '" + source->bundle().rawDisk().string() + "'" + copy));
-    EXPECT_TRUE(shell("test \"$(du -k" + copy + "| cut -f1)\" -le 7000"));
+    const auto copy = run(service.restoreBackup(archive, "copy", {}))->bundle().rawDisk();
+    EXPECT_TRUE(runs("cmp \"$S/disk.img\" \"$A\"", copy));
+    EXPECT_TRUE(runs("test \"$(du -k \"$A\" | cut -f1)\" -le 7000", copy));
 }
 
 TEST_F(BackupPeers, DisksThatLeadOutOfTheBackupAreRefused) {
@@ -119,7 +114,7 @@ TEST_F(BackupPeers, RestoresWhatOthersPack) {
     const auto source = addVM("source");
     writeFileAtomically(source->bundle().directoryURL / "größe (1).txt", "umlauts");
     run(service.exportBackup(source, archive, {}));
-    ASSERT_TRUE(shell("unzip -qq '" + archive.string() + "' -d '" + work.string() + "'"));
+    ASSERT_TRUE(runs("unzip -qq \"$A\""));
     auto expected = everythingIn(source->vmPath);
     for (const auto* gone :
          {"state.vzvmsave", "state.vzvmsave.hash", "state.vzvmsave.devices", "ephemeral.json", "config.json"})
@@ -147,11 +142,9 @@ TEST_F(BackupPeers, RestoresWhatOthersPack) {
     };
     for (std::size_t i = 0; i < packers.size(); ++i) {
         const auto packed = backups / (std::to_string(i) + ".zip");
-        ASSERT_TRUE(shell("A='" + packed.string() + "'; cd '" + work.string() + "'; " + packers[i]))
-            << packers[i];
-        const auto name = "copy " + std::to_string(i);
+        ASSERT_TRUE(runs(packers[i], packed)) << packers[i];
         try {
-            const auto vm = run(service.restoreBackup(packed, name, {}));
+            const auto vm = run(service.restoreBackup(packed, "copy " + std::to_string(i), {}));
             auto contents = everythingIn(vm->vmPath);
             contents.erase("config.json");
             // Python follows links to files and leaves those to folders out; a stream can't hold links.
@@ -173,11 +166,10 @@ TEST_F(BackupPeers, RestoresWhatOthersPack) {
     for (const auto& [packer, words] : refused) {
         const auto packed = backups / "refused.zip";
         fs::remove(packed);
-        ASSERT_TRUE(shell("A='" + packed.string() + "'; cd '" + work.string() + "'; " + packer)) << packer;
+        ASSERT_TRUE(runs(packer, packed)) << packer;
         EXPECT_THAT(failureOf(service.restoreBackup(packed, "refused", {})).text(), HasSubstr(words))
             << packer;
     }
-    std::printf("%zu packers restored, %zu refused\n", packers.size(), refused.size());
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 // the test itself draws.
 #pragma once
 
-#include <unistd.h>
-
 #include <fstream>
 
 #include "display/rfb/PixelTarget.h"
@@ -13,51 +11,12 @@
 
 namespace dorvane::test {
 
-/// A child that is ended by its own number with the object.
-class Child {
-  public:
-    explicit Child(const ProcessCommand& command) : process_(ChildProcess::start(command)) {}
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
-        process_->terminate();
-        process_->waitBlocking();
-    }
-    ChildProcess& process() { return *process_; }
-
-  private:
-    std::shared_ptr<ChildProcess> process_;
-};
-
-/// What a child says, line by line. Throws when it says nothing more.
-class Lines {
-  public:
-    explicit Lines(FileDescriptor from) : from_(std::move(from)) {}
-
-    std::string next() {
-        std::string line;
-        for (char c = 0;; line += c) {
-            if (::read(from_.get(), &c, 1) != 1) throw std::runtime_error("the child has ended: " + line);
-            if (c == '\n') return line;
-        }
-    }
-
-  private:
-    FileDescriptor from_;
-};
-
 /// An X server that shows its screen over VNC.
 class XvncServer {
   public:
-    XvncServer()
-        : server_({"/usr/bin/Xvnc",
-                   {"-displayfd", "1", "-rfbunixpath", socket(), "-rfbport", "-1", "-geometry", "1000x700",
-                    "-depth", "24", "-SecurityTypes", "None", "-nolisten", "tcp"},
-                   {},
-                   StandardStream::null,
-                   StandardStream::pipe}),
-          // The server chooses a free display and says so when it is ready.
-          display_(":" + Lines(server_.process().takeStandardOutput()).next()) {}
+    XvncServer() {
+        if (display_ == ":") throw std::runtime_error("the X server has ended");
+    }
 
     std::string socket() const { return (folder_ / "x.sock").string(); }
     /// What `bench/rfb/scene` draws; on the screen until the object goes.
@@ -73,8 +32,12 @@ class XvncServer {
 
   private:
     TemporaryDirectory folder_;
-    Child server_;
-    std::string display_;
+    Child server_{{.executable = "/usr/bin/Xvnc",
+                   .arguments = {"-displayfd", "1", "-rfbunixpath", socket(), "-rfbport", "-1", "-geometry",
+                                 "1000x700", "-depth", "24", "-SecurityTypes", "None", "-nolisten", "tcp"},
+                   .standardOutput = StandardStream::pipe}};
+    /// The server chooses a free one and says so when it is ready.
+    std::string display_ = ":" + readLine(server_.process().takeStandardOutput());
 };
 
 /// QEMU with a board whose display controller shows a piece of memory as it is. No guest runs: the test
@@ -83,10 +46,7 @@ class QEMUScreen {
   public:
     static constexpr int width = 1024, height = 768;
 
-    QEMUScreen()
-        : qemu_(command(socket())),
-          input_(qemu_.process().takeStandardInput()),
-          answers_(qemu_.process().takeStandardOutput()) {
+    QEMUScreen() {
         // Timing for 1024 columns and 768 rows, the place in memory, power and 32 bits a pixel, blue first.
         for (const auto& [address, value] : {std::pair{0x10120000u, 0xFCu},
                                              {0x10120004u, unsigned(height - 1)},
@@ -118,28 +78,24 @@ class QEMUScreen {
     static constexpr unsigned memory = 0x200000;
 
     static ProcessCommand command(const std::string& socket) {
-        const auto resources = realQEMU();
-        ProcessCommand command{
-            resources.executable,
-            {"-M", "versatilepb,audiodev=none", "-audiodev", "none,id=none", "-accel", "qtest", "-qtest",
-             "stdio", "-qtest-log", "none", "-nic", "none", "-display", "none", "-vnc", "unix:" + socket}};
-        command.environment = currentEnvironment();
-        for (const auto& [name, value] : resources.environment) (*command.environment)[name] = value;
+        auto command = emulator({"-M", "versatilepb,audiodev=none", "-audiodev", "none,id=none", "-accel",
+                                 "qtest", "-qtest", "stdio", "-qtest-log", "none", "-nic", "none", "-display",
+                                 "none", "-vnc", "unix:" + socket});
         command.standardInput = command.standardOutput = StandardStream::pipe;
-        command.standardError = StandardStream::inherit;
         return command;
     }
     void tell(const std::string& order) {
         const auto line = order + "\n";
         if (::write(input_.get(), line.data(), line.size()) != ssize_t(line.size()))
             throw POSIXError("QEMU doesn't listen", errno);
-        if (const auto answer = answers_.next(); answer != "OK") throw std::runtime_error(answer);
+        if (const auto answer = readLine(answers_); answer != "OK")
+            throw std::runtime_error("QEMU says: " + answer);
     }
 
     TemporaryDirectory folder_;
-    Child qemu_;
-    FileDescriptor input_;
-    Lines answers_;
+    Child qemu_{command(socket())};
+    FileDescriptor input_ = qemu_.process().takeStandardInput();
+    FileDescriptor answers_ = qemu_.process().takeStandardOutput();
     Bytes pixels_ = Bytes(std::size_t(width) * height * 4);
 };
 

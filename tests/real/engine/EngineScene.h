@@ -2,10 +2,6 @@
 // The QEMU engine on this host, with the packaged QEMU and a folder of the test's own.
 #pragma once
 
-#include <unistd.h>
-
-#include "base/Text.h"
-#include "core/DorvaneError.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/LinuxQEMUHostAdapter.h"
 #include "qemu/QEMUEngine.h"
@@ -55,29 +51,11 @@ class EngineScene {
         imageTool({"create", "-q", "-f", "qcow2", made.bundle.qcow2Disk().string(), "64M"});
         return made;
     }
-    /// The same with the demo guest on its disk.
-    EngineMachine demoMachine(const std::string& name) {
-        auto made = machine(name);
-        imageTool({"create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", demoDisk().string(),
-                   made.bundle.qcow2Disk().string()});
-        return made;
-    }
-    /// Made by the first call on this host.
-    static Path demoDisk() {
-        const auto output = runBlocking({Path(DORVANE_SOURCE_DIR) / "scripts" / "demo-guest"});
-        const auto text = trimmed(asText(output.standardOutput));
-        return Path(text.substr(text.rfind('\n') + 1));
-    }
-
     template <typename T>
     T run(Task<T> task) {
         return real.run(std::move(task));
     }
     void launch(const EngineMachine& vm) { run(engine->launch(vm.id, vm.bundle, vm.attachments)); }
-    /// The error of a launch that must fail.
-    DorvaneError failedLaunch(const EngineMachine& vm) {
-        return errorOf([&] { launch(vm); });
-    }
     bool waitFor(double limit, std::function<bool()> condition) {
         return run(pollUntil(real.runtime().clock, seconds(limit), milliseconds(50), std::move(condition)));
     }
@@ -113,12 +91,6 @@ class EngineScene {
     GuestToolsRegistry guestTools;
     GuestFileServerRegistry fileServers;
     std::optional<QEMUEngine> engine;
-
-  private:
-    void imageTool(std::vector<std::string> arguments) const {
-        const auto output = runBlocking({resources.imageTool, std::move(arguments)});
-        if (!output.status.isSuccess()) throw std::runtime_error(std::string(asText(output.standardError)));
-    }
 };
 
 }  // namespace dorvane::test

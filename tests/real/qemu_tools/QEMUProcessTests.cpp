@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// The control connection, the capabilities and the adapted command line against the real QEMU.
+// The control connection, the capabilities, the adapted command line and the converter against the real QEMU.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <mutex>
 
-#include "platform/linux/LinuxProcesses.h"
+#include "base/RandomBytes.h"
 #include "platform/linux/LinuxQEMUHostAdapter.h"
+#include "qemu/QEMUCapabilitiesCache.h"
 #include "qemu/QEMUCommandBuilder.h"
-#include "qemu/QEMUImageTool.h"
+#include "qemu/QEMUDiskImageTool.h"
+#include "qemu/QEMUImageChainTool.h"
+#include "qemu/QEMUImageConverter.h"
 #include "qemu/QMPConnection.h"
-#include "qemu/UnixSocketPeer.h"
 #include "qemu_tools/RealQEMU.h"
+#include "support/ErrorOf.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
 
@@ -21,21 +24,10 @@ namespace {
 using Error = QMPConnection::ConnectionError;
 using testing::HasSubstr;
 
-/// Events arrive on the connection's queue.
-class EventLog {
-  public:
-    void add(const QMPMessage& message) {
-        const std::lock_guard lock(mutex_);
-        names_.push_back(message.event()->name);
-    }
-    bool has(const std::string& name) const {
-        const std::lock_guard lock(mutex_);
-        return std::find(names_.begin(), names_.end(), name) != names_.end();
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> names_;
+/// The names of those that have come on the connection's queue.
+struct Events {
+    std::mutex mutex;
+    std::set<std::string> names;
 };
 
 class RealQEMU : public testing::Test {
@@ -46,22 +38,23 @@ class RealQEMU : public testing::Test {
     test::LogCapture log;
     std::string socket = (directory / "q.sock").string();
     std::shared_ptr<QMPConnection> connection = std::make_shared<QMPConnection>(time.runtime());
-    std::shared_ptr<EventLog> events = std::make_shared<EventLog>();
+    std::shared_ptr<Events> events = std::make_shared<Events>();
 
     void connect() {
-        connection->observeEvents([log = events](const QMPMessage& message) { log->add(message); });
+        connection->observeEvents([seen = events](const QMPMessage& message) {
+            const std::lock_guard lock(seen->mutex);
+            seen->names.insert(message.event()->name);
+        });
         time.run(connection->connect(socket, seconds(20)));
     }
     QMPObject execute(std::string command, JSON arguments = nullptr, int passing = -1) {
         return time.run(connection->execute(std::move(command), std::move(arguments), seconds(10), passing));
     }
     bool sees(const std::string& event) {
-        return time.run(pollUntil(time.runtime().clock, seconds(10), milliseconds(10),
-                                  [&] { return events->has(event); }));
-    }
-    std::vector<std::string> bareMachine() {
-        return {"-machine", "none", "-nodefaults", "-display",
-                "none",     "-S",   "-qmp",        "unix:" + socket + ",server=on,wait=off"};
+        return time.run(pollUntil(time.runtime().clock, seconds(10), milliseconds(10), [&] {
+            const std::lock_guard lock(events->mutex);
+            return events->names.contains(event);
+        }));
     }
     QEMUCapabilities capabilities() {
         QEMUCapabilitiesCache cache(time.runtime());
@@ -70,7 +63,8 @@ class RealQEMU : public testing::Test {
 };
 
 TEST_F(RealQEMU, SpeaksTheProtocol) {
-    test::RealQEMUChild child(resources, bareMachine());
+    test::RealQEMUChild child({"-machine", "none", "-nodefaults", "-display", "none", "-S", "-qmp",
+                               "unix:" + socket + ",server=on,wait=off"});
     connect();
     const auto status = execute("query-status");
     ASSERT_NE(findMember(status, "running"), nullptr);
@@ -92,6 +86,14 @@ TEST_F(RealQEMU, SpeaksTheProtocol) {
     EXPECT_EQ(execute("closefd", {{"fdname", "passed"}}), QMPObject{});
     EXPECT_THROW(execute("getfd", {{"fdname", "nothing"}}), Error);
 
+    // Many in flight, each gets its answer.
+    std::vector<OneShot<QMPObject>> outcomes(200);
+    for (const auto& outcome : outcomes)
+        spawn(time.runtime().main.executor(),
+              deliver(connection->execute("query-status", nullptr, seconds(20)), outcome), "query")
+            .detach();
+    for (const auto& outcome : outcomes) EXPECT_TRUE(time.run(outcome.wait()).contains("status"));
+
     execute("cont");
     EXPECT_TRUE(sees("RESUME"));
     execute("stop");
@@ -101,40 +103,6 @@ TEST_F(RealQEMU, SpeaksTheProtocol) {
     EXPECT_TRUE(sees(QMPMessage::disconnectedEventName));
     EXPECT_TRUE(time.run(child.process().wait()).isSuccess());
     EXPECT_THROW(execute("query-status"), Error);
-}
-
-TEST_F(RealQEMU, ManyCommandsInFlightEachGetTheirAnswer) {
-    const test::RealQEMUChild child(resources, bareMachine());
-    connect();
-    std::vector<OneShot<QMPObject>> outcomes(200);
-    for (const auto& outcome : outcomes)
-        spawn(time.runtime().main.executor(),
-              deliver(connection->execute("query-status", nullptr, seconds(20)), outcome), "query")
-            .detach();
-    for (const auto& outcome : outcomes) EXPECT_TRUE(time.run(outcome.wait()).contains("status"));
-}
-
-TEST_F(RealQEMU, AChildThatRefusesItsOptionsEndsTheWaitAtOnce) {
-    test::RealQEMUChild child(resources, {"-machine", "no-such-machine"});
-    const auto isAlive = [&child] { return child.process().isRunning(); };
-    try {
-        time.run(connection->connect(socket, seconds(60), isAlive));
-        FAIL() << "connected";
-    } catch (const Error& error) {
-        EXPECT_EQ(error.which(), Error::Case::peerExited);
-    }
-}
-
-TEST_F(RealQEMU, ALeftoverIsFoundByItsSocketAndStopped) {
-    test::RealQEMUChild child(resources, bareMachine());
-    connect();
-    const LinuxProcesses processes;
-    const UnixSocketPeer peer(processes, time.runtime().clock);
-    EXPECT_EQ(peer.probe(socket), UnixSocketPeer::Probe::listening(child.process().pid()));
-    EXPECT_FALSE(time.run(peer.terminate(child.process().pid(), "swtpm", seconds(1))));
-    EXPECT_TRUE(child.process().isRunning());
-    EXPECT_TRUE(time.run(peer.terminate(child.process().pid(), "qemu-system-aarch64", seconds(5))));
-    EXPECT_EQ(peer.probe(socket), UnixSocketPeer::Probe::absent());
 }
 
 TEST_F(RealQEMU, TellsItsCapabilities) {
@@ -153,12 +121,9 @@ TEST_F(RealQEMU, AcceptsTheAdaptedVector) {
     const VMBundle bundle(directory / "Win, 11");
     std::filesystem::create_directories(bundle.directoryURL);
     std::filesystem::create_directories(directory / "sh");
-    QEMUImageTool::run(resources.imageTool,
-                       {"create", "-q", "-f", "qcow2", bundle.qcow2Disk().string(), "64M"}, "disk");
-    QEMUImageTool::run(
-        resources.imageTool,
-        {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(), bundle.nvram().string()},
-        "nvram");
+    test::imageTool({"create", "-q", "-f", "qcow2", bundle.qcow2Disk().string(), "64M"});
+    test::imageTool(
+        {"convert", "-f", "raw", "-O", "qcow2", resources.nvramTemplate.string(), bundle.nvram().string()});
     for (const char* name : {"image.iso", "stick.img"}) writeFileAtomically(directory / name, Bytes(1 << 20));
     DorvaneVMConfig config;
     config.cpuCount = 2;
@@ -186,7 +151,7 @@ TEST_F(RealQEMU, AcceptsTheAdaptedVector) {
         auto vector =
             adapter.adapt(QEMUCommandBuilder::buildArguments(config, bundle, attachments, paths), known);
         vector.emplace_back("-S");
-        test::RealQEMUChild child(resources, vector);
+        test::RealQEMUChild child(vector);
         connection = std::make_shared<QMPConnection>(time.runtime());
         connect();
         EXPECT_EQ(findMember(execute("query-status"), "status")->string()->substr(0, 9), "prelaunch");
@@ -196,6 +161,36 @@ TEST_F(RealQEMU, AcceptsTheAdaptedVector) {
         EXPECT_TRUE(time.run(child.process().wait()).isSuccess());
         std::filesystem::remove(socket);
     }
+}
+
+TEST_F(RealQEMU, ConvertsWithProgressOrTellsWhyNotAndResizes) {
+    constexpr std::uint64_t mebibyte = 1 << 20;
+    const auto raw = directory / "in.raw", disk = directory / "out.qcow2", flat = directory / "flat.raw";
+    std::vector<double> progress;
+    const auto convert = [&] {
+        time.run(QEMUImageConverter::convertToQcow2(time.runtime(), resources.imageTool, raw, "raw", disk,
+                                                    [&](double value) { progress.push_back(value); }));
+    };
+    const auto error = test::errorOf(convert);
+    EXPECT_EQ(error.which(), DorvaneError::Case::vmImportFailed);
+    EXPECT_THAT(error.text(), HasSubstr("No such file or directory"));
+
+    writeFileAtomically(raw, randomBytes(4 * mebibyte));
+    truncateFile(raw, 64 * mebibyte);
+    progress.clear();
+    convert();
+    const QEMUImageChainTool tool(resources.imageTool);
+    EXPECT_EQ(tool.virtualSize(disk), 64 * mebibyte);
+    test::imageTool({"convert", "-O", "raw", disk.string(), flat.string()});
+    EXPECT_TRUE(readFile(flat, 64 * mebibyte) == readFile(raw, 64 * mebibyte));
+    ASSERT_FALSE(progress.empty());
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    EXPECT_EQ(progress.back(), 1.0);
+
+    tool.resize(disk, 80 * mebibyte);
+    EXPECT_EQ(tool.virtualSize(disk), 80 * mebibyte);
+    QEMUDiskImageTool(resources.imageTool).resizeImage(disk, 96 * mebibyte);
+    EXPECT_EQ(tool.virtualSize(disk), 96 * mebibyte);
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The packaged QEMU, and a runtime in real time.
+// The packaged QEMU with its disk tool, the demo guest's disk, and a runtime in real time.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include "qemu/QEMUCapabilitiesCache.h"
+#include "Child.h"
+#include "base/Text.h"
 #include "qemu/QEMURuntimeResources.h"
 #include "runtime/ProcessRuntime.h"
 #include "runtime/TaskHandle.h"
@@ -22,6 +21,38 @@ inline QEMURuntimeResources realQEMU() {
         {QEMURuntimeResources::packaged(root / "dorvane" / "qemu-runtime")}, environment);
     if (!found) throw std::runtime_error("There is no QEMU here. Run scripts/qemu-runtime first.");
     return *found;
+}
+
+/// What qemu-img prints. Throws its words when it fails.
+inline std::string imageTool(std::vector<std::string> arguments, int alsoAccepted = 0) {
+    static const auto tool = realQEMU().imageTool;
+    const auto output = runBlocking({tool, std::move(arguments)});
+    const auto& status = output.status;
+    if (status.wasSignaled() || (status.code != 0 && status.code != alsoAccepted))
+        throw std::runtime_error(std::string(asText(output.standardError)));
+    return std::string(asText(output.standardOutput));
+}
+
+inline ProcessCommand emulator(std::vector<std::string> arguments) {
+    const auto resources = realQEMU();
+    ProcessCommand command{resources.executable, std::move(arguments)};
+    command.environment = currentEnvironment();
+    for (const auto& [name, value] : resources.environment) (*command.environment)[name] = value;
+    command.standardError = StandardStream::inherit;
+    return command;
+}
+
+struct RealQEMUChild : Child {
+    explicit RealQEMUChild(std::vector<std::string> arguments)
+        : Child(emulator(std::move(arguments)), SIGKILL) {}
+};
+
+/// Made by the first call on this host; others stand on it or copy it.
+inline Path demoDisk() {
+    const auto output = runBlocking({Path(DORVANE_SOURCE_DIR) / "scripts" / "demo-guest"});
+    if (!output.status.isSuccess()) throw std::runtime_error(std::string(asText(output.standardError)));
+    const auto text = trimmed(asText(output.standardOutput));
+    return Path(text.substr(text.rfind('\n') + 1));
 }
 
 class RealTime {
@@ -48,29 +79,6 @@ class RealTime {
 
     ProcessRuntime process_;
     bool isRunning_ = false;
-};
-
-/// A QEMU child; ended by its own number with the object.
-class RealQEMUChild {
-  public:
-    RealQEMUChild(const QEMURuntimeResources& resources, std::vector<std::string> arguments) {
-        ProcessCommand command{resources.executable, std::move(arguments)};
-        command.environment = currentEnvironment();
-        for (const auto& [name, value] : resources.environment) (*command.environment)[name] = value;
-        command.standardError = StandardStream::inherit;
-        child_ = ChildProcess::start(command);
-    }
-    RealQEMUChild(const RealQEMUChild&) = delete;
-    RealQEMUChild& operator=(const RealQEMUChild&) = delete;
-    ~RealQEMUChild() {
-        child_->kill();
-        child_->waitBlocking();
-    }
-
-    ChildProcess& process() { return *child_; }
-
-  private:
-    std::shared_ptr<ChildProcess> child_;
 };
 
 }  // namespace dorvane::test

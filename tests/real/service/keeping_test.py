@@ -3,6 +3,7 @@
 """What a user keeps - snapshots, suspended guests, backups, sandboxes - through everything that goes wrong.
 
 Usage: keeping_test.py PROGRAM DEMO_IMAGE. The program itself, a real QEMU, the demo guest."""
+import json
 import pathlib
 import re
 import signal
@@ -190,15 +191,32 @@ class KeepingTest(unittest.TestCase):
         unknown = self.home.run("open", "dorvane://start?vm=nobody", check=False)
         self.assertIn("There is no VM named “nobody”.", unknown.stderr)
 
-    def test_7_an_agent_works_in_a_sandbox_of_its_own(self):
+    def node(self, script, *words):
+        result = subprocess.run(["node", str(script), *words], capture_output=True, text=True, timeout=400, check=False)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr + self.home.log_tail())
+        return result.stdout
+
+    def test_7_the_public_client_understands_the_server_and_an_agent_works_in_a_sandbox_of_its_own(self):
         if not (client_folder / "node_modules/@modelcontextprotocol").exists():
             subprocess.run(["npm", "ci", "--prefix", str(client_folder)], check=True, stdout=subprocess.DEVNULL)
-        self.run_words("settings", "set", "mcpDestructiveToolsEnabled", "true")
         url = self.run_words("mcp", "url").strip()
-        session = subprocess.run(["node", str(here / "agent_session.mjs"), str(client_folder), url, guest],
-                                 capture_output=True, text=True, timeout=400, check=False)
-        print("\n" + session.stdout)
-        self.assertEqual(session.returncode, 0, session.stdout + session.stderr + self.home.log_tail())
+        seen = json.loads(self.node(client_folder / "client.mjs", url))
+        self.assertEqual(seen["server"]["name"], "Dorvane")
+        self.assertTrue(seen["instructions"].startswith("Drive the virtual machines on this Mac."))
+        self.assertEqual(seen["capabilities"], {"tools": {}})
+        self.assertEqual(seen["ping"], {})
+        tools = [tool["name"] for tool in seen["tools"]]
+        self.assertGreaterEqual(len(tools), 12)
+        self.assertEqual((tools[0], tools[11]), ("list_vms", "screenshot"))
+        self.assertEqual(seen["together"], [len(tools)] * 12)
+        self.assertIs(seen["machines"]["isError"], False)
+        self.assertIn(guest, [vm["name"] for vm in json.loads(seen["machines"]["content"][0]["text"])])
+        self.assertIs(seen["unknownMachine"]["isError"], True)
+        self.assertTrue(seen["unknownMachine"]["content"][0]["text"].startswith(
+            "No VM named 'no such machine'. Known VMs: "))
+        self.assertNotEqual(seen["staleToken"], "none")
+        self.run_words("settings", "set", "mcpDestructiveToolsEnabled", "true")
+        print("\n" + self.node(here / "agent_session.mjs", str(client_folder), url, guest))
 
     def test_8_snapshots_go_without_taking_anything_along(self):
         for name in self.snapshots():

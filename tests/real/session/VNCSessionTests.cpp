@@ -3,20 +3,16 @@
 #include "display/session/VNCSession.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <png.h>
 #include <sys/socket.h>
 
-#include <iostream>
-
-#include "display/rfb/RFBConnection.h"
+#include "core/application/DisplayTransportFactory.h"
 #include "display/session/HostFramebufferCapture.h"
 #include "display/session/PNGEncoder.h"
 #include "display/session/VNCKeyMap.h"
-#include "runtime/Files.h"
-#include "runtime/ProcessRuntime.h"
 #include "runtime/Sockets.h"
 #include "session/DemoGuest.h"
+#include "support/FakeDefaultsStore.h"
 
 namespace dorvane::test {
 namespace {
@@ -25,17 +21,6 @@ constexpr auto bootLimit = seconds(180);
 constexpr auto answerLimit = seconds(20);
 constexpr auto pollInterval = milliseconds(20);
 constexpr auto captureLimit = seconds(5);
-
-class RFBTransports : public GuestDisplayTransportMaking {
-  public:
-    explicit RFBTransports(const Runtime& runtime) : runtime_(runtime) {}
-    std::shared_ptr<GuestDisplayTransport> makeTransport(const GuestDisplayChannel& channel) override {
-        return std::make_shared<RFBConnection>(runtime_, std::get<VNCChannel>(channel).socketPath, false);
-    }
-
-  private:
-    const Runtime& runtime_;
-};
 
 /// The host's virtual key codes of the characters that the tests type.
 const std::map<char, std::uint16_t> keyCodes = {{'a', 0},  {'s', 1},  {'h', 4},  {'e', 14}, {'y', 16},
@@ -48,17 +33,7 @@ class RealVNCSession : public testing::Test {
 
     /// Runs the main thread's work until the condition holds; false after the limit.
     bool waitFor(Duration limit, std::function<bool()> condition) {
-        bool held = false;
-        auto waiting = spawn(
-            process_.runtime().main.executor(),
-            [](ProcessRuntime& process, Duration time, std::function<bool()> test,
-               bool& result) -> Task<void> {
-                result = co_await pollUntil(process.runtime().clock, time, pollInterval, test);
-                process.stop();
-            }(process_, limit, std::move(condition), held),
-            "waitFor");
-        process_.run();
-        return held;
+        return time_.run(pollUntil(time_.runtime().clock, limit, pollInterval, std::move(condition)));
     }
     void type(std::string_view text) {
         for (const char c : text) {
@@ -82,10 +57,11 @@ class RealVNCSession : public testing::Test {
     }
 
     static std::unique_ptr<DemoGuest> guest_;
-    ProcessRuntime process_;
-    RFBTransports transports_{process_.runtime()};
+    RealTime time_;
+    FakeDefaultsStore defaults_;
+    DisplayTransportFactory transports_{time_.runtime(), defaults_};
     std::shared_ptr<VNCSession> session_ =
-        std::make_shared<VNCSession>(process_.runtime(), transports_, nullptr, nullptr);
+        std::make_shared<VNCSession>(time_.runtime(), transports_, nullptr, nullptr);
 };
 
 std::unique_ptr<DemoGuest> RealVNCSession::guest_;
@@ -102,10 +78,7 @@ TEST_F(RealVNCSession, whatIsTypedArrivesAndIsDrawn) {
         waitFor(seconds(2), [] { return false; });
         writeFileAtomically(file, encodePNG(*session_->frame()));
     }
-}
-
-TEST_F(RealVNCSession, heldShiftCountsUntilTheKeysAreReleased) {
-    openDisplay();
+    // A held key counts until the keys are released.
     constexpr GuestKey shift{0xFFE1, 56};
     type("say ");
     session_->sendKey(shift, true);
@@ -117,27 +90,16 @@ TEST_F(RealVNCSession, heldShiftCountsUntilTheKeysAreReleased) {
 
 TEST_F(RealVNCSession, pictureOfAnIdleGuestComesAtOnceBesideAnOpenDisplay) {
     openDisplay();
-    HostFramebufferCapture capture(process_.runtime(), transports_);
+    HostFramebufferCapture capture(time_.runtime(), transports_);
     for (int round = 0; round < 3; ++round) {
-        OneShot<Bytes> outcome;
-        const auto begin = std::chrono::steady_clock::now();
-        auto task = spawn(process_.runtime().main.executor(),
-                          deliver(capture.capturePNG(GuestDisplayChannel(VNCChannel{guest_->displaySocket()}),
-                                                     captureLimit),
-                                  outcome),
-                          "capture");
-        ASSERT_TRUE(waitFor(captureLimit, [&] { return outcome.isDecided(); }));
-        const auto elapsed = std::chrono::steady_clock::now() - begin;
-        const auto png = outcome.take();
+        const auto png = time_.run(
+            capture.capturePNG(GuestDisplayChannel(VNCChannel{guest_->displaySocket()}), captureLimit));
         png_image image{};
         image.version = PNG_IMAGE_VERSION;
         ASSERT_NE(png_image_begin_read_from_memory(&image, png.data(), png.size()), 0);
         EXPECT_EQ(static_cast<int>(image.width), session_->guestSize().width);
         EXPECT_EQ(static_cast<int>(image.height), session_->guestSize().height);
         png_image_free(&image);
-        std::cout << "picture of " << image.width << "x" << image.height << ", " << png.size()
-                  << " bytes, after "
-                  << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() << " ms\n";
     }
     EXPECT_TRUE(session_->isConnected());
 }
@@ -163,7 +125,8 @@ void throwOutEverybody(const std::string& socketPath) {
     read(1);
 }
 
-TEST_F(RealVNCSession, lostConnectionComesBackByItself) {
+// Last, since it ends the guest.
+TEST_F(RealVNCSession, lostConnectionComesBackByItselfAndTheEndOfTheGuestIsTold) {
     openDisplay();
     throwOutEverybody(guest_->displaySocket());
     ASSERT_TRUE(waitFor(answerLimit, [this] { return !session_->isConnected(); }));
@@ -173,11 +136,7 @@ TEST_F(RealVNCSession, lostConnectionComesBackByItself) {
     type("say hello yes\n");
     EXPECT_TRUE(waitFor(answerLimit, [] { return guest_->hasSaid("SAID: hello yes"); }))
         << guest_->serialLog();
-}
 
-// Last, since it ends the guest.
-TEST_F(RealVNCSession, endOfTheGuestIsToldAndTheRetryCanBeCalledOff) {
-    openDisplay();
     guest_->kill();
     ASSERT_TRUE(waitFor(answerLimit, [this] { return !session_->isConnected(); }));
     expectClosedByTheGuest();

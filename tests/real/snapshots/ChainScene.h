@@ -23,11 +23,8 @@ class ChainDisks {
     static constexpr std::size_t clusterSize = 64 << 10;
     static constexpr std::size_t clusters = 24;
 
-    ChainDisks(Path directory, QEMURuntimeResources resources)
-        : bundle(std::move(directory)),
-          tool(resources.imageTool),
-          store(std::make_shared<QEMUImageChainTool>(resources.imageTool)),
-          resources_(std::move(resources)) {}
+    explicit ChainDisks(Path directory, const Path& with = realQEMU().imageTool)
+        : bundle(std::move(directory)), tool(with), store(std::make_shared<QEMUImageChainTool>(with)) {}
 
     const VMBundle bundle;
     const QEMUImageChainTool tool;
@@ -39,18 +36,15 @@ class ChainDisks {
     Path live() const { return bundle.qcow2Disk(); }
     Path disk(const UUID& snapshot) const { return Node::snapshot(snapshot).diskURL(bundle); }
 
-    void create() const {
-        std::filesystem::create_directory(bundle.directoryURL);
-        writeFileAtomically(bundle.configFile(), std::string_view("{}"));
-        img({"create", "-q", "-f", "qcow2", live().string(), std::to_string(clusters * clusterSize)});
-    }
     void capture(char letter) const {
         guestWrites(letter);
         store.capture(bundle, id(letter));
         writeFileAtomically(Node::directory(bundle, id(letter)) / "meta.json", std::string_view("{}"));
     }
     void buildLine() const {
-        create();
+        std::filesystem::create_directory(bundle.directoryURL);
+        writeFileAtomically(bundle.configFile(), std::string_view("{}"));
+        imageTool({"create", "-q", "-f", "qcow2", live().string(), std::to_string(clusters * clusterSize)});
         for (const char letter : {'A', 'B', 'C'}) capture(letter);
         guestWrites('1');
     }
@@ -72,11 +66,9 @@ class ChainDisks {
                                     cluster * clusterSize, clusterSize);
         commands += fmt::format("qemu-io guest \"write -z {} {}\"\nquit\n", (number - 1) * clusterSize + 4096,
                                 clusterSize / 2);
-        ProcessCommand command{resources_.executable,
-                               {"-machine", "none", "-nodefaults", "-display", "none", "-monitor", "stdio",
-                                "-drive", "if=none,id=guest,format=qcow2,file=" + live().string()}};
-        command.environment = currentEnvironment();
-        for (const auto& [name, value] : resources_.environment) (*command.environment)[name] = value;
+        const auto command =
+            emulator({"-machine", "none", "-nodefaults", "-display", "none", "-monitor", "stdio", "-drive",
+                      "if=none,id=guest,format=qcow2,file=" + live().string()});
         const auto before = SHA256::hex(readFile(live()));
         const auto output = runBlocking(command, asBytes(commands));
         if (!output.status.isSuccess() || SHA256::hex(readFile(live())) == before)
@@ -119,20 +111,13 @@ class ChainDisks {
         return SHA256::hex(compactJSON(JSON(files)));
     }
 
-    std::string img(std::vector<std::string> arguments, const std::set<int>& accepted = {0}) const {
-        const auto output = runBlocking({resources_.imageTool, std::move(arguments)});
-        if (output.status.kind != ExitStatus::Kind::exited || !accepted.contains(output.status.code))
-            throw std::runtime_error(std::string(asText(output.standardError)));
-        return std::string(asText(output.standardOutput));
-    }
-
-  private:
-    Bytes rawContent(const Path& image) const {
+    static Bytes rawContent(const Path& image) {
         const TemporaryDirectory scratch;
-        img({"convert", "-O", "raw", image.string(), (scratch / "raw").string()});
+        imageTool({"convert", "-O", "raw", image.string(), (scratch / "raw").string()});
         return readFile(scratch / "raw");
     }
 
+  private:
     /// The same files read the same: what was seen once isn't converted again.
     std::string content(const Path& image) const {
         auto& known = contentByLayers_[layersDigest(image)];
@@ -141,7 +126,7 @@ class ChainDisks {
     }
     void check(const Path& image) const {
         if (!checked_.insert(layersDigest(image)).second) return;
-        img({"check", "-q", "-f", "qcow2", image.string()}, {0, 3});
+        imageTool({"check", "-q", "-f", "qcow2", image.string()}, 3);
     }
     /// Of the image's file and all that it stands on. The backing path lies where bytes 8 to 19 of the header
     /// say (the qcow2 specification in QEMU's docs/interop/qcow2.txt).
@@ -159,7 +144,6 @@ class ChainDisks {
         return SHA256::hex(asBytes(digest + layersDigest(image.parent_path() / backing)));
     }
 
-    QEMURuntimeResources resources_;
     static inline std::map<std::string, std::string> contentByLayers_;
     static inline std::set<std::string> checked_;
 };

@@ -3,23 +3,22 @@
 // disk tool, any copy, any save.
 #pragma once
 
-#include "core/ModelContext.h"
-#include "platform/FileManager.h"
+#include "core/SQLiteModelContext.h"
 #include "qemu/QCOW2ChainToolProtocol.h"
 
 namespace dorvane::test {
 
-enum class FaultKind { error, fullDisk, kill };
+enum class FaultKind { error, kill };
 
 /// Process-wide. Counts steps from the arming on; the armed one fails.
 struct Faults {
     static void arm(int step, FaultKind kind);
     /// Ends the counting; whether the step was reached.
     static bool disarm();
-    /// Called before each step. Throws, or doesn't return, at the armed one.
+    /// Called before each step: whether it is the armed one and has to fail. Doesn't return where that kills.
+    static bool isDue();
+    /// The same for what throws.
     static void pass();
-    /// The same for calls of the C library: false, with errno set, at the armed one.
-    static bool passSystemCall();
 };
 
 class FaultyChainTool : public QCOW2ChainToolProtocol {
@@ -27,62 +26,41 @@ class FaultyChainTool : public QCOW2ChainToolProtocol {
     explicit FaultyChainTool(std::shared_ptr<const QCOW2ChainToolProtocol> real) : real_(std::move(real)) {}
 
     std::optional<std::string> backingPath(const Path& image) const override {
-        Faults::pass();
-        return real_->backingPath(image);
+        return next().backingPath(image);
     }
     void createOverlay(const Path& overlay, const std::string& backingPath) const override {
-        Faults::pass();
-        real_->createOverlay(overlay, backingPath);
+        next().createOverlay(overlay, backingPath);
     }
-    std::uint64_t virtualSize(const Path& image) const override {
-        Faults::pass();
-        return real_->virtualSize(image);
-    }
+    std::uint64_t virtualSize(const Path& image) const override { return next().virtualSize(image); }
     void createOverlayWithoutOpeningBacking(const Path& overlay, const std::string& backingPath,
                                             std::uint64_t size) const override {
-        Faults::pass();
-        real_->createOverlayWithoutOpeningBacking(overlay, backingPath, size);
+        next().createOverlayWithoutOpeningBacking(overlay, backingPath, size);
     }
     void retargetBackingUnsafe(const Path& image, const std::optional<std::string>& path) const override {
-        Faults::pass();
-        real_->retargetBackingUnsafe(image, path);
+        next().retargetBackingUnsafe(image, path);
     }
     void rebase(const Path& image, const std::optional<std::string>& backingPath) const override {
-        Faults::pass();
-        real_->rebase(image, backingPath);
+        next().rebase(image, backingPath);
     }
-    void commit(const Path& overlay) const override {
-        Faults::pass();
-        real_->commit(overlay);
-    }
+    void commit(const Path& overlay) const override { next().commit(overlay); }
     void resize(const Path& image, std::uint64_t sizeBytes) const override {
-        Faults::pass();
-        real_->resize(image, sizeBytes);
+        next().resize(image, sizeBytes);
     }
 
   private:
+    const QCOW2ChainToolProtocol& next() const {
+        Faults::pass();
+        return *real_;
+    }
     std::shared_ptr<const QCOW2ChainToolProtocol> real_;
 };
 
-class FaultyModelContext : public ModelContext {
-  public:
-    explicit FaultyModelContext(ModelContext& real) : real_(real) {}
-
-    std::vector<VMRecordPointer> fetchRecords() override { return real_.fetchRecords(); }
-    std::vector<VMSnapshotPointer> fetchSnapshots(const UUID& vmID) override {
-        return real_.fetchSnapshots(vmID);
-    }
-    void insert(VMRecordPointer record) override { real_.insert(std::move(record)); }
-    void insert(VMSnapshotPointer snapshot) override { real_.insert(std::move(snapshot)); }
-    void remove(const VMRecordPointer& record) override { real_.remove(record); }
-    void remove(const VMSnapshotPointer& snapshot) override { real_.remove(snapshot); }
+struct FaultyModelContext : SQLiteModelContext {
+    using SQLiteModelContext::SQLiteModelContext;
     void save() override {
         Faults::pass();
-        real_.save();
+        SQLiteModelContext::save();
     }
-
-  private:
-    ModelContext& real_;
 };
 
 }  // namespace dorvane::test

@@ -2,8 +2,6 @@
 // The snapshot service over the real engine, the real disk tool and a real store.
 #pragma once
 
-#include <fstream>
-
 #include "base/SHA256.h"
 #include "core/SQLiteModelContext.h"
 #include "engine/EngineScene.h"
@@ -64,24 +62,14 @@ class SnapshotScene : public EngineScene {
         return run(service.takeSnapshot(vm, name, memory, VMSnapshotKind::manual));
     }
 
-    std::string imageTool(std::vector<std::string> arguments) const {
-        const auto output = runBlocking({resources.imageTool, std::move(arguments)});
-        if (!output.status.isSuccess()) throw std::runtime_error(std::string(asText(output.standardError)));
-        return std::string(asText(output.standardOutput));
-    }
     /// The digest of what a guest reads from this disk: of its data in a file of one layer, since most of the
     /// disk is empty.
     std::string content(const Path& disk) const {
         const auto flat = folder / "flat.qcow2";
         imageTool({"convert", "-U", "-O", "qcow2", disk.string(), flat.string()});
-        SHA256 digest;
-        std::ifstream stream(flat, std::ios::binary);
-        std::string piece(1 << 20, '\0');
-        while (stream.read(piece.data(), static_cast<std::streamsize>(piece.size())) || stream.gcount() > 0)
-            digest.update(
-                asBytes(std::string_view(piece).substr(0, static_cast<std::size_t>(stream.gcount()))));
+        const auto digest = SHA256::hex(readFile(flat, std::size_t{4} << 30));
         std::filesystem::remove(flat);
-        return digest.finishHex();
+        return digest;
     }
     Path disk(const VMRecordPointer& vm, const VMSnapshotPointer& snapshot) const {
         return SnapshotFiles(vm->bundle(), snapshot->id).disk(VMOSType::windows);

@@ -59,6 +59,11 @@ class SyscallTracer {
         return result_;
     }
 
+#ifdef __x86_64__
+    static constexpr bool canFail = true;
+#else
+    static constexpr bool canFail = false;
+#endif
     static bool isPermitted() {
         try {
             return SyscallTracer().run([] { ::rmdir("/"); }, 0, Interruption::kill).calls == 1;
@@ -108,7 +113,7 @@ class SyscallTracer {
         __ptrace_syscall_info info{};
         if (::ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info) <= 0) return;
         if (info.op == PTRACE_SYSCALL_INFO_EXIT && failing_ == thread) {
-            setResult(thread, -EIO);
+            setRegister(thread, Register::result, -EIO);
             failing_ = 0;
         }
         if (info.op != PTRACE_SYSCALL_INFO_ENTRY || !changesFiles(info)) return;
@@ -117,55 +122,31 @@ class SyscallTracer {
         if (how_ == Interruption::kill) {
             for (const auto tracee : tracees_) ::kill(tracee, SIGKILL);
         } else {
-            skipCall(thread);
+            setRegister(thread, Register::call, -1);
             failing_ = thread;
         }
     }
     static bool changesFiles(const __ptrace_syscall_info& info) {
-        switch (info.entry.nr) {
+        static const std::set<std::uint64_t> changing{
 #ifdef SYS_rename
-            case SYS_rename:
-            case SYS_unlink:
-            case SYS_mkdir:
-            case SYS_rmdir:
+            SYS_rename,   SYS_unlink,    SYS_mkdir,     SYS_rmdir,
 #endif
-            case SYS_renameat:
-            case SYS_renameat2:
-            case SYS_unlinkat:
-            case SYS_mkdirat:
-            case SYS_pwrite64:
-            case SYS_pwritev:
-            case SYS_pwritev2:
-            case SYS_ftruncate:
-            case SYS_fallocate:
-                return true;
-            case SYS_openat:
-                return (info.entry.args[2] & (O_CREAT | O_TRUNC)) != 0;
-            default:
-                return false;
-        }
+            SYS_renameat, SYS_renameat2, SYS_unlinkat,  SYS_mkdirat,  SYS_pwrite64,
+            SYS_pwritev,  SYS_pwritev2,  SYS_ftruncate, SYS_fallocate};
+        const bool isOpening = info.entry.nr == SYS_openat && (info.entry.args[2] & (O_CREAT | O_TRUNC)) != 0;
+        return isOpening || changing.contains(info.entry.nr);
     }
+
+    enum class Register { call, result };
+    static void setRegister([[maybe_unused]] pid_t thread, [[maybe_unused]] Register which,
+                            [[maybe_unused]] long value) {
 #ifdef __x86_64__
-    static void skipCall(pid_t thread) {
-        ::ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, orig_rax), -1L);
-    }
-    static void setResult(pid_t thread, long value) {
-        ::ptrace(PTRACE_POKEUSER, thread, offsetof(user_regs_struct, rax), value);
-    }
-
-  public:
-    static constexpr bool canFail = true;
-
-  private:
-#else
-    static void skipCall(pid_t) {}
-    static void setResult(pid_t, long) {}
-
-  public:
-    static constexpr bool canFail = false;
-
-  private:
+        ::ptrace(
+            PTRACE_POKEUSER, thread,
+            which == Register::call ? offsetof(user_regs_struct, orig_rax) : offsetof(user_regs_struct, rax),
+            value);
 #endif
+    }
 
     int at_ = 0;
     Interruption how_ = Interruption::kill;

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,11 +26,7 @@ fs::path program;
 std::vector<std::string> script;
 std::vector<std::string> arguments;
 
-bool has(const std::string& word) {
-    for (const auto& known : script)
-        if (known == word) return true;
-    return false;
-}
+bool has(const std::string& word) { return std::find(script.begin(), script.end(), word) != script.end(); }
 
 std::string valueOf(const std::string& key) {
     for (const auto& word : script)
@@ -41,11 +37,6 @@ std::string valueOf(const std::string& key) {
 void log(const std::string& line) {
     std::ofstream(program.parent_path() / "log", std::ios::app)
         << program.filename().string() + " " + line + "\n";
-}
-
-void readScript() {
-    std::ifstream file(program.string() + ".script");
-    for (std::string word; std::getline(file, word);) script.push_back(word);
 }
 
 [[noreturn]] void sleepForever() {
@@ -63,21 +54,23 @@ int listenAt(const std::string& path) {
     return fd;
 }
 
-/// What stands between `prefix` and the next comma, in the first argument that holds the prefix.
+/// What stands between `prefix` and the next `end`.
+std::string textBehind(const std::string& text, const std::string& prefix, char end) {
+    const auto at = text.find(prefix);
+    if (at == std::string::npos) return {};
+    const auto start = at + prefix.size();
+    return text.substr(start, text.find(end, start) - start);
+}
+
+/// In the first argument that holds the prefix.
 std::string pathIn(const std::string& prefix) {
     for (const auto& argument : arguments)
-        if (const auto at = argument.find(prefix); at != std::string::npos) {
-            const auto start = at + prefix.size();
-            return argument.substr(start, argument.find(',', start) - start);
-        }
+        if (argument.find(prefix) != std::string::npos) return textBehind(argument, prefix, ',');
     return {};
 }
 
 std::string member(const std::string& line, const std::string& key) {
-    const auto at = line.find("\"" + key + "\":\"");
-    if (at == std::string::npos) return {};
-    const auto start = at + key.size() + 4;
-    return line.substr(start, line.find('"', start) - start);
+    return textBehind(line, "\"" + key + "\":\"", '"');
 }
 
 struct Monitor {
@@ -165,8 +158,8 @@ void serve(int fd) {
 }
 
 int playEmulator() {
-    if (has("stubborn")) std::signal(SIGTERM, SIG_IGN);
-    if (has("stubborn")) std::signal(SIGPIPE, SIG_IGN);
+    if (has("stubborn"))
+        for (const int number : {SIGTERM, SIGPIPE}) std::signal(number, SIG_IGN);
     if (const auto text = valueOf("stderr"); !text.empty()) std::cerr << text << std::endl;
     for (auto rest = std::atol(valueOf("flood").c_str()); rest > 0; rest -= 100)
         std::cerr << std::string(99, 'x') + '\n';
@@ -203,7 +196,8 @@ int playTool() {
 int main(int argc, char** argv) {
     program = argv[0];
     arguments.assign(argv + 1, argv + argc);
-    readScript();
+    std::string word;
+    for (std::ifstream file(program.string() + ".script"); std::getline(file, word);) script.push_back(word);
     std::string line = "pid=" + std::to_string(::getpid());
     for (const auto& argument : arguments) line += " " + argument;
     log(line);
