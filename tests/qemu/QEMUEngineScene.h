@@ -48,12 +48,7 @@ struct QEMUEngineScene {
                           const std::function<void(DorvaneVMConfig&)>& change = {}) const {
         EngineMachine made{.bundle = VMBundle(work / name)};
         std::filesystem::create_directory(made.bundle.directoryURL);
-        DorvaneVMConfig config;
-        config.cpuCount = 2;
-        config.memoryBytes = 1ULL << 30;
-        config.macAddress = "02:00:00:00:00:01";
-        config.display = {1280, 800, 96};
-        config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
+        auto config = windowsGuest({"virt", false, true});
         config.windowsSSH = WindowsSSHConfig{false, 0};
         if (change) change(config);
         config.write(made.bundle.configFile());

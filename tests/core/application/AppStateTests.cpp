@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/EngineMachine.h"
 #include "support/FakeDefaultsStore.h"
 #include "support/FakeFileManager.h"
 #include "support/FakeHostSystem.h"
@@ -27,13 +28,8 @@ class AppStateTest : public testing::Test {
     VMRecordPointer addVM(const std::string& name, VMOSType os = VMOSType::linux) {
         const VMBundle bundle(storage / name);
         std::filesystem::create_directories(bundle.directoryURL);
-        DorvaneVMConfig config;
+        auto config = windowsGuest({"virt", false, true});
         config.os = os;
-        config.cpuCount = 2;
-        config.memoryBytes = 1ULL << 30;
-        config.macAddress = "02:00:00:00:00:01";
-        config.display = {1280, 800, 96};
-        config.windowsPlatform = WindowsPlatformIdentity{"virt", false, true};
         config.windowsSSH = WindowsSSHConfig{false, 0};
         config.write(bundle.configFile());
         writeFileAtomically(bundle.systemDisk(os), "disk");

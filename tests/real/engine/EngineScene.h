@@ -41,13 +41,7 @@ class EngineScene {
     EngineMachine machine(const std::string& name) {
         EngineMachine made{.bundle = VMBundle(folder / name)};
         std::filesystem::create_directory(made.bundle.directoryURL);
-        DorvaneVMConfig config;
-        config.cpuCount = 2;
-        config.memoryBytes = 1ULL << 30;
-        config.macAddress = "02:00:00:00:00:01";
-        config.display = {1280, 800, 96};
-        config.windowsPlatform = WindowsPlatformIdentity{"virt-11.1", true, true};
-        config.write(made.bundle.configFile());
+        windowsGuest({"virt-11.1", true, true}).write(made.bundle.configFile());
         imageTool({"create", "-q", "-f", "qcow2", made.bundle.qcow2Disk().string(), "64M"});
         return made;
     }
@@ -61,13 +55,6 @@ class EngineScene {
     }
     bool waitForStatus(const EngineMachine& vm, std::optional<VMStatus> status) {
         return waitFor(20, [&] { return engine->status(vm.id) == status; });
-    }
-    bool waitForConsole(const EngineMachine& vm, const std::string& text) {
-        return waitFor(240, [&] { return console(vm).find(text) != std::string::npos; });
-    }
-    std::string console(const EngineMachine& vm) const {
-        return std::filesystem::exists(vm.bundle.consoleLog()) ? readTextFile(vm.bundle.consoleLog())
-                                                               : std::string();
     }
     /// This process's children whose name begins so.
     std::vector<int> children(const std::string& prefix) const {
