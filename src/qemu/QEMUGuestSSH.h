@@ -22,14 +22,14 @@ class QEMUGuestSSH {
     Task<std::optional<int>> prepare(UUID id, DorvaneVMConfig& config, VMBundle bundle,
                                      QEMURuntimeDirectory directory);
     void release(const UUID& id) { reservedPorts_.erase(id); }
-    const std::map<UUID, int>& reservedPorts() const { return reservedPorts_; }
 
   private:
-    std::optional<int> choosePort(DorvaneVMConfig& config, const VMBundle& bundle) const;
-    bool isFree(int port) const;
+    std::optional<int> reservePort(const UUID& id, DorvaneVMConfig& config, const VMBundle& bundle);
 
     const GuestKeyStore& keyStore_;
-    std::map<UUID, int> reservedPorts_;
+    /// What keeps each port from all other launches, those of other programs too, until its machine has
+    /// ended.
+    std::map<UUID, FileDescriptor> reservedPorts_;
     Logger logger_{"QEMUGuestSSH"};
 };
 

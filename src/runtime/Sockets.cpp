@@ -87,11 +87,17 @@ std::uint16_t boundPort(int fd) {
     return ntohs(address.sin_port);
 }
 
-bool isLoopbackPortFree(std::uint16_t port) {
-    const FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+FileDescriptor reserveLoopbackPort(std::uint16_t port) {
+    FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto address = loopbackAddress(port);
-    return fd && ::bind(fd.get(), generic(address), sizeof address) == 0;
+    if (!fd || ::bind(fd.get(), generic(address), sizeof address) != 0) return {};
+    // Only now: two reservations with address reuse would both succeed.
+    const int on = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    return fd;
 }
+
+bool isLoopbackPortFree(std::uint16_t port) { return bool(reserveLoopbackPort(port)); }
 
 void setNonBlocking(int fd, bool nonBlocking) {
     const int flags = ::fcntl(fd, F_GETFL);

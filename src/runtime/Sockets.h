@@ -27,6 +27,9 @@ FileDescriptor listenUnixSocket(const std::string& path, int backlog = 64);
 FileDescriptor listenLoopback(std::uint16_t port, int backlog = 64);
 /// The port that a loopback listener got.
 std::uint16_t boundPort(int fd);
+/// Keeps a port of 127.0.0.1 for a program that is going to listen on it: as long as the descriptor lives,
+/// nobody else finds the port free, but a listener with address reuse gets it. Nothing when it is taken.
+FileDescriptor reserveLoopbackPort(std::uint16_t port);
 /// Whether a TCP socket can be bound to 127.0.0.1 on this port right now.
 bool isLoopbackPortFree(std::uint16_t port);
 

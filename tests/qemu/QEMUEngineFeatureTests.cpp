@@ -74,6 +74,12 @@ TEST(QEMUEngine, ForwardsSSHToAFreePortAndWritesItDown) {
     const auto key = readTextFile(scene.directory(first) / "sh/dorvane-ssh.pub");
     EXPECT_TRUE(key.starts_with("ssh-ed25519 "));
     EXPECT_TRUE(fs::exists(scene.directory(first) / "sh/Configure-Dorvane-SSH.cmd"));
+
+    const auto port = static_cast<std::uint16_t>(portOf(first));
+    EXPECT_FALSE(isLoopbackPortFree(port)) << "other programs keep away from it too";
+    EXPECT_NO_THROW(listenLoopback(port)) << "as the emulator does";
+    scene.stop(first);
+    EXPECT_TRUE(isLoopbackPortFree(port));
 }
 
 TEST(QEMUEngine, StartsWithoutSSHWhenEveryPortIsTaken) {
