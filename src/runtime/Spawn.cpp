@@ -67,7 +67,8 @@ int spawnProgram(const ProcessCommand& command, const SpawnStreams& streams) {
     arguments.insert(arguments.end(), command.arguments.begin(), command.arguments.end());
     std::vector<std::string> environment;
     if (command.environment)
-        for (const auto& [key, value] : *command.environment) environment.push_back(key + "=" + value);
+        for (const auto& [key, value] : *command.environment)
+            environment.emplace_back(key).append("=").append(value);
     auto argumentPointers = pointers(arguments);
     auto environmentPointers = pointers(environment);
     const SpawnAttributes attributes;

@@ -20,8 +20,8 @@ void throwIfFailed(const boost::system::error_code& error) {
 
 }  // namespace
 
-StreamConnection::StreamConnection(const SerialQueue& queue, FileDescriptor fd, int family)
-    : queue_(queue), fd_(std::move(fd)), family_(family) {}
+StreamConnection::StreamConnection(SerialQueue queue, FileDescriptor fd, int family)
+    : queue_(std::move(queue)), fd_(std::move(fd)), family_(family) {}
 
 StreamConnection::Socket& StreamConnection::socket() {
     if (!socket_) {

@@ -16,7 +16,7 @@ namespace dorvane {
 class StreamConnection {
   public:
     /// `family` is AF_UNIX or AF_INET, as the descriptor was made.
-    StreamConnection(const SerialQueue& queue, FileDescriptor fd, int family);
+    StreamConnection(SerialQueue queue, FileDescriptor fd, int family);
 
     /// Appends at least one byte and at most `maximum` to `into`, and returns how many; 0 is the peer's end
     /// of stream. Throws POSIXError.

@@ -15,7 +15,8 @@ namespace dorvane {
 
 /// Why an archive can't be read or made, as a sentence.
 class ArchiveError : public std::runtime_error {
-    using std::runtime_error::runtime_error;
+  public:
+    explicit ArchiveError(const std::string& text) : std::runtime_error(text) {}
 };
 
 enum class ArchiveEntryKind { file, directory, link };

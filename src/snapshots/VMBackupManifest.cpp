@@ -114,7 +114,7 @@ VMBackupRecordSnapshot VMBackupRecordSnapshot::decoded(const JSON& value) {
 
 VMRecordPointer VMBackupRecordSnapshot::makeRestoredVM(std::string restoredName,
                                                        const Path& restoredPath) const {
-    const auto vm = std::make_shared<VMRecord>();
+    auto vm = std::make_shared<VMRecord>();
     vm->name = std::move(restoredName);
     vm->vmPath = restoredPath.string();
     vm->osType = osType;

@@ -117,9 +117,9 @@ TightDecoder::Form TightDecoder::readForm(std::size_t width, std::size_t height,
     return form;
 }
 
-void TightDecoder::readPalette(RFBByteReader& reader, unsigned count) {
+void TightDecoder::readPalette(RFBByteReader& reader, std::size_t count) {
     const auto colors = required(reader.slice(count * 3));
-    for (unsigned i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         const auto* color = colors.data() + i * 3;
         palette_[i] = std::uint32_t{color[0]} << 16 | std::uint32_t{color[1]} << 8 | color[2];
     }

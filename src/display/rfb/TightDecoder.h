@@ -58,7 +58,7 @@ class TightDecoder {
     void decodeRectangle(int width, int height, RFBByteReader& reader, PixelTarget target);
     void resetStreams(std::uint8_t control);
     Form readForm(std::size_t width, std::size_t height, std::uint8_t control, RFBByteReader& reader);
-    void readPalette(RFBByteReader& reader, unsigned count);
+    void readPalette(RFBByteReader& reader, std::size_t count);
     void expandStored(const Form& form, RFBByteReader& reader, PixelTarget target);
     void inflateRows(const Form& form, InflateStream& stream, ByteView data, PixelTarget target);
     void expandRows(const Form& form, std::size_t y, std::size_t rows, PixelTarget target);

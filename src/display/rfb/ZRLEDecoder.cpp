@@ -31,17 +31,18 @@ constexpr unsigned bitsPerIndex(unsigned colorCount) { return colorCount == 2 ? 
 template <unsigned bits>
 unsigned unpackRow(const std::uint8_t* in, std::uint8_t* out, std::size_t width,
                    const std::uint32_t* palette) {
-    constexpr unsigned perByte = 8 / bits, mask = (1u << bits) - 1;
+    constexpr std::size_t perByte = 8 / bits;
+    constexpr unsigned mask = (1u << bits) - 1;
     unsigned largest = 0;
-    const auto unpack = [&](unsigned byte, unsigned count) {
-        for (unsigned i = 0; i < count; ++i) {
+    const auto unpack = [&](unsigned byte, std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) {
             const unsigned index = (byte >> (8 - bits - i * bits)) & mask;
             largest = std::max(largest, index);
             storePixel(out + i * 4, palette[index]);
         }
     };
     for (; width >= perByte; width -= perByte, out += perByte * 4) unpack(*in++, perByte);
-    if (width > 0) unpack(*in, static_cast<unsigned>(width));
+    if (width > 0) unpack(*in, width);
     return largest;
 }
 
@@ -167,9 +168,9 @@ void ZRLEDecoder::drawRuns(const Tile& tile) const {
                    tile.width);
 }
 
-void ZRLEDecoder::readPalette(unsigned count) {
+void ZRLEDecoder::readPalette(std::size_t count) {
     const auto* colors = take(count * 3);
-    for (unsigned i = 0; i < count; ++i) palette_[i] = loadBGR(colors + i * 3);
+    for (std::size_t i = 0; i < count; ++i) palette_[i] = loadBGR(colors + i * 3);
 }
 
 std::uint32_t ZRLEDecoder::readColor() { return loadBGR(take(3)); }

@@ -48,7 +48,7 @@ class ZRLEDecoder {
     void decodePacked(const Tile& tile, unsigned colorCount);
     void decodePlainRuns(const Tile& tile);
     void decodePaletteRuns(const Tile& tile, unsigned colorCount);
-    void readPalette(unsigned count);
+    void readPalette(std::size_t count);
     std::uint32_t readColor();
     std::uint8_t readByte();
     std::size_t readRun(std::size_t maximum);

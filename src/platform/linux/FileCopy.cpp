@@ -9,6 +9,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "runtime/FileDescriptor.h"
 
 namespace dorvane {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/LinuxHostSystem.h"
 
+#include <fmt/format.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <net/if_arp.h>

@@ -2,7 +2,8 @@
 #include "platform/linux/SetAside.h"
 
 #include <fcntl.h>
-#include <stdio.h>
+
+#include <cstdio>
 
 namespace dorvane {
 

@@ -2,10 +2,11 @@
 #include "platform/linux/Trash.h"
 
 #include <fcntl.h>
-#include <stdio.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <ctime>
 
 #include "base/Text.h"
@@ -60,7 +61,7 @@ Path trashAtTop(const Path& top, const Path& item) {
         ::mkdir((shared / user).c_str(), 0700);
         if (isOwnFolder(shared / user)) return shared / user;
     }
-    const auto own = top / (".Trash-" + user);
+    auto own = top / (".Trash-" + user);
     makeFolder(own, item);
     if (!isOwnFolder(own)) throw FileError(verb, item, EPERM);
     return own;
@@ -90,7 +91,7 @@ std::string trashInfo(const Path& originalPath) {
 std::string reserveName(const Path& trash, const Path& item, const std::string& info) {
     const auto wanted = item.filename().string();
     for (int count = 1;; ++count) {
-        const auto name = count == 1 ? wanted : wanted + "." + std::to_string(count);
+        auto name = count == 1 ? wanted : wanted + "." + std::to_string(count);
         const auto note = trash / "info" / (name + ".trashinfo");
         const FileDescriptor fd(::open(note.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
         if (!fd && errno == EEXIST) continue;

@@ -56,6 +56,13 @@ class EngineScene {
     bool waitForStatus(const EngineMachine& vm, std::optional<VMStatus> status) {
         return waitFor(20, [&] { return engine->status(vm.id) == status; });
     }
+    bool waitForConsole(const EngineMachine& vm, const std::string& text) {
+        return waitFor(240, [&] { return console(vm).find(text) != std::string::npos; });
+    }
+    std::string console(const EngineMachine& vm) const {
+        return std::filesystem::exists(vm.bundle.consoleLog()) ? readTextFile(vm.bundle.consoleLog())
+                                                               : std::string();
+    }
     /// This process's children whose name begins so.
     std::vector<int> children(const std::string& prefix) const {
         std::vector<int> found;
