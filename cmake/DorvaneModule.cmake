@@ -25,6 +25,15 @@ if(DORVANE_TESTS)
     target_compile_options(dorvane_tests_pch PUBLIC ${DORVANE_TEST_OPTIONS})
 endif()
 
+# Unit tests keep their files in memory where there is room for them: most of their time was waiting for the disk.
+# The real tests write to it.
+set(DORVANE_UNIT_TESTS_ENVIRONMENT)
+execute_process(COMMAND df --output=avail /dev/shm OUTPUT_VARIABLE room ERROR_QUIET)
+string(REGEX MATCH "[0-9]+" room "${room}")
+if("${room}" GREATER 2000000)
+    set(DORVANE_UNIT_TESTS_ENVIRONMENT TMPDIR=/dev/shm)
+endif()
+
 function(dorvane_module folder)
     cmake_parse_arguments(ARG "" "" "DEPENDS;LIBRARIES;TEST_DEPENDS" ${ARGN})
     dorvane_target_name(${folder} target)
@@ -66,5 +75,5 @@ function(dorvane_tests folder target extra)
     endforeach()
     add_dependencies(${target}_tests dorvane_test_helper)
     add_test(NAME ${folder} COMMAND ${target}_tests)
-    set_tests_properties(${folder} PROPERTIES LABELS unit TIMEOUT 120)
+    set_tests_properties(${folder} PROPERTIES LABELS unit TIMEOUT 120 ENVIRONMENT "${DORVANE_UNIT_TESTS_ENVIRONMENT}")
 endfunction()
