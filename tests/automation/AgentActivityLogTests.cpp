@@ -29,8 +29,8 @@ class AgentActivityLogTest : public testing::Test {
         return all;
     }
 
-    TestRuntime host;
     TemporaryDirectory directory;
+    TestRuntime host;
     const Path file = directory.path() / "AgentActivity" / "activity.jsonl";
 };
 
