@@ -74,7 +74,8 @@ class Audience {
         for (std::size_t i = 0; i < choices.size(); ++i) {
             auto& viewer = *viewers_[i];
             viewer.receiveUntil([&] { return differences(viewer.screen().pixels(), expected) == 0; }, 10s);
-            EXPECT_EQ(differences(viewer.screen().pixels(), expected), 0u) << choices[i].name << " " << when;
+            EXPECT_EQ(differences(viewer.screen().pixels(), expected), 0u)
+                << choices[i].name << " " << when << ", at " << differingArea(viewer.screen(), expected);
         }
     }
     /// Compares with what a new client sees, again until the screen has come to rest.

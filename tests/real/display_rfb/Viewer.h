@@ -148,4 +148,17 @@ inline std::size_t differences(ByteView one, ByteView other) {
     return count;
 }
 
+/// The smallest rectangle around all differences, for a message.
+inline std::string differingArea(const RFBFramebuffer& screen, ByteView other) {
+    int left = screen.width(), top = screen.height(), right = -1, bottom = -1;
+    for (int y = 0; y < screen.height(); ++y)
+        for (int x = 0; x < screen.width(); ++x) {
+            const auto at = std::size_t(y) * screen.stride() + std::size_t(x) * 4;
+            if (loadBGR(&screen.pixels()[at]) == loadBGR(&other[at])) continue;
+            left = std::min(left, x), right = std::max(right, x);
+            top = std::min(top, y), bottom = std::max(bottom, y);
+        }
+    return fmt::format("x {} to {}, y {} to {}", left, right, top, bottom);
+}
+
 }  // namespace dorvane::test
