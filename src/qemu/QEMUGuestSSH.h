@@ -8,6 +8,7 @@
 #include "core/VMBundle.h"
 #include "qemu/GuestKeyStore.h"
 #include "qemu/QEMURuntimeDirectory.h"
+#include "runtime/FileDescriptor.h"
 
 namespace dorvane {
 
