@@ -53,6 +53,27 @@ bool isCopy(const VMBundle& bundle, VMOSType os, const UUID& id, const Path& ori
     return found.hasDisk && found.metadata;
 }
 
+/// Descriptions tell whole seconds; within one, a layer is younger than what it stands on.
+void orderWithinSeconds(const std::vector<VMSnapshotPointer>& newcomers,
+                        const std::vector<VMSnapshotPointer>& rows) {
+    const auto isBehind = [](const VMSnapshot& row, const VMSnapshot& parent) {
+        using std::chrono::floor, std::chrono::seconds;
+        return row.parentSnapshotID == parent.id && row.createdAt <= parent.createdAt &&
+               floor<seconds>(row.createdAt) == floor<seconds>(parent.createdAt);
+    };
+    // Each round brings one more generation into its place.
+    bool isOrdered = false;
+    for (std::size_t round = 0; !isOrdered && round < newcomers.size(); ++round) {
+        isOrdered = true;
+        for (const auto& row : newcomers)
+            for (const auto& parent : rows)
+                if (isBehind(*row, *parent)) {
+                    row->createdAt = parent->createdAt + Date::duration(1);
+                    isOrdered = false;
+                }
+    }
+}
+
 const QCOW2ChainToolProtocol* toolOf(const SnapshotChainStore* chain) {
     return chain != nullptr ? &chain->chainTool() : nullptr;
 }
@@ -214,6 +235,7 @@ Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
     };
     const auto all = co_await inBackground(vm, look);
     const auto rows = with_.modelContext.fetchSnapshots(vm->id);
+    std::vector<VMSnapshotPointer> newcomers;
     for (const auto& row : rows) {
         const auto isIts = [&](const auto& found) { return found.id == row->id && found.hasDisk; };
         const auto found = std::ranges::find_if(all, isIts);
@@ -232,6 +254,7 @@ Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
             row->id = found.id;
             if (chain != nullptr) row->parentSnapshotID = found.parentID;
             with_.modelContext.insert(row);
+            newcomers.push_back(row);
             logger_.info("Took over snapshot '%{public}s' of VM %{public}s from its files", row->name,
                          vm->name);
         } else if (!found.isDescribed) {
@@ -244,6 +267,7 @@ Task<void> VMSnapshotService::alignRows(VMRecordPointer vm) {
                           vm->name);
         }
     }
+    orderWithinSeconds(newcomers, with_.modelContext.fetchSnapshots(vm->id));
     with_.modelContext.save();
 }
 

@@ -49,7 +49,7 @@ class VMSnapshotScene : public testing::Test {
     }
     VMSnapshotPointer take(const VMRecordPointer& vm, const std::string& name, bool memory = false,
                            VMSnapshotKind kind = VMSnapshotKind::manual) {
-        clock.advance(seconds(1));
+        clock.advance(milliseconds(100));
         return host.run(service.takeSnapshot(vm, name, memory, kind));
     }
     template <typename T>
