@@ -14,7 +14,8 @@
 namespace dorvane::test {
 namespace {
 
-constexpr auto otherFileSystem = "/dev/shm";
+/// Some of these is another file system than the temporary folder's.
+constexpr auto folders = {"/dev/shm", "/tmp", "/var/tmp"};
 
 struct stat statusOf(const Path& path) {
     struct stat info {};
@@ -44,9 +45,13 @@ class Copying : public testing::TestWithParam<bool> {
   protected:
     void SetUp() override {
         if (!GetParam()) return;
-        if (::access(otherFileSystem, W_OK) == 0) elsewhere_.emplace(otherFileSystem);
-        if (!elsewhere_ || statusOf(elsewhere_->path()).st_dev == statusOf(here_.path()).st_dev)
-            GTEST_SKIP() << otherFileSystem << " is no second file system here";
+        const auto isElsewhere = [&](const Path& folder) {
+            return ::access(folder.c_str(), W_OK) == 0 &&
+                   statusOf(folder).st_dev != statusOf(here_.path()).st_dev;
+        };
+        const auto* const folder = std::ranges::find_if(folders, isElsewhere);
+        if (folder == folders.end()) GTEST_SKIP() << "there is no second file system here";
+        elsewhere_.emplace(*folder);
     }
     Path target(const std::string& name) const { return (elsewhere_ ? *elsewhere_ : here_) / name; }
 

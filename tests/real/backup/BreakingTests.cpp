@@ -106,18 +106,26 @@ TEST_F(BackupBreaking, KilledBeforeEachStep) {
 }
 
 TEST_F(BackupBreaking, KilledAtAnyTime) {
+    using Clock = std::chrono::steady_clock;
     int killed = 0;
     constexpr int times = 12;
     for (const auto operation : {Operation::backup, Operation::restore}) {
-        for (int i = 0; i < times; ++i) {
-            const auto child = inChild([&] {
+        const auto start = [&] {
+            return inChild([&] {
                 RealBackupScene scene(root.path());
                 perform(scene, scene.addVM("source"), operation);
             });
-            std::this_thread::sleep_for(std::chrono::milliseconds(25 * i));
+        };
+        const auto begin = Clock::now();
+        EXPECT_EQ(ended(start()), 0);
+        const auto whole = Clock::now() - begin;
+        expectNothingHalf("after its end", true);
+        for (int i = 0; i < times; ++i) {
+            const auto child = start();
+            std::this_thread::sleep_for(whole * i / times);
             ::kill(child, SIGKILL);
             killed += WIFSIGNALED(ended(child)) ? 1 : 0;
-            expectNothingHalf(fmt::format("killed after {} ms", 25 * i), true);
+            expectNothingHalf(fmt::format("killed after {} of {} parts", i, times), true);
         }
     }
     EXPECT_GT(killed, times / 2);
