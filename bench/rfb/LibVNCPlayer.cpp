@@ -24,7 +24,8 @@ struct CleanUp {
 
 }  // namespace
 
-double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCount, Bytes& screen) {
+double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCount, Bytes& screen,
+                      const std::function<void()>& afterEach) {
     rfbClientLog = beSilent;
     const std::unique_ptr<rfbClient, CleanUp> client(
         rfbGetClient(bitsPerSample, samplesPerPixel, bytesPerPixel));
@@ -39,8 +40,10 @@ double playWithLibVNC(const Recording& recording, int fd, std::size_t messageCou
     // No message of the client is marked as supported, so the library sends no update requests.
     client->sock = fd;
     const auto start = threadSeconds();
-    for (std::size_t i = 0; i < messageCount; ++i)
+    for (std::size_t i = 0; i < messageCount; ++i) {
         if (!HandleRFBServerMessage(client.get())) throw std::runtime_error("libvncclient gave up");
+        if (afterEach) afterEach();
+    }
     return threadSeconds() - start;
 }
 

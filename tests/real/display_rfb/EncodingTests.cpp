@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <set>
+#include <thread>
 
 #include "display/rfb/RFBConnection.h"
 #include "display_rfb/Servers.h"
 #include "display_rfb/Viewer.h"
+#include "rfb/LibVNCPlayer.h"
 
 namespace dorvane::test {
 namespace {
@@ -45,14 +47,60 @@ bool isColorful(ByteView pixels) {
     return colors.size() > 100;
 }
 
+struct Silence : RFBStreamHandler {
+    void updateBegan(int) override {}
+    void updateFinished(bool) override {}
+    void desktopResized(int, int) override { FAIL() << "nobody asked for another size"; }
+    void extendedKeyEventsSupported() override {}
+    void cursorReceived() override {}
+};
+
+/// Draws all that the viewer has received once more, beside libvncclient, and compares the pictures at some
+/// fifty moments.
+void compareWithAPeer(const Viewer& viewer, const std::string& name) {
+    const int width = viewer.screen().width(), height = viewer.screen().height();
+    const auto& ends = viewer.messageEnds();
+    Silence silence;
+    RFBFramebuffer screen;
+    screen.resize(width, height);
+    RFBStream stream(screen, silence);
+    Bytes expected(screen.pixels().size());
+    const auto step = std::max<std::size_t>(ends.size() / 50, 1);
+    std::size_t messages = 0, bytes = 0;
+    const auto compare = [&] {
+        if (++messages % step != 0 && messages != ends.size()) return;
+        const auto next = viewer.received().first(ends[messages - 1]).subspan(bytes);
+        stream.feed(next);
+        bytes += next.size();
+        EXPECT_EQ(differences(screen.pixels(), expected), 0u)
+            << name << " after message " << messages << ", at " << differingArea(screen, expected);
+    };
+    int sockets[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) throw POSIXError(errno);
+    const FileDescriptor writer(sockets[1]);
+    const std::jthread server([fd = writer.get(), left = viewer.received()]() mutable {
+        while (!left.empty()) {
+            const auto count = ::send(fd, left.data(), left.size(), MSG_NOSIGNAL);
+            if (count <= 0) return;
+            left = left.subspan(std::size_t(count));
+        }
+    });
+    const FileDescriptor reader(sockets[0]);  // goes first, so that the thread ends whatever happens
+    bench::playWithLibVNC({width, height, {}}, reader.get(), ends.size(), expected, compare);
+    EXPECT_EQ(messages, ends.size());
+    EXPECT_TRUE(isColorful(expected)) << name;
+}
+
+enum class Copies { asChosen, always, never };
+
 /// One viewer a choice, all looking at the same screen at the same time.
 class Audience {
   public:
-    explicit Audience(const std::string& socket, bool withCopies = false) {
+    explicit Audience(const std::string& socket, Copies copies = Copies::asChosen) {
         for (const auto& choice : choices) {
             auto encodings = choice.encodings;
-            if (withCopies && encodings.front() != RFBEncoding::copyRect)
-                encodings.insert(encodings.begin(), RFBEncoding::copyRect);
+            if (copies != Copies::asChosen) std::erase(encodings, RFBEncoding::copyRect);
+            if (copies == Copies::always) encodings.insert(encodings.begin(), RFBEncoding::copyRect);
             viewers_.push_back(std::make_unique<Viewer>(socket, encodings));
         }
     }
@@ -88,6 +136,12 @@ class Audience {
         EXPECT_TRUE(isColorful(expected));
         expectPicture(expected, "although the screen rests");
     }
+    void expectSameAsAPeer() {
+        for (std::size_t i = 0; i < choices.size(); ++i) {
+            viewers_[i]->settle();
+            compareWithAPeer(*viewers_[i], choices[i].name);
+        }
+    }
     void expectRectangles(std::optional<RFBEncoding> Choice::*expected, std::size_t least) {
         for (std::size_t i = 0; i < choices.size(); ++i)
             EXPECT_TRUE(hasRectangles(i, choices[i].*expected, least)) << choices[i].name;
@@ -117,15 +171,26 @@ TEST(XvncEncodings, showAStillScreenAlike) {
     audience.expectRectangles(&Choice::fromXvnc, 1);
 }
 
-/// Many updates over one zlib state, with copied areas between them, must end at the picture that a new
-/// client gets.
+/// Many updates over one zlib state must end at the picture that a new client gets.
 TEST(XvncEncodings, followAMovingScreen) {
     const XvncServer server;
-    Audience audience(server.socket(), true);
+    Audience audience(server.socket(), Copies::never);
+    const auto scene = server.show("windows");
+    audience.watchUntil(200, 0);
+    server.rest();
+    audience.expectTheScreenOf(server.socket());
+}
+
+/// Xvnc at times joins two moves of a window into one copy of an area that the client doesn't have yet, and
+/// leaves a strip wrong for whatever client. So what counts is the picture that libvncclient draws of the
+/// same bytes, not the screen.
+TEST(XvncEncodings, copyAreasOfAMovingScreen) {
+    const XvncServer server;
+    Audience audience(server.socket(), Copies::always);
     const auto scene = server.show("windows");
     audience.watchUntil(200, 50);
     server.rest();
-    audience.expectTheScreenOf(server.socket());
+    audience.expectSameAsAPeer();
 }
 
 std::uint32_t noise(int x, int y) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A blocking client that draws what a real server sends and counts its rectangles by encoding.
+// A blocking client that draws what a real server sends, counts its rectangles by encoding and keeps it all
+// for another decoder.
 #pragma once
 
 #include <poll.h>
@@ -60,6 +61,9 @@ class Viewer : private RFBStreamHandler {
     }
 
     const RFBFramebuffer& screen() const { return screen_; }
+    /// All that has come since the handshake, and where each of its messages ends.
+    ByteView received() const { return received_; }
+    const std::vector<std::size_t>& messageEnds() const { return messageEnds_; }
     /// How many rectangles have come in this encoding.
     std::size_t count(RFBEncoding encoding) const {
         const auto found = rectangles_.find(rawValue(encoding));
@@ -94,24 +98,26 @@ class Viewer : private RFBStreamHandler {
         for (const auto& span : spans) {
             const auto* bytes = static_cast<const std::uint8_t*>(span.iov_base);
             const auto part = std::min(span.iov_len, count);
-            uncounted_.insert(uncounted_.end(), bytes, bytes + part);
+            received_.insert(received_.end(), bytes, bytes + part);
             count -= part;
         }
-        RFBByteReader reader(uncounted_);
-        std::size_t done = 0;
-        while (pendingRectangles_ > 0 ? countRectangle(reader) : countMessage(reader))
-            done = reader.position();
-        uncounted_.erase(uncounted_.begin(), uncounted_.begin() + std::ptrdiff_t(done));
+        RFBByteReader reader(received());
+        reader.setPosition(counted_);
+        while (pendingRectangles_ > 0 ? countRectangle(reader) : countMessage(reader)) {
+            counted_ = reader.position();
+            if (pendingRectangles_ == 0) messageEnds_.push_back(counted_);
+        }
     }
     bool countMessage(RFBByteReader& reader) {
         const auto type = reader.readUInt8();
         if (!type) return false;
-        if (RFBServerMessageType(*type) == RFBServerMessageType::bell) return true;
-        if (RFBServerMessageType(*type) != RFBServerMessageType::framebufferUpdate)
+        const bool isBell = RFBServerMessageType(*type) == RFBServerMessageType::bell;
+        if (!isBell && RFBServerMessageType(*type) != RFBServerMessageType::framebufferUpdate)
             throw std::runtime_error("no message of this kind is expected here");
-        const auto count = reader.skip(1) ? reader.readUInt16() : std::nullopt;
-        pendingRectangles_ = count.value_or(0);
-        return count.has_value();
+        const auto count = isBell ? 0 : reader.skip(1) ? reader.readUInt16() : std::nullopt;
+        if (!count) return false;
+        pendingRectangles_ = *count;
+        return true;
     }
     bool countRectangle(RFBByteReader& reader) {
         const auto start = reader.position();
@@ -133,7 +139,9 @@ class Viewer : private RFBStreamHandler {
     FileDescriptor socket_;
     RFBFramebuffer screen_;
     RFBStream stream_{screen_, *this};
-    Bytes uncounted_;
+    Bytes received_;
+    std::size_t counted_ = 0;
+    std::vector<std::size_t> messageEnds_;
     int pendingRectangles_ = 0;
     std::size_t drawnPixels_ = 0;
     std::map<std::int32_t, std::size_t> rectangles_;
