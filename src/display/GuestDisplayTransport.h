@@ -64,8 +64,9 @@ class GuestDisplayTransport {
 
     /// Returns once the stream has begun; throws when it can't within `timeout`.
     virtual Task<void> connect(Duration timeout) = 0;
-    /// Coordinates are guest pixels; the mask has bit 0 for the left button.
-    virtual void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) = 0;
+    /// Coordinates are guest pixels, brought into 0 to 65,535 where they lie outside; the mask has bit 0 for
+    /// the left button.
+    virtual void sendPointer(std::uint8_t buttonMask, int x, int y) = 0;
     virtual void sendKey(const GuestKey& key, bool down) = 0;
     virtual void close() = 0;
 };

@@ -19,7 +19,7 @@ class FakeDisplayTransport : public GuestDisplayTransport {
         const auto outcome = connected;
         co_await outcome.wait();
     }
-    void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) override {
+    void sendPointer(std::uint8_t buttonMask, int x, int y) override {
         events.push_back(fmt::format("pointer {} {},{}", buttonMask, x, y));
     }
     void sendKey(const GuestKey& key, bool down) override {

@@ -32,7 +32,7 @@ Task<void> RFBConnection::connect(Duration timeout) {
     co_await onExecutor(link->executor(), RFBLink::open(link, std::move(callbacks), timeout));
 }
 
-void RFBConnection::sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) {
+void RFBConnection::sendPointer(std::uint8_t buttonMask, int x, int y) {
     send({RFBClientMessage::PointerEvent{buttonMask, x, y}});
 }
 

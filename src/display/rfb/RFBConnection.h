@@ -31,7 +31,7 @@ class RFBConnection : public GuestDisplayTransport {
     /// Tries until `timeout` for the socket to be there; the handshake has time-outs of its own. Throws
     /// ConnectionError, `connectionClosed` also for a `close` meanwhile.
     Task<void> connect(Duration timeout) override;
-    void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) override;
+    void sendPointer(std::uint8_t buttonMask, int x, int y) override;
     void sendKey(const GuestKey& key, bool down) override;
     /// Failures are dropped: a broken socket shows as the end of the stream.
     void send(RFBClientMessage message);

@@ -201,9 +201,9 @@ void RFBLink::drainSocket() {
 
 void RFBLink::commit(std::size_t count) {
     const auto start = runtime_.clock.now();
-    const auto imageTimeBefore = stats_.imageTime;
+    imageTime_ = {};
     stream_->commit(count);
-    stats_.applyTime += runtime_.clock.now() - start - (stats_.imageTime - imageTimeBefore);
+    stats_.applyTime += runtime_.clock.now() - start - imageTime_;
 }
 
 void RFBLink::fail(std::exception_ptr error) {
@@ -297,7 +297,9 @@ void RFBLink::updateFinished(bool didTouchPixels) {
     stats_.receiveTime += now - updateHeader_;
     if (didTouchPixels) {
         auto image = framebuffer_.makeImage();
-        stats_.imageTime += runtime_.clock.now() - now;
+        const auto duration = runtime_.clock.now() - now;
+        imageTime_ += duration;
+        stats_.imageTime += duration;
         ++stats_.frames;
         if (image) tell(callbacks_.onFrame, std::move(image));
     }

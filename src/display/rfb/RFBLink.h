@@ -94,6 +94,7 @@ class RFBLink : public std::enable_shared_from_this<RFBLink>, private RFBStreamH
     Bytes outbox_;
     bool isFlushing_ = false;
     DisplayStats stats_;
+    Duration imageTime_{};  // of this commit; a report in its midst begins the statistics anew
     Instant lastFinish_{}, updateHeader_{};
     std::atomic<bool> extendedKeyEvents_ = false, isAbandoned_ = false;
 };

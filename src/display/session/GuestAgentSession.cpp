@@ -89,7 +89,6 @@ Task<void> GuestAgentSession::connectChannel(std::weak_ptr<GuestAgentSession> se
 }
 
 void GuestAgentSession::becameReady(std::uint32_t capabilities) {
-    guestCapabilities_ = capabilities;
     if (registry_ != nullptr && options_.vmID) registry_->noteGuestTools(*options_.vmID, capabilities);
     if (options_.sharesClipboard) startClipboard();
     if (options_.acceptsFileDrops) startFileTransfers();
@@ -176,7 +175,7 @@ void GuestAgentSession::handleClipboardData(const VDAgentIncomingMessage::Clipbo
 }
 
 void GuestAgentSession::announce(const std::set<HostClipboardKind>& kinds) {
-    const bool takesFiles = (guestCapabilities_ >> vdAgentClipboardFileListBit & 1) != 0;
+    const bool takesFiles = channel_->guestSupports(vdAgentClipboardFileListBit);
     std::vector<VDAgentClipboardFormat> formats;
     for (const auto kind : kinds)
         if (kind != HostClipboardKind::files || takesFiles) formats.push_back(formatOf(kind));

@@ -70,7 +70,6 @@ class GuestAgentSession : public std::enable_shared_from_this<GuestAgentSession>
     std::shared_ptr<FileTransferring> fileTransfer_;
     Options options_;
     std::uint64_t generation_ = 0;  // makes callbacks of an earlier channel harmless
-    std::uint32_t guestCapabilities_ = 0;
     bool didWarnAboutOutdatedGuestTools_ = false;
     bool canAcceptFileDrops_ = false;
     std::optional<FileDropPresentation> fileDrop_;

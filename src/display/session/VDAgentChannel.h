@@ -24,6 +24,8 @@ class VDAgentChannel {
 
     /// Returns when the socket is open; throws when it isn't within `timeout`.
     virtual Task<void> connect(Duration timeout) = 0;
+    /// Whether the guest's latest announcement has this bit.
+    virtual bool guestSupports(std::uint32_t bit) const = 0;
     virtual void sendClipboardGrab(const std::vector<VDAgentClipboardFormat>& formats) = 0;
     virtual void sendClipboardRequest(VDAgentClipboardFormat format) = 0;
     virtual void sendClipboard(VDAgentClipboardFormat format, ByteView content) = 0;

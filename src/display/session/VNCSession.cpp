@@ -182,7 +182,7 @@ void VNCSession::endConnection() {
     isConnected_ = false;
 }
 
-void VNCSession::sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y) {
+void VNCSession::sendPointer(std::uint8_t buttonMask, int x, int y) {
     if (connection_) connection_->sendPointer(buttonMask, x, y);
 }
 

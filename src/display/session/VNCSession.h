@@ -46,7 +46,7 @@ class VNCSession : public std::enable_shared_from_this<VNCSession> {
     void disconnect();
 
     /// Guest pixels.
-    void sendPointer(std::uint8_t buttonMask, std::uint16_t x, std::uint16_t y);
+    void sendPointer(std::uint8_t buttonMask, int x, int y);
     void sendKey(const GuestKey& key, bool down);
     /// Presses in order, releases in reverse order.
     void sendKeyCombination(const std::vector<GuestKey>& keys);

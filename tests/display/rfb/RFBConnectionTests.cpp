@@ -196,8 +196,10 @@ TEST_F(RFBConnectionTest, sendsKeysAsTheServerCanTakeThem) {
     const GuestKey mapped{0x61, 0}, unmapped{0x62, 52}, nothing{0, 52}, positionOnly{0, 126};
     for (const auto& key : {mapped, nothing, positionOnly}) connection_->sendKey(key, true);
     connection_->sendPointer(1, 7, 8);
+    connection_->sendPointer(1, -5, 70'000);
     EXPECT_EQ(expect(8), (Bytes{4, 1, 0, 0, 0, 0, 0, 0x61}));
     EXPECT_EQ(expect(6), (Bytes{5, 1, 0, 7, 0, 8}));
+    EXPECT_EQ(expect(6), (Bytes{5, 1, 0, 0, 0xff, 0xff}));
 
     serve(update({rectangle(0, 0, 0, 0, -258)}));
     EXPECT_EQ(expect(requestBytes), incrementalRequest);
@@ -347,7 +349,7 @@ TEST_F(RFBConnectionTest, keepsMessagesForAServerThatReadsLate) {
     connect();
     // More than the socket's buffers hold at this many messages, so the tail waits for room.
     constexpr int count = 100'000;
-    for (int i = 0; i < count; ++i) connection_->sendPointer(0, static_cast<std::uint16_t>(i & 0xFFFF), 0);
+    for (int i = 0; i < count; ++i) connection_->sendPointer(0, i & 0xFFFF, 0);
     host_.settle();
     constexpr std::size_t messageBytes = 6;
     const auto messages = expect(count * messageBytes);

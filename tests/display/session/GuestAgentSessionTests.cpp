@@ -41,8 +41,10 @@ struct FakeChannel : VDAgentChannel, Notes {
     void sendClipboard(Format format, ByteView content) override {
         noteAll("send " + std::string(asText(content)) + " as", std::array{format});
     }
+    bool guestSupports(std::uint32_t bit) const override { return (capabilities >> bit & 1) != 0; }
     void close() override { note("close channel"); }
 
+    std::uint32_t capabilities = 0;
     std::optional<Duration> connectTimeout;
     OneShot<void> connected;
 };
@@ -104,6 +106,7 @@ class GuestAgentSessionTest : public testing::Test {
     }
     void becomeReady(std::uint32_t capabilities = newTools) {
         agents_.channel->connected.succeed();
+        agents_.channel->capabilities = capabilities;
         agents_.channel->onReady(capabilities);
         host_.settle();
     }
@@ -208,6 +211,11 @@ TEST_F(GuestAgentSessionTest, outdatedToolsAreToldOnceAndGetNoFiles) {
     share(0);
     agents_.clipboard->onAnnounce({HostClipboardKind::files});
     EXPECT_FALSE(session_->fileDrop());
+    // An agent may come back with newer tools.
+    agents_.channel->capabilities = newTools;
+    lines();
+    agents_.clipboard->onAnnounce({HostClipboardKind::files});
+    EXPECT_EQ(lines(), (Lines{"send grab 6"}));
 }
 
 TEST_F(GuestAgentSessionTest, pasteKeepsTheStartMenuClosedOnlyWhenCommandIsHeld) {
