@@ -63,7 +63,7 @@ DorvaneVMConfig makeWindowsBundle(const Path& directory, const VMConfiguration& 
                                   const HostSystem& host, const WindowsGuestSupport* support) {
     if (support != nullptr)
         if (auto reason = support->unavailableReason()) throw vmCreationFailure(std::move(*reason));
-    const auto* tool = support == nullptr ? nullptr : support->diskImageTool();
+    const auto tool = support == nullptr ? nullptr : support->diskImageTool();
     if (tool == nullptr)
         throw vmCreationFailure(localized("This version of Dorvane does not include Windows support."));
     auto config = baseConfiguration(VMOSType::windows, request, host);

@@ -25,12 +25,16 @@ void VMLibrary::commit() {
 }
 
 void VMLibrary::commitQuietly() {
+    saveQuietly();
+    syncQuietly();
+}
+
+void VMLibrary::saveQuietly() {
     try {
         save();
     } catch (const std::exception& error) {
         vmServiceLogger.error("Could not save the library: %{public}s", error.what());
     }
-    syncQuietly();
 }
 
 void VMLibrary::syncQuietly() {

@@ -26,8 +26,9 @@ class VMLibrary {
     void save();
     /// Saves, then syncs; only the save's error is thrown, since the change is kept by then.
     void commit();
-    /// The same with failures logged, for ways out that have an error of their own to tell.
+    /// The same with failures logged, for ways out that have an error of their own to tell, or none.
     void commitQuietly();
+    void saveQuietly();
     void syncQuietly();
 
     /// Keeps a new record. When that fails, it is as if the record had never been.

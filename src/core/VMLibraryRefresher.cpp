@@ -45,7 +45,7 @@ std::optional<DorvaneVMConfig> readTolerantly(const VMBundle& bundle) {
     try {
         return DorvaneVMConfig::read(bundle.configFile());
     } catch (const std::exception& error) {
-        vmServiceLogger.debug("Skipping %{public}s: %{public}s", bundle.directoryURL.string(), error.what());
+        vmServiceLogger.error("Skipping %{public}s: %{public}s", bundle.directoryURL.string(), error.what());
         return std::nullopt;
     }
 }
@@ -163,6 +163,7 @@ Task<VMLibraryRefresher::Scan> VMLibraryRefresher::scan(std::vector<Path> storag
 VMLibraryRefresher::ReadFolder VMLibraryRefresher::readFolder(
     const Path& storagePath, bool sweeps, const std::set<std::string>& awaitingInstallation) const {
     ReadFolder folder;
+    BackupExclusion::excludeFromBackup(with_.fileManager, storagePath);
     try {
         if (sweeps) folder.removed = VMBundle::sweepInterruptedWork(storagePath);
     } catch (const std::exception&) {
@@ -193,7 +194,7 @@ void VMLibraryRefresher::mergeVMs(const std::vector<ReadBundle>& bundles,
         const auto known = byPath.find(read.bundle.directoryURL.native());
         changed |= known == byPath.end() ? adopt(read) : mergeKnown(*known->second, read);
     }
-    if (changed) library_.save();
+    if (changed) library_.saveQuietly();
 }
 
 bool VMLibraryRefresher::mergeKnown(VMRecord& vm, const ReadBundle& read) {
@@ -234,7 +235,7 @@ void VMLibraryRefresher::reconcileStatusOfUnreachableVMs(const std::vector<VMRec
         vm->updatedAt = now();
         changed = true;
     }
-    if (changed) library_.save();
+    if (changed) library_.saveQuietly();
 }
 
 Task<void> VMLibraryRefresher::excludeReturned(const std::vector<VMRecordPointer>& unreachable) {

@@ -24,8 +24,9 @@ class VMLibraryRefresher {
                        InstallerBootFlow& flow)
         : with_(with), library_(library), access_(access), flow_(flow) {}
 
-    /// Never removes a record. A folder or a bundle that can't be read stops nothing else. Throws the store's
-    /// error.
+    /// Never removes a record. A folder or a bundle that can't be read stops nothing else, and neither does a
+    /// store that can't be written: what changed is saved with the next change. Throws the store's error when
+    /// it can't be read.
     Task<void> refresh();
 
     /// The folder for new machines, then the folder of each record, without duplicates.

@@ -123,7 +123,7 @@ DorvaneVMConfig VMReconfigurer::rewrite(const VMBundle& bundle, const VMConfigur
 
 void VMReconfigurer::growSystemDisk(const VMBundle& bundle, VMOSType os, std::uint64_t bytes) const {
     if (os != VMOSType::windows) return bundle.allocateSparseDiskImage(bytes);
-    const auto* tool = with_.windowsSupport == nullptr ? nullptr : with_.windowsSupport->diskImageTool();
+    const auto tool = with_.windowsSupport == nullptr ? nullptr : with_.windowsSupport->diskImageTool();
     if (tool == nullptr) throw refusal("The disk image tool is missing from this build.");
     tool->resizeImage(bundle.qcow2Disk(), bytes);
 }

@@ -25,6 +25,12 @@ std::vector<std::string> traceEvents(const std::string& text) {
     return events;
 }
 
+/// The host may have put the basic device in its place.
+bool showsAccelerated(const std::vector<std::string>& arguments) {
+    return std::ranges::any_of(
+        arguments, [](const auto& argument) { return argument.starts_with("virtio-gpu-gl-pci"); });
+}
+
 }  // namespace
 
 QEMULaunchPreparation::QEMULaunchPreparation(const QEMUEngineContext& context)
@@ -60,11 +66,11 @@ Task<QEMULaunchPlan> QEMULaunchPreparation::prepare(QEMULaunchInputs inputs, QEM
     co_await sharedFolders_.prepare(inputs.id, config, inputs.bundle, inputs.attachments.sharedFolders,
                                     directory);
     paths.sshHostPort = co_await guestSSH_.prepare(inputs.id, config, inputs.bundle, directory);
-    directory.writeGraphicsMarker(paths.displayMonitorSocket.has_value());
     paths.systemDiskPath = directory.linkSystemDisk(inputs.bundle);
     addDiagnostics(paths, directory);
     auto built = QEMUCommandBuilder::buildArguments(config, inputs.bundle, inputs.attachments, paths);
     auto arguments = co_await adapted(std::move(built), inputs.resources);
+    directory.writeGraphicsMarker(showsAccelerated(arguments));
     auto environment = qemuChildEnvironment(context_.environment, inputs.resources.environment, paths);
     auto devices = QEMUSuspendFingerprint::deviceDigest(arguments);
     QEMULaunch launch{std::move(arguments), std::move(paths), std::move(environment)};

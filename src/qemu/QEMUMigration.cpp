@@ -19,12 +19,27 @@ std::string textMember(const QMPObject& object, const std::string& key) {
     return text == nullptr ? std::string() : *text;
 }
 
+/// QEMU 7.2 knows no channels, and up to 10.0 it can't save an NVMe controller.
+std::string explained(const std::string& words) {
+    const auto says = [&](const char* sign) { return words.find(sign) != std::string::npos; };
+    if (!says("'uri' is missing") && !says("'channels'") && !says("non-migratable")) return words;
+    return localized("The installed QEMU is too old to save a running machine (%@).", words);
+}
+
 }  // namespace
 
 JSON channelArguments(const Path& file) {
     JSON address{{"transport", "file"}, {"filename", file.string()}, {"offset", 0}};
     JSON channel{{"channel-type", "main"}, {"addr", address}};
     return JSON{{"channels", JSON::array({channel})}};
+}
+
+Task<void> begin(std::shared_ptr<QMPConnection> connection, Path file, Duration timeout) {
+    try {
+        co_await connection->execute("migrate", channelArguments(file), timeout);
+    } catch (const QMPConnection::ConnectionError&) {
+        throw failure(explained(localizedDescription(std::current_exception())));
+    }
 }
 
 Task<std::string> status(std::shared_ptr<QMPConnection> connection, Duration timeout) {
@@ -47,7 +62,7 @@ Task<void> waitUntilCompleted(std::shared_ptr<QMPConnection> connection, Clock& 
         if (state == "completed") co_return;
         if (state == "failed" || state == "cancelled") {
             const auto words = textMember(answer, "error-desc");
-            throw failure(words.empty() ? localized("Saving the VM state failed.") : words);
+            throw failure(words.empty() ? localized("Saving the VM state failed.") : explained(words));
         }
         co_await clock.sleep(pollInterval);
     }

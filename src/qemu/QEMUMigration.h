@@ -13,6 +13,8 @@ JSON channelArguments(const Path& file);
 Task<std::string> status(std::shared_ptr<QMPConnection> connection, Duration timeout);
 /// Whether nothing is being written or read any more.
 bool isSettled(const std::string& status);
+/// Begins to write the machine's state. Throws vmSnapshotFailed with the reason of a refusal.
+Task<void> begin(std::shared_ptr<QMPConnection> connection, Path file, Duration timeout);
 /// Returns once the migration has completed. Throws vmSnapshotFailed with QEMU's words when it failed, ran
 /// out of time or `isPeerGone` says so; a QMP error passes through.
 Task<void> waitUntilCompleted(std::shared_ptr<QMPConnection> connection, Clock& clock, Duration timeout,

@@ -48,13 +48,14 @@ Task<void> QEMUProcessSupervisor::start(QEMULaunch launch) {
 }
 
 Task<void> QEMUProcessSupervisor::startEmulator(QEMURuntimePaths paths) {
-    if (!paths.swtpmSocket) co_return;
-    if (!paths.swtpmExecutable)
-        throw DorvaneError(DorvaneError::Case::vmStartupFailed,
-                           localized("Virtual TPM was requested but the swtpm binary is missing."));
     std::exception_ptr failure;
     try {
-        co_await emulator_.start(*paths.swtpmExecutable, bundle_.directoryURL / "tpm", *paths.swtpmSocket);
+        if (paths.swtpmSocket && !paths.swtpmExecutable)
+            throw DorvaneError(DorvaneError::Case::vmStartupFailed,
+                               localized("Virtual TPM was requested but the swtpm binary is missing."));
+        if (paths.swtpmSocket)
+            co_await emulator_.start(*paths.swtpmExecutable, bundle_.directoryURL / "tpm",
+                                     *paths.swtpmSocket);
     } catch (...) {
         failure = std::current_exception();
     }

@@ -63,8 +63,7 @@ Task<void> QEMUProcessSupervisor::writeState(std::shared_ptr<QMPConnection> conn
                                              Duration timeout) {
     std::exception_ptr failure;
     try {
-        auto arguments = QEMUMigration::channelArguments(to);
-        co_await connection->execute("migrate", std::move(arguments), migrateTimeout);
+        co_await QEMUMigration::begin(connection, to, migrateTimeout);
         std::function<bool()> isPeerGone = [weak = weak_from_this()] {
             const auto self = weak.lock();
             return !self || self->isTerminated();

@@ -2,28 +2,32 @@
 // What the library asks before it makes a Windows machine.
 #pragma once
 
+#include <functional>
+
 #include "core/WindowsGuestSupport.h"
 #include "platform/HostSystem.h"
-#include "qemu/QEMUDiskImageTool.h"
 #include "qemu/QEMURuntimeResources.h"
 
 namespace dorvane {
 
-/// Looks for the resources once, when made.
+/// Looks for the resources at each question: they may be installed while the program runs.
 class QEMUWindowsGuestSupport : public WindowsGuestSupport {
   public:
-    QEMUWindowsGuestSupport(const std::optional<QEMURuntimeResources>& resources,
-                            const OperatingSystemVersion& hostSystemVersion,
-                            const std::optional<OperatingSystemVersion>& declaredMinimum);
+    using Locator = std::function<std::optional<QEMURuntimeResources>()>;
 
-    std::optional<std::string> unavailableReason() const override { return unavailableReason_; }
-    const DiskImageTool* diskImageTool() const override { return tool_ ? &*tool_ : nullptr; }
+    QEMUWindowsGuestSupport(Locator locate, const OperatingSystemVersion& hostSystemVersion,
+                            const std::optional<OperatingSystemVersion>& declaredMinimum)
+        : locate_(std::move(locate)), hostSystemVersion_(hostSystemVersion), minimum_(declaredMinimum) {}
+
+    std::optional<std::string> unavailableReason() const override;
+    std::unique_ptr<const DiskImageTool> diskImageTool() const override;
     int pickFreeSharesPort() const override;
     std::string makeSharesToken() const override;
 
   private:
-    std::optional<std::string> unavailableReason_;
-    std::optional<QEMUDiskImageTool> tool_;
+    Locator locate_;
+    OperatingSystemVersion hostSystemVersion_;
+    std::optional<OperatingSystemVersion> minimum_;
 };
 
 }  // namespace dorvane

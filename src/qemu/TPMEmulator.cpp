@@ -17,10 +17,17 @@ constexpr auto socketInterval = milliseconds(50);
 constexpr auto setUpTimeout = seconds(10.0);
 constexpr auto terminationGrace = seconds(5.0);
 
-ProcessCommand emulatorCommand(const Path& executable, const Path& stateDirectory, const Path& socket) {
-    return {.executable = executable,
-            .arguments = {"socket", "--tpm2", "--tpmstate", "dir=" + stateDirectory.string(), "--ctrl",
-                          "type=unixio,path=" + socket.string() + ",terminate"}};
+/// For swtpm 0.7 the wish to end with the connection is an option of its own.
+ProcessCommand emulatorCommand(const Path& executable, const Path& stateDirectory, const Path& socket,
+                               bool isOld) {
+    ProcessCommand command{.executable = executable,
+                           .arguments = {"socket", "--tpm2", "--tpmstate", "dir=" + stateDirectory.string(),
+                                         "--ctrl", "type=unixio,path=" + socket.string()}};
+    if (isOld)
+        command.arguments.push_back("--terminate");
+    else
+        command.arguments.back() += ",terminate";
+    return command;
 }
 
 ProcessCommand setUpCommand(const Path& tool, const Path& executable, const Path& stateDirectory) {
@@ -80,13 +87,16 @@ Task<void> TPMEmulator::start(Path executable, Path stateDirectory, Path socket)
     co_await clearStale(socket);
     const auto name = withoutComma(stateDirectory, socket);
     co_await prepareState(executable, stateDirectory, name);
-    if (!isTerminated_) process_ = ChildProcess::start(emulatorCommand(executable, name, socket));
-    // Also ends early when the emulator has gone: the socket can't come any more.
-    std::function<bool()> isDecided = [this, socket] {
-        return fs::exists(socket) || !process_ || !process_->isRunning();
-    };
-    co_await pollUntil(runtime_.clock, socketTimeout, socketInterval, std::move(isDecided));
-    if (fs::exists(socket) && process_) co_return;
+    for (int attempt = 0; attempt < 2 && !isTerminated_; ++attempt) {
+        process_ = ChildProcess::start(emulatorCommand(executable, name, socket, attempt > 0));
+        // Also ends early when the emulator has gone: the socket can't come any more.
+        std::function<bool()> isDecided = [this, socket] {
+            return fs::exists(socket) || !process_ || !process_->isRunning();
+        };
+        co_await pollUntil(runtime_.clock, socketTimeout, socketInterval, std::move(isDecided));
+        if (fs::exists(socket) && process_) co_return;
+        if (process_ && process_->isRunning()) break;
+    }
     terminate();
     throw DorvaneError(DorvaneError::Case::vmStartupFailed,
                        localized("The virtual TPM did not start. Try starting the VM again."));

@@ -53,7 +53,9 @@ class FakeDiskImageTool : public DiskImageTool {
 class FakeWindowsGuestSupport : public WindowsGuestSupport {
   public:
     std::optional<std::string> unavailableReason() const override { return reason; }
-    const DiskImageTool* diskImageTool() const override { return hasTool ? &tool : nullptr; }
+    std::unique_ptr<const DiskImageTool> diskImageTool() const override {
+        return hasTool ? std::make_unique<FakeDiskImageTool>(tool) : nullptr;
+    }
     int pickFreeSharesPort() const override { return 47007; }
     std::string makeSharesToken() const override { return "secret"; }
 

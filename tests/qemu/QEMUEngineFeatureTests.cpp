@@ -208,6 +208,15 @@ TEST(QEMUEngine, AcceleratesOnlyWhereItCan) {
         scene.stop(vm);
         EXPECT_FALSE(handle->acceleratedDriverStatus()) << "a handle may outlive its machine";
     }
+    {
+        Scene scene;
+        scene.adapter.hasGL = false;
+        scene.qemu.add("virgl_render_server");
+        const auto vm = scene.machine("Machine", accelerated);
+        scene.launch(vm);
+        EXPECT_TRUE(readTextFile(scene.directory(vm) / "sh/Dorvane-Graphics.txt").starts_with("basic\n"));
+        scene.stop(vm);
+    }
     Scene scene([](QEMUEngineContext& context) {
         context.sandboxGroupRequirement.kind = GraphicsSandboxGroup::Requirement::Kind::unavailable;
     });

@@ -20,6 +20,18 @@
 
 namespace dorvane::test {
 
+/// Leaves all as it is but what a host without OpenGL can't show.
+struct FakeHostAdapter : IdentityHostAdapter {
+    std::vector<std::string> adapt(std::vector<std::string> arguments,
+                                   const QEMUCapabilities&) const override {
+        for (auto& argument : arguments)
+            if (!hasGL && argument.starts_with("virtio-gpu-gl-pci")) argument = "virtio-gpu-pci";
+        return arguments;
+    }
+
+    bool hasGL = true;
+};
+
 struct QEMUEngineScene {
     explicit QEMUEngineScene(const std::function<void(QEMUEngineContext&)>& change = {}) {
         QEMUEngineContext context{.runtime = host.runtime(),
@@ -90,7 +102,7 @@ struct QEMUEngineScene {
     TemporaryDirectory work;
     FakeProcesses processes;
     FakeDefaultsStore defaults;
-    IdentityHostAdapter adapter;
+    FakeHostAdapter adapter;
     QEMUCapabilitiesCache capabilities{host.runtime()};
     GuestKeyStore keyStore{host.runtime(), work / "support"};
     GuestToolsRegistry guestTools;

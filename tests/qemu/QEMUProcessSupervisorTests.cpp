@@ -191,6 +191,15 @@ TEST(QEMUProcessSupervisor, AVirtualTPMThatFailsStopsTheStart) {
     EXPECT_TRUE(missing.supervisor->isTerminated());
 }
 
+TEST(QEMUProcessSupervisor, AnOldVirtualTPMIsAskedInItsOwnWords) {
+    SupervisorScene scene;
+    scene.useTPM({"old"});
+    scene.start();
+    EXPECT_EQ(scene.qemu.count("t.sock,terminate\n"), 1);
+    EXPECT_EQ(scene.qemu.count("t.sock --terminate\n"), 1);
+    scene.kill();
+}
+
 TEST(QEMUProcessSupervisor, ANewTPMIsSetUpOnceAndAFailureOfThatIsNone) {
     for (const bool fails : {false, true}) {
         SupervisorScene scene;
@@ -208,10 +217,14 @@ TEST(QEMUProcessSupervisor, ANewTPMIsSetUpOnceAndAFailureOfThatIsNone) {
 }
 
 TEST(QEMUProcessSupervisor, AStateFileIsWholeOrGone) {
-    const std::pair<std::string, std::string> table[] = {{"completed", ""},
-                                                         {"fails", "bad stream"},
-                                                         {"cancelled", "Saving the VM state failed."},
-                                                         {"dies", "The VM control connection was closed."}};
+    const std::pair<std::string, std::string> table[] = {
+        {"completed", ""},
+        {"fails", "bad stream"},
+        {"cancelled", "Saving the VM state failed."},
+        {"dies", "The VM control connection was closed."},
+        {"old",
+         "The installed QEMU is too old to save a running machine (State blocked by non-migratable device "
+         "'nvme')."}};
     for (const auto& [outcome, failure] : table) {
         SCOPED_TRACE(outcome);
         SupervisorScene scene({"migrate=" + outcome});

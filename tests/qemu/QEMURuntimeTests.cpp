@@ -68,14 +68,16 @@ TEST(QEMURuntimeResources, VariablesComeFirstAndNeverFallBack) {
 
 TEST(QEMUWindowsGuestSupport, SaysWhatIsMissing) {
     const ResourcesScene scene;
-    auto resources = scene.locate();
-    EXPECT_FALSE(QEMUWindowsGuestSupport(resources, {}, {}).unavailableReason());
-    EXPECT_NE(QEMUWindowsGuestSupport(resources, {}, {}).diskImageTool(), nullptr);
-    EXPECT_EQ(QEMUWindowsGuestSupport(std::nullopt, {}, {}).unavailableReason(),
-              "This version of Dorvane does not include Windows support.");
-    EXPECT_EQ(QEMUWindowsGuestSupport(std::nullopt, {}, {}).diskImageTool(), nullptr);
+    // They come and go while the program runs.
+    std::optional<QEMURuntimeResources> resources;
+    const QEMUWindowsGuestSupport support([&] { return resources; }, {}, {});
+    EXPECT_EQ(support.unavailableReason(), "This version of Dorvane does not include Windows support.");
+    EXPECT_EQ(support.diskImageTool(), nullptr);
+    resources = scene.locate();
+    EXPECT_FALSE(support.unavailableReason());
+    EXPECT_NE(support.diskImageTool(), nullptr);
     resources->swtpm.reset();
-    EXPECT_EQ(QEMUWindowsGuestSupport(resources, {}, {}).unavailableReason(),
+    EXPECT_EQ(support.unavailableReason(),
               "Windows 11 requires a TPM, which this version of Dorvane cannot provide.");
 }
 

@@ -10,7 +10,7 @@ QEMUParts::QEMUParts(const HostServices& host)
     : host_(host),
       capabilities_(host.runtime),
       keyStore_(host.runtime, host.directories.applicationSupport),
-      windowsGuestSupport_(locate(), host.system.version(), std::nullopt),
+      windowsGuestSupport_([this] { return locate(); }, host.system.version(), std::nullopt),
       chainStore_(makeChainStore()),
       engine_(makeContext()) {}
 

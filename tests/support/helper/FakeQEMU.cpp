@@ -94,6 +94,8 @@ std::string migrationStatus() {
     const auto outcome = valueOf("migrate");
     if (outcome == "dies") leave(1);
     if (++count < 2 || outcome == "never") return R"({"status":"active"})";
+    if (outcome == "old")
+        return R"({"status":"failed","error-desc":"State blocked by non-migratable device 'nvme'"})";
     if (outcome == "fails") return R"({"status":"failed","error-desc":"bad stream"})";
     return R"({"status":")" + (outcome.empty() ? "completed" : outcome) + "\"}";
 }
@@ -180,7 +182,8 @@ int playEmulator() {
 }
 
 int playTPM() {
-    if (has("exit=1")) return 1;
+    const bool isUnknown = has("old") && arguments.back().ends_with(",terminate");
+    if (has("exit=1") || isUnknown) return 1;
     if (!has("noSocket")) listenAt(pathIn("path="));
     sleepForever();
 }
