@@ -68,7 +68,11 @@ void addMCPCommands(ControlMethods& methods, AppState& app) {
             text(MCPClientSetupSnippets::jsonConfigSnippet(app.mcpServerService().endpointURLString())));
     };
     methods["mcp.token"].perform = [&app](const JSON& params, const ProgressReporter&) {
-        if (params.value("regenerate", false)) app.mcpServerService().regenerateToken();
+        if (params.value("regenerate", false) && !app.mcpServerService().regenerateToken())
+            throw ControlError(
+                ControlErrorCode::operationFailed,
+                localized("The new token could not be stored: it holds until the service ends, "
+                          "and then the old one may again. The log says why."));
         return immediately(text(app.mcpServerService().endpointToken()));
     };
     methods["mcp.probe"].perform = [&app](const JSON&, const ProgressReporter&) { return probe(app); };

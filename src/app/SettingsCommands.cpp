@@ -12,7 +12,7 @@ namespace {
 
 enum class SettingType { boolean, integer, number, text };
 
-/// The settings that a user may change, with the type each is stored in.
+/// The settings that a user may change and that something heeds, with the type each is stored in.
 const std::map<std::string, SettingType>& editableSettings() {
     static const std::map<std::string, SettingType> settings{
         {defaultsKey::vmStoragePath, SettingType::text},
@@ -22,12 +22,8 @@ const std::map<std::string, SettingType>& editableSettings() {
         {defaultsKey::mcpAutoSnapshotEnabled, SettingType::boolean},
         {defaultsKey::mcpAutoSnapshotKeepCount, SettingType::integer},
         {defaultsKey::mcpDestructiveToolsEnabled, SettingType::boolean},
-        {defaultsKey::batteryGuardEnabled, SettingType::boolean},
-        {defaultsKey::batteryGuardGraceSeconds, SettingType::number},
-        {defaultsKey::batteryGuardTriggerPercent, SettingType::number},
         {defaultsKey::opensDisplayOnStart, SettingType::boolean},
         {defaultsKey::urlCommandsEnabled, SettingType::boolean},
-        {defaultsKey::serialConsole, SettingType::boolean},
         {defaultsKey::vncPreferTight, SettingType::boolean},
         {defaultsKey::qemuTrace, SettingType::text},
         {defaultsKey::qemuMonitorSocket, SettingType::text},

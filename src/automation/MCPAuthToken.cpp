@@ -30,6 +30,11 @@ std::string MCPAuthToken::regenerate(KeychainHelper& store) {
     return token;
 }
 
+bool MCPAuthToken::isStored(KeychainHelper& store, std::string_view token) {
+    const auto secret = store.read(keychainService, keychainAccount);
+    return secret && asText(*secret) == token;
+}
+
 bool MCPAuthToken::matches(std::string_view a, std::string_view b) { return equalInConstantTime(a, b); }
 
 std::optional<std::string> MCPAuthToken::bearerToken(const HTTPRequestParser::Headers& headers) {

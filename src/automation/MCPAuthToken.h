@@ -19,6 +19,8 @@ struct MCPAuthToken {
     /// A new token, stored in the old one's place.
     static std::string regenerate(KeychainHelper& store);
 
+    static bool isStored(KeychainHelper& store, std::string_view token);
+
     /// False when the lengths differ or either is empty; otherwise takes the same time wherever they differ.
     static bool matches(std::string_view a, std::string_view b);
     /// What stands behind "bearer " in `authorization`, if anything.

@@ -75,8 +75,12 @@ Task<MCPAutomaticSnapshot> MCPAutomaticSnapshot::takeIfEnabled(const MCPToolCont
         failure = std::current_exception();
     }
     if (isCancellation(failure)) std::rethrow_exception(failure);
-    if (failure && !taken.snapshot) {
-        const auto text = describedWithSuggestion(failure);
+    if (!failure) co_return taken;
+    const auto text = describedWithSuggestion(failure);
+    if (taken.snapshot) {
+        // It is there, so a start that fails must still be able to remove it.
+        context.logger.error("Could not prune automatic snapshots of %{public}s: %{public}s", vm->name, text);
+    } else {
         context.logger.error("Automatic snapshot skipped for %{public}s: %{public}s", vm->name, text);
         taken.summary = "skipped: " + text;
     }

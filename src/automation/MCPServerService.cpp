@@ -114,10 +114,11 @@ bool MCPServerService::setPort(int port) {
     return true;
 }
 
-void MCPServerService::regenerateToken() {
+bool MCPServerService::regenerateToken() {
     runtime_.main.assertIsolated();
     setEndpointToken(MCPAuthToken::regenerate(keychainStore_));
     changed();
+    return MCPAuthToken::isStored(keychainStore_, endpointToken_);
 }
 
 void MCPServerService::setEndpointToken(std::string token) {

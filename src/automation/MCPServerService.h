@@ -52,8 +52,9 @@ class MCPServerService {
     /// False, with nothing changed, outside the range. A running server moves to the new port. Throws
     /// FileError when the setting can't be kept.
     bool setPort(int port);
-    /// From this moment the old token is refused; the listener stays up.
-    void regenerateToken();
+    /// From this moment the old token is refused; the listener stays up. Says whether the new one was kept;
+    /// else the next start may know the old one again.
+    bool regenerateToken();
     /// Ends everything and returns once nothing of it runs any more. Before the collaborators of the handler
     /// go.
     Task<void> shutdown();

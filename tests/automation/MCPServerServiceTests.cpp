@@ -261,12 +261,15 @@ TEST_F(MCPServerServiceTest, refusesTheOldTokenAfterANewOneWasMade) {
     RawClient early(port);
     early.send("POST /mcp/secret HTTP/1.1\r\n");
     host.settle();
-    server->regenerateToken();
+    EXPECT_TRUE(server->regenerateToken());
     early.send("\r\n");
     EXPECT_EQ(answer(early), unauthorized);
     EXPECT_EQ(exchange(post("/mcp/secret", "")), unauthorized);
     const auto path = "/mcp/" + server->endpointToken();
     EXPECT_EQ(exchange(post(path, "")), echoed("POST " + path + " "));
+    keychain.refuses = true;
+    EXPECT_FALSE(server->regenerateToken());
+    EXPECT_EQ(exchange(post(path, "")), unauthorized);
 }
 
 TEST_F(MCPServerServiceTest, endsItsCallsAndConnectionsWhenItGoes) {

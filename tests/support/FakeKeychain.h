@@ -2,6 +2,7 @@
 // Secrets in memory.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -18,6 +19,7 @@ class FakeKeychain : public KeychainHelper {
     }
     bool save(const std::string& service, const std::string& account, ByteView secret) override {
         const std::lock_guard lock(mutex_);
+        if (refuses) return false;
         items_[{service, account}] = Bytes(secret.begin(), secret.end());
         return true;
     }
@@ -25,6 +27,8 @@ class FakeKeychain : public KeychainHelper {
         const std::lock_guard lock(mutex_);
         items_.erase({service, account});
     }
+
+    std::atomic<bool> refuses = false;
 
   private:
     std::mutex mutex_;
