@@ -55,7 +55,6 @@ function(dorvane_module folder)
         dorvane_target_name(${dependency} name)
         target_link_libraries(${target} ${scope} ${name})
     endforeach()
-    set_property(GLOBAL APPEND PROPERTY DORVANE_LAYERS "${folder}: ${ARG_DEPENDS}")
     dorvane_tests(${folder} ${target} "${ARG_TEST_DEPENDS}")
 endfunction()
 

@@ -23,7 +23,7 @@ needCommands() {
     done
 }
 
-# sgdisk and mkfs.fat live where an ordinary user's PATH doesn't reach.
+# sgdisk and mke2fs live where an ordinary user's PATH doesn't reach.
 PATH="$PATH:/usr/sbin:/sbin"
 
 cacheRoot() {

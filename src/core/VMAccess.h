@@ -21,7 +21,6 @@ class VMAccess {
     /// Access for as long as the machine runs: until `close`, or until opened anew.
     void open(VMRecord& vm);
     void close(const UUID& vmID) { open_.erase(vmID); }
-    bool isOpen(const UUID& vmID) const { return open_.contains(vmID); }
 
   private:
     SecurityScopedBookmarkStore& bookmarks_;

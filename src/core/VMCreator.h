@@ -23,7 +23,6 @@ class VMCreator {
 
   private:
     struct Made;
-    struct Defaulted;
 
     Task<Made> make(VMOSType os, Path directory, VMConfiguration request);
     Task<Made> installMacOS(Path directory, VMConfiguration request);

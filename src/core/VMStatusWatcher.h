@@ -22,7 +22,6 @@ class VMStatusWatcher : public std::enable_shared_from_this<VMStatusWatcher> {
     void watch(const UUID& vmID);
     /// Nothing that the present watcher still has to tell reaches the record any more.
     void forget(const UUID& vmID) { watchers_.erase(vmID); }
-    bool isWatching(const UUID& vmID) const { return watchers_.contains(vmID); }
 
   private:
     struct Watcher {

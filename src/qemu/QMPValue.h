@@ -44,7 +44,6 @@ class QMPValue {
     std::optional<bool> boolean() const;
     const QMPObject* object() const { return std::get_if<QMPObject>(&value_); }
     const QMPArray* array() const { return std::get_if<QMPArray>(&value_); }
-    bool isNull() const { return kind() == Kind::null; }
 
     /// The member of an object; null when this is no object or has no such member.
     const QMPValue* member(const std::string& key) const;
