@@ -21,6 +21,8 @@ class BackgroundPool {
     Task<Result> run(Work work) const {
         OneShot<Result> outcome;
         asio::post(executor_, [work = std::move(work), outcome]() mutable {
+            // The failure is handed over, not shared: it ends where it is read.
+            std::exception_ptr failure;
             try {
                 if constexpr (std::is_void_v<Result>) {
                     work();
@@ -28,9 +30,11 @@ class BackgroundPool {
                 } else {
                     outcome.succeed(work());
                 }
+                return;
             } catch (...) {
-                outcome.fail(std::current_exception());
+                failure = std::current_exception();
             }
+            outcome.fail(std::move(failure));
         });
         co_await outcome.waitUncancelled();
         if constexpr (std::is_void_v<Result>)
