@@ -5,6 +5,7 @@
 
 #include "app/CommandDefinitions.h"
 #include "app/Completion.h"
+#include "base/Localized.h"
 
 namespace dorvane {
 namespace {
@@ -25,8 +26,12 @@ CommandRequest parseCommandLine(const std::vector<std::string>& arguments) {
         app.exit(help, text, ignored);
         return PrintRequest{text.str()};
     } catch (const CLI::ParseError& error) {
-        return PrintRequest{std::string(error.what()) + "\nRun dorvane --help for the commands.\n", true,
-                            usageErrorStatus};
+        const auto unknown = app.remaining(true);
+        const bool isMissing =
+            error.get_name() == "RequiredError" && !unknown.empty() && !unknown.front().starts_with('-');
+        const auto reason =
+            isMissing ? localized("There is no command “%@”.", unknown.front()) : std::string(error.what());
+        return PrintRequest{reason + "\nRun dorvane --help for the commands.\n", true, usageErrorStatus};
     }
     return request;
 }

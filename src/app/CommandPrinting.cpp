@@ -156,6 +156,7 @@ void printLink(const JSON& result) {
 void printMachineLog(const JSON& result) {
     auto text = result.value("text", "");
     std::erase(text, '\r');
+    if (!text.ends_with('\n')) text += '\n';
     std::cout << printable(std::move(text));
 }
 

@@ -25,6 +25,11 @@ std::string probeSentence(const MCPLoopbackProbe::Result& result) {
 
 Task<JSON> probe(AppState& app) {
     auto& server = app.mcpServerService();
+    if (!server.isRunning())
+        throw ControlError(
+            ControlErrorCode::operationFailed,
+            server.lastErrorMessage().value_or(localized(
+                "The MCP server is off. To turn it on: dorvane settings set mcpServerEnabled true")));
     const auto result =
         co_await MCPLoopbackProbe::probe(app.runtime(), server.effectivePort(), server.endpointToken());
     const bool ok = result.kind == MCPLoopbackProbe::Result::Kind::ok;

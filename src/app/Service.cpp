@@ -30,6 +30,15 @@
 namespace dorvane {
 namespace {
 
+/// A terminal that closes ends the service too, unless it was started to outlive it.
+std::vector<int> endingSignals() {
+    std::vector<int> signals{SIGTERM, SIGINT};
+    struct sigaction present {};
+    ::sigaction(SIGHUP, nullptr, &present);
+    if (present.sa_handler != SIG_IGN) signals.push_back(SIGHUP);
+    return signals;
+}
+
 constexpr int failureStatus = 1;
 /// What is in progress when the service ends is cancelled, and may take this long to clear up behind itself.
 constexpr auto withdrawalTimeout = seconds(5);
@@ -117,7 +126,7 @@ class Service {
         makePrivateDirectory(directories_.runtime);
         if (storage_) std::filesystem::create_directories(*storage_);
         app_ = std::make_unique<AppState>(host_, *modelContext_);
-        const SignalWatcher signals(process_.runtime().main.executor(), {SIGTERM, SIGINT},
+        const SignalWatcher signals(process_.runtime().main.executor(), endingSignals(),
                                     [this](int) { quit(); });
         starting_ = spawn(process_.runtime().main.executor(), start(), "start sequence");
         process_.run();

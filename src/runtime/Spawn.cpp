@@ -27,7 +27,10 @@ class SpawnAttributes {
         sigemptyset(&none);
         ::posix_spawnattr_setsigdefault(&attributes_, &defaults);
         ::posix_spawnattr_setsigmask(&attributes_, &none);
-        ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+        // A terminal's Ctrl-C goes to the whole group: what it means for the children is the parent's to say.
+        ::posix_spawnattr_setpgroup(&attributes_, 0);
+        ::posix_spawnattr_setflags(&attributes_,
+                                   POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
     }
     SpawnAttributes(const SpawnAttributes&) = delete;
     SpawnAttributes& operator=(const SpawnAttributes&) = delete;

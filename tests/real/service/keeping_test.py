@@ -218,7 +218,17 @@ class KeepingTest(unittest.TestCase):
         self.run_words("settings", "set", "mcpDestructiveToolsEnabled", "true")
         print("\n" + self.node(here / "agent_session.mjs", str(client_folder), url, guest))
 
-    def test_8_snapshots_go_without_taking_anything_along(self):
+    def test_8_a_guest_that_ignores_its_power_button_is_powered_off(self):
+        self.run_words("start", guest)
+        self.in_guest("ignore-power")
+        begin = time.monotonic()
+        self.assertIs(self.home.json("stop", guest)["forced"], True)
+        self.assertGreater(time.monotonic() - begin, 25, "it had its time")
+        self.run_words("start", guest)
+        self.in_guest("true")
+        self.assertIs(self.home.json("stop", guest)["forced"], False, self.home.log_tail())
+
+    def test_9_snapshots_go_without_taking_anything_along(self):
         for name in self.snapshots():
             self.run_words("snapshot", "delete", guest, name, "--yes")
         self.assertEqual([str(path) for path in (self.bundle() / "Snapshots").rglob("*")], [], self.home.log_tail())

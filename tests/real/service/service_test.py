@@ -9,6 +9,7 @@ import pathlib
 import shutil
 import signal
 import socket
+import statistics
 import struct
 import subprocess
 import sys
@@ -73,10 +74,10 @@ class Home:
     def serve_words(self):
         return self.command("serve", "--storage", str(self.root / "vms"), "--port", str(self.port))
 
-    def start_service(self):
+    def start_service(self, **options):
         with self.log.open("a") as log:
             self.service = subprocess.Popen(self.serve_words(), env=self.environment, stdin=subprocess.DEVNULL,
-                                            stdout=log, stderr=log)
+                                            stdout=log, stderr=log, **options)
         if not wait_until(lambda: self.run("status", check=False).returncode == 0):
             raise AssertionError("the service did not come up\n" + self.log_tail())
 
@@ -149,11 +150,16 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual(header[:8], b"\x89PNG\r\n\x1a\n")
         self.assertEqual(struct.unpack(">II", header[16:24]), (1440, 900))
         self.assertIn("DORVANE DEMO SECURE BOOT", self.log_file().read_text(errors="replace"))
-        again = self.home.root / "again.png"
-        started = time.monotonic()
-        self.home.run("screenshot", guest, "-o", str(again))
-        self.assertLess(time.monotonic() - started, 2.0)  # the figure itself is the benchmark's
-        self.assertGreater(again.stat().st_size, 1000)
+        again, took = self.home.root / "again.png", []
+        for _ in range(5):
+            again.unlink(missing_ok=True)
+            started = time.monotonic()
+            self.home.run("screenshot", guest, "-o", str(again))
+            took.append(time.monotonic() - started)
+            self.assertGreater(again.stat().st_size, 1000)
+        print(f"\nscreenshot: median of 5 {statistics.median(took):.3f} s")
+        # Room for a sanitized build; what a release build takes is for bench/screenshot to judge.
+        self.assertLess(max(took), 2.0)
 
     def test_3_second_instance_is_refused_and_the_first_goes_on(self):
         result = subprocess.run(self.home.serve_words(), env=self.home.environment, capture_output=True, text=True,
@@ -228,9 +234,21 @@ class ServiceTest(unittest.TestCase):
             self.home.run("stop", "--force", guest)
         self.assertTrue(wait_until(lambda: not self.home.children(), 30), self.home.log_tail())
 
-    def test_9_termination_stops_the_guest_first(self):
+    def test_9_termination_and_interruption_stop_the_guest_first(self):
         self.boot()
+        # Going back to this is quicker than booting again.
+        self.home.run("snapshot", "take", guest, "booted", "--memory")
         self.assertEqual(self.home.stop_service(), 0)
+        self.assert_stopped_in_order()
+        # A terminal's Ctrl-C is for the whole group of processes that it started, the guest's QEMU with them.
+        self.home.start_service(process_group=0)
+        self.home.run("snapshot", "restore", guest, "booted", "--yes")
+        self.home.run("start", guest)
+        os.killpg(self.home.service.pid, signal.SIGINT)
+        self.assertEqual(self.home.service.wait(timeout=90), 0)
+        self.assert_stopped_in_order()
+
+    def assert_stopped_in_order(self):
         self.assertEqual(self.home.children(), [])
         self.assertEqual(self.home.runtime_leftovers(), [])
         self.assertIn("DORVANE DEMO POWEROFF", self.log_file().read_text(errors="replace"))
