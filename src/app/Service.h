@@ -6,8 +6,8 @@
 
 namespace dorvane {
 
-/// Runs until SIGTERM or SIGINT and returns the exit status. A failure to start is one sentence on standard
-/// error.
+/// Runs until SIGTERM, SIGINT or SIGHUP and returns the exit status. A failure to start is one sentence on
+/// standard error.
 int runService(const ServeRequest& request);
 
 /// The socket that a running service of this user listens on.
