@@ -24,7 +24,7 @@ ProcessCommand emulatorCommand(const Path& executable, const Path& stateDirector
                            .arguments = {"socket", "--tpm2", "--tpmstate", "dir=" + stateDirectory.string(),
                                          "--ctrl", "type=unixio,path=" + socket.string()}};
     if (isOld)
-        command.arguments.push_back("--terminate");
+        command.arguments.emplace_back("--terminate");
     else
         command.arguments.back() += ",terminate";
     return command;
