@@ -10,7 +10,7 @@
 namespace dorvane {
 namespace {
 
-enum class SettingType { boolean, integer, number, text };
+enum class SettingType { boolean, integer, text };
 
 /// The settings that a user may change and that something heeds, with the type each is stored in.
 const std::map<std::string, SettingType>& editableSettings() {
@@ -52,19 +52,11 @@ std::optional<std::int64_t> wholeNumber(const std::string& text) {
 
 JSON parseValue(SettingType type, const std::string& text) {
     if (type == SettingType::text) return text;
-    JSON value;
-    try {
-        value = parseJSON(text);
-    } catch (const JSONError&) {
-        value = nullptr;
-    }
-    if (type == SettingType::boolean && value.is_boolean()) return value;
-    if (type == SettingType::integer)
+    const bool isInteger = type == SettingType::integer;
+    if (!isInteger && (text == "true" || text == "false")) return text == "true";
+    if (isInteger)
         if (const auto number = wholeNumber(text)) return *number;
-    if (type == SettingType::number && value.is_number()) return value;
-    const auto* expected = type == SettingType::boolean   ? "true or false"
-                           : type == SettingType::integer ? "a whole number"
-                                                          : "a number";
+    const auto* expected = isInteger ? "a whole number" : "true or false";
     throw ControlError(ControlErrorCode::invalidParams, localized("“%@” is not %@.", text, expected));
 }
 
